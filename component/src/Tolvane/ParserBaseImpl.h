@@ -1,0 +1,102 @@
+// The message records: plain fields that know nothing of the documents' format, and the abstract
+// factory that makes them. A handler asks the factory for a record, calls Parse on the incoming
+// document or fills the fields and calls Result on the outgoing one, and deletes the record.
+//
+// A document handle is an untyped pointer that holds a pointer to the format's document object
+// (CXML). Unless told otherwise Parse and Result give 0 for success and -1 for failure.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// The parameters of one registration: the register command, and what each CRegister keeps of it.
+class CRegMsg {
+ public:
+  virtual ~CRegMsg() = default;
+  virtual int Parse(void* pDoc) = 0;
+  virtual int Result(void* pDoc) = 0;
+
+  std::string m_strAor;
+  std::string m_strRegistrar;
+  int m_nExpires = 0;  // seconds
+  std::string m_strDisplayName;
+  int m_bAutoRefresh = 0;
+  int m_bSubscribe = 0;
+  int m_bAutoReregister = 0;
+  int m_nReregisterInterval = 0;  // seconds
+  std::string m_strContactParam;
+  std::string m_strUserAgent;
+  std::string m_strRequire;
+  int m_nResult = 0;
+  int m_nId = -1;  // registration id
+};
+
+// The outcome of a registration or deregistration, for the client.
+class CRegNtfRsp {
+ public:
+  virtual ~CRegNtfRsp() = default;
+  virtual int Result(void* pDoc) = 0;
+
+  int m_nId = -1;
+  int m_nResult = 0;
+  int m_nErrorCode = 0;  // SIP status; 0 when no answer came
+  int m_nWarnCode = 0;
+  std::string m_strUri;
+  std::string m_strWarnText;
+  int m_nRetryAfter = 0;  // seconds
+};
+
+// The deregister command.
+class CDeReg {
+ public:
+  virtual ~CDeReg() = default;
+  virtual int Parse(void* pDoc) = 0;
+  virtual int Result(void* pDoc) = 0;
+
+  int m_nId = -1;
+  int m_bNoSend = 0;
+  int m_bDesubscribe = 1;
+  int m_nResult = 0;
+};
+
+// The service was lost: status 533 was answered with a new REGISTER.
+class CRegSerLost {
+ public:
+  virtual ~CRegSerLost() = default;
+  virtual int Result(void* pDoc) = 0;
+
+  int m_nId = -1;
+};
+
+// A change of a registration's state, for the client.
+class CRegStateNotify {
+ public:
+  virtual ~CRegStateNotify() = default;
+  virtual int Result(void* pDoc) = 0;
+
+  int m_nId = -1;
+  std::string m_strState;
+  std::string m_strEvent;
+  int m_nRetryAfter = 0;  // seconds
+};
+
+// Makes records; has no state, any thread may call it. Every operation gives a new object that the
+// caller owns, or null when memory is exhausted.
+class CRegParserFactory {
+ public:
+  virtual ~CRegParserFactory() = default;
+  virtual CRegMsg* CreateRegMsg() = 0;
+  virtual CRegNtfRsp* CreateRegNtfRsp() = 0;
+  virtual CDeReg* CreateDeReg() = 0;
+  virtual CRegSerLost* CreateRegSerLost() = 0;
+  virtual CRegStateNotify* CreateRegStateNotify() = 0;
+};
+
+inline constexpr std::uint16_t E_PARSER_XML = 0;
+
+class CRegParserFactoryObj {
+ public:
+  // A new factory for this kind of document, owned by the caller; null for an unknown kind or
+  // without memory.
+  static CRegParserFactory* GetParserFactory(std::uint16_t nKind);
+};

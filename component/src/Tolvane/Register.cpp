@@ -1,0 +1,186 @@
+// Commands and the road by which every REGISTER leaves. The answers are in RegisterRsp.cpp, the
+// timer in RegisterTimer.cpp.
+
+#include "Register.h"
+
+#include <algorithm>
+
+#include "RegisterSipProcess.h"
+#include "RegLog.h"
+#include "SivraLock.h"
+
+void CRegister::SetRegInfo(const CRegMsg& stRegMsg) {
+  REG_LOG_SCOPE();
+  // m_nResult alone stays: it belongs to the answer of the command.
+  const int nResult = m_stRegInfo.m_nResult;
+  static_cast<CRegMsg&>(m_stRegInfo) = stRegMsg;
+  m_stRegInfo.m_nResult = nResult;
+  m_nRefreshTime = GetRefreshTime(m_stRegInfo.m_nExpires);
+  AddSchema(m_stRegInfo.m_strAor);
+  AddSchema(m_stRegInfo.m_strRegistrar);
+  Readdress(m_stRegInfo.m_strAor);
+}
+
+int CRegister::Register() {
+  REG_LOG_SCOPE();
+  const VkLocker oLocker(g_oRegLock);
+  KDThread* const hThread = kdThreadSelf();
+  RememberThread(hThread);
+  kdInstallCallback(TimerEvent, E_REG_TIMER_EVENT_START_REFRESH, this);
+  kdInstallCallback(TimerEvent, E_REG_TIMER_EVENT_START_REREG, this);
+  kdInstallCallback(TimerEvent, E_REG_TIMER_EVENT_STOP, this);
+  m_hThread = hThread;
+  {
+    const CSivraLocker oSivraLocker;
+    m_bNoRefresh = false;
+  }
+  const int nResult = SendRegister();
+  if (nResult == 0) {
+    m_eRegState = E_REG_STATE_REGING;
+  } else {
+    REG_LOG(E_LOG_INFO, "Send Register Fail\n");
+  }
+  return nResult;
+}
+
+int CRegister::Deregister(int bNoSend) {
+  REG_LOG_SCOPE();
+  const VkLocker oLocker(g_oRegLock);
+  int nResult = -1;
+  kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REFRESH, this);
+  kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REREG, this);
+  kdInstallCallback(nullptr, E_REG_TIMER_EVENT_STOP, this);
+
+  if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
+    // On the timer's own thread nobody is left to receive a STOP, so the timer ends here.
+    StopTimerOnOwnThread();
+    if (m_eRegState == E_REG_STATE_REGED && m_bRefreshTimerOn != 0) {
+      m_bRefreshTimerOn = 0;
+      PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
+    }
+    SetExpires(0, true);
+    if (bNoSend != 0) {
+      REG_LOG(E_LOG_INFO, "do not send deregister message");
+      nResult = 0;
+    } else {
+      nResult = SendRegister();
+    }
+    m_eRegState = E_REG_STATE_DEREGING;
+    REG_LOG(E_LOG_INFO, "m_eRegState is E_REG_STATE_DEREGING!");
+    if (nResult == -1) {
+      m_eRegState = E_REG_STATE_UNREG;
+      REG_LOG(E_LOG_WARNING, "Send Register failed!\n");
+    }
+  } else if (m_eRegState == E_REG_STATE_DEREGING) {
+    nResult = 0;
+  }
+  return nResult;
+}
+
+void CRegister::Release() {
+  REG_LOG_SCOPE();
+  if (m_lStackRegId < 1) return;
+  if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
+    if (Deregister(0) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
+  }
+  StopTimerOnOwnThread();
+  if (m_bRefreshTimerOn != 0 || m_bReregTimerOn != 0) {
+    PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
+  }
+  const CSivraLocker oSivraLocker;
+  sivra_register_release(m_lStackRegId);
+  // Whoever still names the object finds it uninitialised from here on, and sends nothing.
+  m_lStackRegId = 0;
+}
+
+int CRegister::SendRegister() {
+  REG_LOG_SCOPE();
+  return SendRegister(false);
+}
+
+// bRefresh: a firing asks for it, which must not come behind a deregistration.
+int CRegister::SendRegister(bool bRefresh) {
+  if (m_lStackRegId < 1) {
+    REG_LOG(E_LOG_WARNING, "Register is not initialized\n");
+    return -1;
+  }
+  int nResult = 0;
+  nsip_message* pMsg = nullptr;
+  {
+    const CSivraLocker oSivraLocker;
+    const long lStackRegId = m_lStackRegId;
+    // Both can have come about while this thread waited for the lock.
+    if (lStackRegId < 1) return -1;
+    if (bRefresh && m_bNoRefresh) return 0;
+
+    const int nExpires = m_stRegInfo.m_nExpires;
+    REG_LOG(E_LOG_INFO, "m_lStackRegId is %d\n", static_cast<int>(lStackRegId));
+    REG_LOG(E_LOG_INFO, "m_stRegInfo.m_nExpires is %d\n", nExpires);
+    if (sivra_register_build_register(&pMsg, lStackRegId, nExpires) == 0 && pMsg != nullptr) {
+      // The configuration step has its place here: between building the request and the headers
+      // below, which it cannot take away.
+      if (!m_stRegInfo.m_strUserAgent.empty()) {
+        nsip_message_set_header(pMsg, "User-Agent", m_stRegInfo.m_strUserAgent.c_str());
+      }
+      if (nExpires > 0) {
+        char szExpires[100];
+        kdMemset(szExpires, 0, sizeof szExpires);
+        kdSprintfKHR(szExpires, "%d", nExpires);
+        nsip_message_set_header(pMsg, "Expires", szExpires);
+      }
+      nResult = sivra_register_send_register(lStackRegId, pMsg);
+    }
+  }
+  if (pMsg == nullptr) {
+    REG_LOG(E_LOG_ERROR, "sivra build build fail\n");
+    return -1;
+  }
+  if (nResult != 0) REG_LOG(E_LOG_WARNING, "send register fail\n");
+  return nResult;
+}
+
+void CRegister::AddSchema(std::string& strUri) {
+  if (strUri.find("sip:") == std::string::npos) strUri.insert(0, "sip:");
+}
+
+std::string CRegister::ConstructUri(const std::string& strUri, const std::string& strDisplayName) {
+  if (strDisplayName.empty()) return strUri;
+  return strDisplayName + "<" + strUri + ">";
+}
+
+long CRegister::InitRegister(long lStackRegId, const std::string& strUri,
+                             const std::string& strDisplayName, const std::string& strRegistrar) {
+  REG_LOG_SCOPE();
+  const std::string strFull = ConstructUri(strUri, strDisplayName);
+  const CSivraLocker oSivraLocker;
+  return sivra_register_set_info(lStackRegId, strFull, strFull, strRegistrar);
+}
+
+void CRegister::Readdress(const std::string& strUri) {
+  const long lOld = m_lStackRegId;
+  const long lNew =
+      InitRegister(lOld, strUri, m_stRegInfo.m_strDisplayName, m_stRegInfo.m_strRegistrar);
+  // A URI that the library refuses, say out of a registrar's answer, must not cost an entry that
+  // works.
+  if (lNew < 1 && lOld >= 1) return;
+  m_strDefaultUri = strUri;
+  m_lStackRegId = lNew;
+  GetRegGlobal().m_pRegisterSipProcess->OnStackIdChanged(this, lOld, lNew);
+}
+
+// With bLast no refresh leaves any more. A firing reads the expiry with the library lock held.
+void CRegister::SetExpires(int nExpires, bool bLast) {
+  const CSivraLocker oSivraLocker;
+  m_stRegInfo.m_nExpires = nExpires;
+  if (bLast) m_bNoRefresh = true;
+}
+
+void CRegister::RememberThread(KDThread* hThread) {
+  if (std::find(m_vecThreads.begin(), m_vecThreads.end(), hThread) == m_vecThreads.end()) {
+    m_vecThreads.push_back(hThread);
+  }
+}
+
+void CRegister::StopTimerOnOwnThread() {
+  if (m_hThread.load() != nullptr && m_hThread == kdThreadSelf()) StopTimer();
+}

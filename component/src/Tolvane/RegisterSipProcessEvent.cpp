@@ -1,0 +1,185 @@
+// The road from the SIP stack to the bus: an event is matched to its registration, which decides
+// what it means, and becomes a notification. All of it runs on the stack's delivery thread, with
+// the registry locked.
+
+#include "ParserBaseImpl.h"
+#include "Register.h"
+#include "RegisterSipProcess.h"
+#include "RegLog.h"
+
+namespace {
+
+// Frees an object of vktNew at the end of a scope.
+template <typename T>
+class [[nodiscard]] COwner {
+ public:
+  explicit COwner(T* pObject) : m_pObject(pObject) {}
+  ~COwner() { vktDelete(m_pObject); }
+  COwner(const COwner&) = delete;
+  COwner& operator=(const COwner&) = delete;
+  T* operator->() const { return m_pObject; }
+  T* Get() const { return m_pObject; }
+
+ private:
+  T* m_pObject;
+};
+
+}  // namespace
+
+// The event record of one stack event, with its texts.
+class CRegisterSipProcess::CRegEventRecord {
+ public:
+  CRegEventRecord() { m_stRegEvent.eRegEventType = -1; }
+  ~CRegEventRecord() { FreeRegEvent(&m_stRegEvent); }
+  CRegEventRecord(const CRegEventRecord&) = delete;
+  CRegEventRecord& operator=(const CRegEventRecord&) = delete;
+  ST_REG_EVENT* Get() { return &m_stRegEvent; }
+
+ private:
+  ST_REG_EVENT m_stRegEvent{};
+};
+
+const PS_EVENT_ENTRY CRegisterSipProcess::s_astEvents[] = {
+    {SIP_EVENT_REGISTER_RESPONSE,
+     static_cast<PS_EVENT_HANDLER>(&CRegisterSipProcess::OnRegisterRsp)},
+    {SIP_EVENT_REGISTER_TIMEOUT,
+     static_cast<PS_EVENT_HANDLER>(&CRegisterSipProcess::OnRegisterErr)},
+    {SIP_EVENT_REGISTER_UNSENT, static_cast<PS_EVENT_HANDLER>(&CRegisterSipProcess::OnRegisterErr)},
+    {0, nullptr},
+};
+
+const PS_EVENT_MAP CRegisterSipProcess::s_stRegEventMap = {&CPSObject::s_stEventMap, s_astEvents};
+
+const PS_EVENT_MAP* CRegisterSipProcess::GetEventMap() const { return &s_stRegEventMap; }
+
+int CRegisterSipProcess::OnRegisterRsp(SipStackEvent* pEvent) {
+  const CRegMgrLocker oLocker(*this);
+  REG_LOG_KEYS("resp m_mapRegister is %d\n");
+  if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
+    REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
+    CRegEventRecord oRecord;
+    pRegister->OnRegRsp(pEvent, *oRecord.Get());
+    OnRegEvent(pRegister, oRecord.Get());
+  }
+  return 0;
+}
+
+int CRegisterSipProcess::OnRegisterErr(SipStackEvent* pEvent) {
+  const CRegMgrLocker oLocker(*this);
+  if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
+    REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
+    CRegEventRecord oRecord;
+    pRegister->OnRegError(pEvent, *oRecord.Get());
+    OnRegEvent(pRegister, oRecord.Get());
+  }
+  return 0;
+}
+
+void CRegisterSipProcess::FreeRegEvent(ST_REG_EVENT* pRegEvent) {
+  delete[] pRegEvent->strAor;
+  delete[] pRegEvent->pszReserved;
+  delete[] pRegEvent->strWarnText;
+}
+
+int CRegisterSipProcess::OnRegEvent(CRegister* pRegister, ST_REG_EVENT* pRegEvent) {
+  REG_LOG_SCOPE();
+  const COwner<CXML> oDoc(vktNew<CXML>());
+  if (oDoc.Get() == nullptr) {
+    REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
+    return -1;
+  }
+  switch (pRegEvent->eRegEventType) {
+    case E_REG_EVENT_SERVICE_LOST:
+      EventSerLost(oDoc.Get(), pRegEvent);
+      break;
+    case E_REG_EVENT_STATE_CHANGE:
+      EventSubNotify(pRegister, pRegEvent, oDoc.Get());
+      break;
+    case E_REG_EVENT_NONE:
+      break;
+    default:
+      EventIgnore(pRegister, pRegEvent, oDoc.Get());
+      break;
+  }
+  return 0;
+}
+
+void CRegisterSipProcess::EventSerLost(CXML* pDoc, ST_REG_EVENT* pRegEvent) {
+  const COwner<CRegSerLost> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSerLost());
+  if (oMsg.Get() == nullptr) return;
+  oMsg->m_nId = pRegEvent->nRegId;
+  oMsg->Result(pDoc);
+  XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_SERVICE_LOST, pDoc, nullptr);
+}
+
+void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRegEvent,
+                                         CXML* pDoc) {
+  {
+    const COwner<CRegStateNotify> oMsg(GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
+    if (oMsg.Get() == nullptr) return;
+    oMsg->m_nId = pRegEvent->nRegId;
+    const auto itWord = m_mapRegEventName.find(pRegEvent->nEventWord);
+    if (itWord != m_mapRegEventName.end()) oMsg->m_strEvent = itWord->second;
+    oMsg->m_strState = pRegister->GetRegState() == E_REG_STATE_REGED ? "Active" : "Terminate";
+    int nRetryAfter = 0;
+    pRegister->GetRetryAfter(&nRetryAfter);
+    if (nRetryAfter > 0) oMsg->m_nRetryAfter = nRetryAfter;
+    oMsg->Result(pDoc);
+    XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_STATE, pDoc, nullptr);
+  }
+  if (pRegister->IsAutoReregister() == 0) {
+    const int nRegId = pRegister->GetRegId();
+    const bool bFree = Remove(pRegister, nRegId);
+    REG_LOG(E_LOG_INFO, "EventSubNotify  nRegId is %d\n", nRegId);
+    if (bFree) REG_LOG(E_LOG_INFO, "EventSubNotify vktDelete pReg");
+    REG_LOG_KEYS("EventSubNotify: m_mapRegister is %d\n");
+  }
+}
+
+void CRegisterSipProcess::EventIgnore(CRegister* pRegister, ST_REG_EVENT* pRegEvent, CXML* pDoc) {
+  REG_LOG_SCOPE();
+  {
+    const COwner<CRegNtfRsp> oMsg(GetRegGlobal().m_pParserFactory->CreateRegNtfRsp());
+    if (oMsg.Get() == nullptr) return;
+    oMsg->m_nId = pRegEvent->nRegId;
+    switch (pRegEvent->eRegEventType) {
+      case E_REG_EVENT_SUCCESS:
+        oMsg->m_nResult = 0;
+        if (pRegEvent->strAor != nullptr) oMsg->m_strUri = pRegEvent->strAor;
+        break;
+      case E_REG_EVENT_DEREGISTERED:
+        oMsg->m_nResult = 0;
+        break;
+      default: {
+        oMsg->m_nResult = -1;
+        oMsg->m_nErrorCode = pRegEvent->nStatusCode;
+        if (pRegEvent->nWarnCode != -1) {
+          oMsg->m_nWarnCode = pRegEvent->nWarnCode;
+          if (pRegEvent->strWarnText != nullptr) oMsg->m_strWarnText = pRegEvent->strWarnText;
+        }
+        int nRetryAfter = 0;
+        pRegister->GetRetryAfter(&nRetryAfter);
+        if (nRetryAfter > 0) oMsg->m_nRetryAfter = nRetryAfter;
+        break;
+      }
+    }
+    oMsg->Result(pDoc);
+    REG_LOG(E_LOG_INFO, "strRegEvent.eRegEventType is %d\n", pRegEvent->eRegEventType);
+    if (pRegEvent->eRegEventType == E_REG_EVENT_DEREGISTERED) {
+      XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_DEREGISTERED, pDoc, nullptr);
+    } else if (pRegister->IsEventPost() == 0) {
+      REG_LOG(E_LOG_INFO, "do not post reg event!\n");
+    } else {
+      REG_LOG(E_LOG_INFO, "post event!\n");
+      XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_OUTCOME, pDoc, nullptr);
+    }
+    REG_LOG_KEYS("post event m_mapRegister is %d\n");
+  }
+  // A success lives on; the subscription to its state will start from here.
+  if (pRegEvent->eRegEventType == E_REG_EVENT_SUCCESS) return;
+  const int nRegId = pRegister->GetRegId();
+  const bool bFree = Remove(pRegister, nRegId);
+  REG_LOG(E_LOG_INFO, "EventIgnore regid is %d\n", nRegId);
+  if (bFree) REG_LOG(E_LOG_INFO, "EventIgnore vktDelete pReg");
+  REG_LOG_KEYS("EventIgnore: m_mapRegister is %d\n");
+}

@@ -1,0 +1,68 @@
+#include "USObject.h"
+
+#include "VorelKDCore/VorelKDCore.h"
+
+namespace {
+
+constexpr US_CMD_ENTRY s_astNoCommands[] = {{0, nullptr}};
+constexpr US_NTF_ENTRY s_astNoNotifies[] = {{"", 0, nullptr}};
+constexpr PS_EVENT_ENTRY s_astNoEvents[] = {{0, nullptr}};
+
+// The first row of the chain that `bMatch` accepts, or null.
+template <typename TMap, typename TRow, typename TMatch>
+const TRow* FindRow(const TMap* pMap, const TRow* TMap::*pTable, TMatch bMatch) {
+  for (; pMap != nullptr; pMap = pMap->pBase) {
+    const TRow* pRow = pMap->*pTable;
+    for (; pRow != nullptr && pRow->pHandler != nullptr; ++pRow) {
+      if (bMatch(*pRow)) return pRow;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+const US_MSG_MAP CUSObject::s_stMsgMap = {nullptr, s_astNoCommands, s_astNoNotifies};
+const PS_EVENT_MAP CPSObject::s_stEventMap = {nullptr, s_astNoEvents};
+
+const US_MSG_MAP* CUSObject::GetMsgMap() const { return &s_stMsgMap; }
+const PS_EVENT_MAP* CPSObject::GetEventMap() const { return &s_stEventMap; }
+
+int CUSObject::RegisterNotifies(XSNotifyCallback* pCallback) {
+  FindRow(GetMsgMap(), &US_MSG_MAP::pNotifies, [pCallback](const US_NTF_ENTRY& stRow) {
+    XSSubNotify(stRow.szSource, stRow.nNtfId, pCallback);
+    return false;
+  });
+  return 0;
+}
+
+int CUSObject::UnregisterNotifies(XSNotifyCallback* pCallback) {
+  FindRow(GetMsgMap(), &US_MSG_MAP::pNotifies, [pCallback](const US_NTF_ENTRY& stRow) {
+    XSUnsubNotify(stRow.szSource, stRow.nNtfId, pCallback);
+    return false;
+  });
+  return 0;
+}
+
+int CUSObject::OnCommand(int nCmdId, CXML* pIn, CXML* pOut) {
+  const US_CMD_ENTRY* pRow =
+      FindRow(GetMsgMap(), &US_MSG_MAP::pCommands,
+              [nCmdId](const US_CMD_ENTRY& stRow) { return stRow.nCmdId == nCmdId; });
+  return pRow == nullptr ? -1 : (this->*pRow->pHandler)(pIn, pOut);
+}
+
+int CUSObject::OnNotify(const char* szSource, int nNtfId, CXML* pDoc, void* pExtra) {
+  if (szSource == nullptr) return -1;
+  const US_NTF_ENTRY* pRow =
+      FindRow(GetMsgMap(), &US_MSG_MAP::pNotifies, [=](const US_NTF_ENTRY& stRow) {
+        return stRow.nNtfId == nNtfId && kdStrcmp(szSource, stRow.szSource) == 0;
+      });
+  return pRow == nullptr ? -1 : (this->*pRow->pHandler)(szSource, pDoc, pExtra);
+}
+
+int CPSObject::OnEvent(int nEventId, SipStackEvent* pEvent) {
+  const PS_EVENT_ENTRY* pRow =
+      FindRow(GetEventMap(), &PS_EVENT_MAP::pEvents,
+              [nEventId](const PS_EVENT_ENTRY& stRow) { return stRow.nEventId == nEventId; });
+  return pRow == nullptr ? -1 : (this->*pRow->pHandler)(pEvent);
+}

@@ -1,0 +1,96 @@
+// The records' XML twins. A twin is handled through its record everywhere; it reaches the documents
+// through its second base, CXMLObj. Memory that runs out inside an operation leaves it as
+// std::bad_alloc and is dealt with at the component's boundary.
+#pragma once
+
+#include <string>
+
+#include "Domletlib/Domletlib.h"
+#include "ParserBaseImpl.h"
+
+// 1 for "true" in any case and for "1"; 0 for "false"; otherwise the default.
+int TextToBool(const std::string& strText, int nDefault);
+// 'a' to 'z' become 'A' to 'Z', all other bytes stay.
+std::string ToUpperText(const std::string& strText);
+
+// Access to the two documents of a message. Results are truth values. bMandatory: empty text counts
+// as a failed read; bReset: the search starts at the level's first element.
+class CParserObj {
+ public:
+  virtual ~CParserObj() = default;
+  virtual int SetInDoc(void* pDoc) = 0;
+  virtual int SetOutDoc(void* pDoc) = 0;
+  virtual int FindNode(const std::string& strName, int bReset) = 0;
+  virtual int GetNodeInt(int* pnValue, const std::string& strName, int bMandatory, int bReset) = 0;
+  virtual int GetNodeStr(std::string& strValue, const std::string& strName, int bMandatory,
+                         int bReset) = 0;
+  virtual int GetNodeBool(int* pbValue, const std::string& strName, int bMandatory, int bReset) = 0;
+  virtual int GetAttrInt(int* pnValue, const std::string& strName, int bMandatory) = 0;
+  virtual int GetAttrStr(std::string& strValue, const std::string& strName, int bMandatory) = 0;
+  virtual int GetAttrBool(int* pbValue, const std::string& strName, int bMandatory) = 0;
+  virtual int AddNodeChild(const std::string& strName, int nValue,
+                           const std::string& strChildName) = 0;
+};
+
+// Borrows its documents; never frees them.
+class CXMLObj : public CParserObj {
+ public:
+  int SetInDoc(void* pDoc) override;
+  int SetOutDoc(void* pDoc) override;
+  int FindNode(const std::string& strName, int bReset) override;
+  int GetNodeInt(int* pnValue, const std::string& strName, int bMandatory, int bReset) override;
+  int GetNodeStr(std::string& strValue, const std::string& strName, int bMandatory,
+                 int bReset) override;
+  int GetNodeBool(int* pbValue, const std::string& strName, int bMandatory, int bReset) override;
+  int GetAttrInt(int* pnValue, const std::string& strName, int bMandatory) override;
+  int GetAttrStr(std::string& strValue, const std::string& strName, int bMandatory) override;
+  int GetAttrBool(int* pbValue, const std::string& strName, int bMandatory) override;
+  int AddNodeChild(const std::string& strName, int nValue,
+                   const std::string& strChildName) override;
+  virtual int AttachInDoc(void* pDoc, CXML** ppXml);
+  virtual int AttachOutDoc(void* pDoc, CXML** ppXml);
+
+ private:
+  // The element's or attribute's text; false when it is absent, or empty although bMandatory.
+  bool NodeText(std::string& strText, const std::string& strName, int bMandatory, int bReset);
+  bool AttrText(std::string& strText, const std::string& strName, int bMandatory);
+
+  CXML* m_pInDoc = nullptr;
+  CXML* m_pOutDoc = nullptr;
+};
+
+class CXMLCRegMsg : public CRegMsg, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+  int Result(void* pDoc) override;
+};
+
+class CXMLCRegNtfRsp : public CRegNtfRsp, public CXMLObj {
+ public:
+  int Result(void* pDoc) override;
+};
+
+class CXMLCDeReg : public CDeReg, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+  int Result(void* pDoc) override;
+};
+
+class CXMLCRegSerLost : public CRegSerLost, public CXMLObj {
+ public:
+  int Result(void* pDoc) override;
+};
+
+class CXMLCRegStateNotify : public CRegStateNotify, public CXMLObj {
+ public:
+  int Result(void* pDoc) override;
+};
+
+class CXmlCRegFactory : public CRegParserFactory {
+ public:
+  CRegMsg* CreateRegMsg() override;
+  CRegNtfRsp* CreateRegNtfRsp() override;
+  CDeReg* CreateDeReg() override;
+  CRegSerLost* CreateRegSerLost() override;
+  CRegStateNotify* CreateRegStateNotify() override;
+};
