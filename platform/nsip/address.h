@@ -1,0 +1,14 @@
+// Writing of addresses for the message writer; reading stands in the public header.
+#pragma once
+
+#include <string>
+
+#include "nsip/nsip.h"
+
+namespace nsip {
+
+// False when a part of the address could not be read back as what it is; the text is of no use
+// then.
+[[nodiscard]] bool append_address(const nsip_from& from, std::string& text);
+
+}  // namespace nsip

@@ -1,0 +1,16 @@
+// Writing of URIs for the other writers of this library; reading stands in the public header.
+#pragma once
+
+#include <string>
+
+#include "nsip/nsip.h"
+
+namespace nsip {
+
+// False when a part of the URI could not be read back as what it is; the text is of no use then.
+[[nodiscard]] bool append_uri(const nsip_uri& uri, std::string& text);
+// sip or sips, in any case.
+[[nodiscard]] bool is_sip_scheme(std::string_view scheme);
+[[nodiscard]] bool is_uri_headers(std::string_view text);
+
+}  // namespace nsip
