@@ -1,0 +1,132 @@
+#include "sivra/digest.h"
+
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <strings.h>
+
+#include <memory>
+
+namespace sivra {
+namespace {
+
+struct NamedAlgorithm {
+  std::string_view name;
+  DigestAlgorithm algorithm;
+};
+
+constexpr std::array<NamedAlgorithm, 6> kAlgorithms{{
+    {"MD5", {Hash::kMd5, false}},
+    {"MD5-sess", {Hash::kMd5, true}},
+    {"SHA-256", {Hash::kSha256, false}},
+    {"SHA-256-sess", {Hash::kSha256, true}},
+    {"SHA-512-256", {Hash::kSha512Trunc256, false}},
+    {"SHA-512-256-sess", {Hash::kSha512Trunc256, true}},
+}};
+
+const EVP_MD* Function(Hash hash) {
+  switch (hash) {
+    case Hash::kMd5:
+      return EVP_md5();
+    case Hash::kSha256:
+      return EVP_sha256();
+    case Hash::kSha512Trunc256:
+      return EVP_sha512_256();
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool ParseDigestAlgorithm(std::string_view token, DigestAlgorithm& algorithm) {
+  for (const NamedAlgorithm& known : kAlgorithms) {
+    if (known.name.size() == token.size() &&
+        strncasecmp(known.name.data(), token.data(), token.size()) == 0) {
+      algorithm = known.algorithm;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string_view DigestAlgorithmName(DigestAlgorithm algorithm) {
+  for (const NamedAlgorithm& known : kAlgorithms) {
+    if (known.algorithm.hash == algorithm.hash && known.algorithm.session == algorithm.session) {
+      return known.name;
+    }
+  }
+  return {};
+}
+
+std::string HashValue::Hex() const { return HexText(std::span(bytes).first(size)); }
+
+bool HashJoined(Hash hash, std::initializer_list<std::string_view> parts, HashValue& value) {
+  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                        &EVP_MD_CTX_free);
+  const EVP_MD* const function = Function(hash);
+  if (!context || function == nullptr ||
+      EVP_MD_get_size(function) > static_cast<int>(value.bytes.size()) ||
+      EVP_DigestInit_ex(context.get(), function, nullptr) != 1) {
+    return false;
+  }
+  // Fed piece by piece: a joined text would leave a password in freed memory.
+  bool first = true;
+  for (const std::string_view part : parts) {
+    if ((!first && EVP_DigestUpdate(context.get(), ":", 1) != 1) ||
+        EVP_DigestUpdate(context.get(), part.data(), part.size()) != 1) {
+      return false;
+    }
+    first = false;
+  }
+  unsigned int size = 0;
+  if (EVP_DigestFinal_ex(context.get(), value.bytes.data(), &size) != 1) {
+    return false;
+  }
+  value.size = static_cast<std::uint8_t>(size);
+  return true;
+}
+
+bool ComputeHa1(DigestAlgorithm algorithm, std::string_view user, std::string_view realm,
+                std::string_view password, std::string_view nonce, std::string_view cnonce,
+                HashValue& ha1) {
+  if (!HashJoined(algorithm.hash, {user, realm, password}, ha1)) {
+    return false;
+  }
+  // The inner hash counts as its hex text: H() of RFC 7616 §3.4.2 is one, and so erratum 1649 of
+  // RFC 2617 has it.
+  return !algorithm.session || HashJoined(algorithm.hash, {ha1.Hex(), nonce, cnonce}, ha1);
+}
+
+bool ComputeResponse(Hash hash, const HashValue& ha1, const DigestInput& input,
+                     std::string& response) {
+  HashValue ha2;
+  HashValue result;
+  if (!HashJoined(hash, {input.method, input.uri}, ha2)) {
+    return false;
+  }
+  const bool hashed =
+      input.qop_auth
+          ? HashJoined(hash, {ha1.Hex(), input.nonce, input.nc, input.cnonce, "auth", ha2.Hex()},
+                       result)
+          : HashJoined(hash, {ha1.Hex(), input.nonce, ha2.Hex()}, result);
+  if (hashed) {
+    response = result.Hex();
+  }
+  return hashed;
+}
+
+std::string HexText(std::span<const unsigned char> bytes) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char byte : bytes) {
+    text += kDigits[byte >> 4U];
+    text += kDigits[byte & 0x0fU];
+  }
+  return text;
+}
+
+bool RandomBytes(std::span<unsigned char> bytes) {
+  return RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1;
+}
+
+}  // namespace sivra

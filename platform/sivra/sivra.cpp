@@ -1,0 +1,268 @@
+// The face of the library: the registry of entries, and the road of a REGISTER through the stack.
+//
+// Threads. The calls of the face run with the library lock held by the caller. What follows runs on
+// the stack's I/O thread: it takes the lock for each look at an entry and holds it neither when it
+// sends nor when it posts events.
+#include "sivra/sivra.h"
+
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "Sipcarrier/Sipcarrier.h"
+#include "sivra/entry.h"
+
+namespace sivra {
+namespace {
+
+constinit std::mutex g_lock;
+constinit std::atomic<std::size_t> g_entry_count{0};
+
+// Guarded by g_lock.
+struct Registry {
+  std::unordered_map<long, std::unique_ptr<Entry>> entries;
+  long last_id = 0;
+  // The registrar named last: as a rule all entries have the same.
+  std::string registrar_text;
+  Registrar registrar;
+
+  [[nodiscard]] Entry* Find(long id) const {
+    const auto found = entries.find(id);
+    return found == entries.end() || found->second->released() ? nullptr : found->second.get();
+  }
+
+  [[nodiscard]] Registrar FindRegistrar(const std::string& text) {
+    if (!registrar || text != registrar_text) {
+      Registrar fresh = ReadRegistrar(text);
+      if (!fresh) {
+        return nullptr;
+      }
+      registrar_text = text;
+      registrar = std::move(fresh);
+    }
+    return registrar;
+  }
+
+  void Add(std::unique_ptr<Entry> entry) {
+    entries.emplace(entry->id(), std::move(entry));
+    g_entry_count = entries.size();
+  }
+
+  void Erase(long id) {
+    entries.erase(id);
+    g_entry_count = entries.size();
+    Trim();
+  }
+
+  void Trim() {
+    if (entries.empty()) {  // nothing is kept for nobody
+      registrar_text = std::string();
+      registrar.reset();
+    }
+  }
+};
+
+// Never destroyed: a process may end while the stack still runs.
+Registry& TheRegistry() {
+  alignas(Registry) static std::byte storage[sizeof(Registry)];
+  static Registry* const registry = new (storage) Registry;
+  return *registry;
+}
+
+sipcarrier::Outcome Unsent(const char* reason) {
+  sipcarrier::Outcome outcome;
+  outcome.kind = sipcarrier::Outcome::Kind::kUnsent;
+  outcome.reason = reason;  // short, so that it needs no memory
+  return outcome;
+}
+
+void Report(long id, sipcarrier::Outcome outcome) {
+  using Kind = sipcarrier::Outcome::Kind;
+  const int event = outcome.kind == Kind::kResponse  ? SIP_EVENT_REGISTER_RESPONSE
+                    : outcome.kind == Kind::kTimeout ? SIP_EVENT_REGISTER_TIMEOUT
+                                                     : SIP_EVENT_REGISTER_UNSENT;
+  try {
+    sipcarrier::PostStackEvent(event, std::move(outcome.response), std::move(outcome.reason), id);
+  } catch (const std::exception&) {
+    // The event is lost; the entry itself has gone on already.
+  }
+}
+
+// Deals with the outcome of the request in flight; true: something is to be sent for this entry
+// now. When it is false the entry may be gone.
+bool Conclude(Entry& entry, sipcarrier::Outcome outcome) {
+  const long id = entry.id();
+  bool more = false;
+  bool report = false;
+  {
+    const std::lock_guard lock(g_lock);
+    if (outcome.response) {
+      try {
+        if (entry.IsChallengeToAnswer(*outcome.response)) {
+          return true;
+        }
+      } catch (const std::exception&) {
+        outcome = Unsent("out of memory");
+      }
+    }
+    if (outcome.response) {
+      try {
+        entry.Learn(*outcome.response);
+      } catch (const std::exception&) {
+        // The answer counts all the same; only what it could have spared later requests is lost.
+      }
+    }
+    report = !entry.released();
+    more = entry.Next();
+    if (!more && entry.released()) {
+      TheRegistry().Erase(id);
+    }
+  }
+  // Before the next request leaves, since this outcome is the older one. A release between the lock
+  // and here comes too late for this event, as it would for one in the stack's queue.
+  if (report) {
+    Report(id, std::move(outcome));
+  }
+  return more;
+}
+
+void Send(Entry& entry);
+
+void OnOutcome(Entry& entry, sipcarrier::Outcome outcome) {
+  if (Conclude(entry, std::move(outcome))) {
+    Send(entry);
+  }
+}
+
+// Sends the request in flight. What cannot leave is over at once, and the one that waited has its
+// turn.
+void Send(Entry& entry) {
+  const char* failure = nullptr;
+  do {
+    failure = nullptr;
+    try {
+      std::unique_ptr<nsip_message> request;
+      {
+        const std::lock_guard lock(g_lock);
+        request = entry.Depart();
+      }
+      if (request) {
+        // Plain pointers (E4): they fit into the function objects, so nothing is allocated for
+        // them.
+        sipcarrier::SendRequest(
+            std::move(request),
+            [&entry](nsip_message& message, const sipcarrier::Endpoint& local) {
+              try {
+                entry.SettleContact(message, local);
+                return true;
+              } catch (const std::exception&) {
+                return false;
+              }
+            },
+            [&entry](sipcarrier::Outcome outcome) { OnOutcome(entry, std::move(outcome)); });
+      } else {
+        failure = "no credentials";
+      }
+    } catch (const std::exception&) {
+      failure = "out of memory";
+    }
+  } while (failure != nullptr && Conclude(entry, Unsent(failure)));
+}
+
+}  // namespace
+
+void FreeMessage(nsip_message* msg) { delete msg; }
+
+std::size_t EntryCount() { return g_entry_count; }
+
+}  // namespace sivra
+
+void sivra_lock() { sivra::g_lock.lock(); }
+
+void sivra_unlock() { sivra::g_lock.unlock(); }
+
+long sivra_register_set_info(long id, const std::string& from, const std::string& to,
+                             const std::string& registrar) {
+  sivra::Registry& registry = sivra::TheRegistry();
+  long result = -1;
+  try {
+    sivra::Registrar uri = registry.FindRegistrar(registrar);
+    if (id != 0) {
+      sivra::Entry* const entry = registry.Find(id);
+      return entry != nullptr && entry->SetAddresses(from, to, std::move(uri)) ? id : -1;
+    }
+    auto entry = std::make_unique<sivra::Entry>(registry.last_id + 1);
+    if (entry->SetAddresses(from, to, std::move(uri)) && entry->Identify()) {
+      registry.Add(std::move(entry));
+      result = ++registry.last_id;
+    }
+  } catch (const std::exception&) {
+    result = -1;
+  }
+  registry.Trim();
+  return result;
+}
+
+int sivra_register_build_register(nsip_message** msg, long id, int expires) {
+  if (msg == nullptr) {
+    return -1;
+  }
+  *msg = nullptr;
+  try {
+    const sivra::Entry* const entry = sivra::TheRegistry().Find(id);
+    sipcarrier::Endpoint local;
+    if (entry == nullptr || expires < 0 ||
+        !sipcarrier::GuessLocalEndpoint(entry->registrar(), local)) {
+      return -1;
+    }
+    *msg = entry->Build(expires, local).release();
+    return *msg == nullptr ? -1 : 0;
+  } catch (const std::exception&) {
+    return -1;
+  }
+}
+
+int sivra_register_send_register(long id, nsip_message* msg) {
+  std::unique_ptr<nsip_message> message(msg);
+  try {
+    sivra::Entry* const entry = sivra::TheRegistry().Find(id);
+    if (!message || entry == nullptr) {
+      return -1;
+    }
+    if (!entry->Submit(std::move(message))) {
+      return 0;
+    }
+    bool accepted = false;
+    try {
+      accepted = sipcarrier::RunOnIoThread([entry] { sivra::Send(*entry); });
+    } catch (const std::exception&) {
+      accepted = false;
+    }
+    if (accepted) {
+      return 0;
+    }
+    static_cast<void>(entry->Next());  // nothing can wait yet
+    return -1;
+  } catch (const std::exception&) {
+    return -1;
+  }
+}
+
+void sivra_register_release(long id) {
+  sivra::Registry& registry = sivra::TheRegistry();
+  sivra::Entry* const entry = registry.Find(id);
+  if (entry == nullptr) {
+    return;
+  }
+  if (entry->in_flight()) {
+    entry->set_released();
+  } else {
+    registry.Erase(id);
+  }
+}
