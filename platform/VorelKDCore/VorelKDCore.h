@@ -1,5 +1,5 @@
-// VorelKDCore: threads' event queues, timers and text calls, with the meaning that the OpenKODE Core
-// 1.0 standard gives them, plus the few extensions at the end of this file.
+// VorelKDCore: threads' event queues, timers and text calls, with the meaning that the OpenKODE
+// Core 1.0 standard gives them, plus the few extensions at the end of this file.
 //
 // Threads. Every thread has an event queue and a callback table of its own, made at its first call.
 // All calls may be made from any thread; what a call touches is the calling thread's unless a
@@ -25,7 +25,8 @@ using KDust = std::int64_t;  // nanoseconds, signed
 struct KDThread;  // opaque
 struct KDTimer;   // opaque
 
-// An event. type and userptr are set by whoever posts it; timestamp by the library when it is queued.
+// An event. type and userptr are set by whoever posts it; timestamp by the library when it is
+// queued.
 struct KDEvent {
   KDust timestamp;
   KDint32 type;
@@ -81,16 +82,17 @@ TOLVANE_PUBLIC KDint kdPumpEvents();
 
 // --- timers ------------------------------------------------------------------------------------
 // Starts a timer of the calling thread. interval in ns, above 0 (else null, KD_EINVAL). periodic is
-// one of the KD_TIMER_ modes. Each firing is an event KD_EVENT_TIMER_FIRED with eventuserptr in that
-// thread's queue. A timer never has more than one firing queued. PERIODIC_AVERAGE keeps the phase of
-// its start: a late loop loses firings but the average period does not drift.
+// one of the KD_TIMER_ modes. Each firing is an event KD_EVENT_TIMER_FIRED with eventuserptr in
+// that thread's queue. A timer never has more than one firing queued. PERIODIC_AVERAGE keeps the
+// phase of its start: a late loop loses firings but the average period does not drift.
 TOLVANE_PUBLIC KDTimer* kdSetTimer(KDint64 interval, KDint periodic, void* eventuserptr);
-// Ends a timer of the calling thread. After 0 no firing of it is delivered, also none that was queued.
-// -1 with KD_EINVAL: no such timer, or a timer of another thread.
+// Ends a timer of the calling thread. After 0 no firing of it is delivered, also none that was
+// queued. -1 with KD_EINVAL: no such timer, or a timer of another thread.
 TOLVANE_PUBLIC KDint kdCancelTimer(KDTimer* timer);
 
 // --- text --------------------------------------------------------------------------------------
-TOLVANE_PUBLIC KDint kdStrtol(const KDchar* nptr, KDchar** endptr, KDint base);  // saturates at 32 bits
+TOLVANE_PUBLIC KDint kdStrtol(const KDchar* nptr, KDchar** endptr,
+                              KDint base);  // saturates at 32 bits
 TOLVANE_PUBLIC KDint kdStrcmp(const KDchar* s1, const KDchar* s2);
 // Copies with the terminator into a buffer of buflen bytes; -1 (KD_ERANGE) and an empty text if it
 // does not fit.
@@ -122,8 +124,8 @@ class TOLVANE_PUBLIC Clock {
   [[nodiscard]] virtual KDust Now() const noexcept = 0;
 };
 
-// For tests: replaces the clock (null: back to the system's). The caller keeps ownership; timers must
-// not be running across the change. A test advances its clock and calls kdPumpEvents.
+// For tests: replaces the clock (null: back to the system's). The caller keeps ownership; timers
+// must not be running across the change. A test advances its clock and calls kdPumpEvents.
 TOLVANE_PUBLIC void SetClock(const Clock* clock);
 [[nodiscard]] TOLVANE_PUBLIC KDust Now() noexcept;
 
