@@ -74,8 +74,9 @@ LOGGING_PUBLIC ILogOne* LogOne_Open(const wchar_t* wszPath) noexcept;
 LOGGING_PUBLIC void LogOne_Close(ILogOne** ppLog) noexcept;
 
 // Traces a function: an Enter line where it is made, a Leave line where it ends. It belongs to one
-// thread and to the stack. Both texts must live as long as the scope; copies are made only while a
-// log is open, so that a scope without a log costs one load and one test at either end.
+// thread and to the stack. Both texts are literals of the program. Copies are made only while a log
+// is open, so that a scope without a log costs one load and one test at either end; without memory
+// for the copies the scope leaves no lines.
 //
 // The class carries no export mark of its own: its virtual table would otherwise be exported from
 // every library that makes a scope.

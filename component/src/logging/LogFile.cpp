@@ -1,0 +1,140 @@
+// The file side of a log: opening, measuring, rotating. Everything here runs with the log lock
+// held.
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "logging/CLogOne.h"
+#include "logging/LogOrigin.h"
+#include "logging/LogPath.h"
+
+namespace {
+
+constexpr char kFallbackName[] = "MyLog.log";
+
+// Copies all bytes over what stands at the destination; 0 or an errno value.
+int CopyDescriptor(int nFrom, int nTo) noexcept {
+  static char s_aBlock[32768];  // guarded by the log lock
+  for (;;) {
+    const ssize_t nRead = read(nFrom, s_aBlock, sizeof s_aBlock);
+    if (nRead == 0) return 0;
+    if (nRead < 0 && errno != EINTR) return errno;
+    for (ssize_t nDone = 0; nDone < nRead;) {
+      const ssize_t nWritten =
+          write(nTo, s_aBlock + nDone, static_cast<std::size_t>(nRead - nDone));
+      if (nWritten < 0 && errno != EINTR) return errno;
+      if (nWritten > 0) nDone += nWritten;
+    }
+  }
+}
+
+int CopyLogFile(const char* szFrom, const char* szTo) noexcept {
+  const int nFrom = open(szFrom, O_RDONLY | O_CLOEXEC);
+  if (nFrom == -1) return errno;
+  const int nTo = open(szTo, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  int nError = nTo == -1 ? errno : CopyDescriptor(nFrom, nTo);
+  if (nTo != -1 && close(nTo) == -1 && nError == 0) nError = errno;
+  close(nFrom);
+  return nError;
+}
+
+void FormatStampNow(char (&szStamp)[LOG_STAMP_SIZE]) noexcept {
+  FormatLogStamp(GetLogOrigin(), szStamp);
+}
+
+}  // namespace
+
+CLogOne::CLogOne(const std::string& strPath) {
+  const std::string strModule = GetModuleDir();
+  LOG_PATH stPath = ResolveLogPath(strPath, strModule);
+  const auto Fits = [](const LOG_PATH& st) {
+    // Room for the number of a copy.
+    return st.strDir.size() + st.strFileName.size() + 16 < PATH_SIZE;
+  };
+  if (!stPath.strDir.empty() && !(Fits(stPath) && CreateLogDir(stPath.strDir))) {
+    stPath = FallbackLogPath(strModule);
+    CreateLogDir(stPath.strDir);
+  }
+  if (!Fits(stPath)) return;  // both members stay empty
+  stPath.strFileName.copy(m_szFileName, PATH_SIZE - 1);
+  stPath.strDir.copy(m_szDir, PATH_SIZE - 1);
+}
+
+CLogOne::~CLogOne() {
+  if (m_fp != nullptr) std::fclose(m_fp);
+}
+
+void CLogOne::PrepareFile() noexcept {
+  if (m_fp != nullptr) {
+    CheckLogSize();
+  } else {
+    OpenLogFile();
+  }
+}
+
+bool CLogOne::BuildPath(int nCopy, char (&szPath)[PATH_SIZE]) const noexcept {
+  const int nLength =
+      nCopy == 0
+          ? std::snprintf(szPath, sizeof szPath, "%s%s", m_szDir, m_szFileName)
+          : std::snprintf(szPath, sizeof szPath, "%s%d%s%s", m_szDir, nCopy, "_", m_szFileName);
+  return nLength > 0 && static_cast<std::size_t>(nLength) < sizeof szPath;
+}
+
+void CLogOne::OpenLogFile() noexcept {
+  const CLogOneLocker oLocker;
+  if (!m_bNeedOpen) return;
+  m_bNeedOpen = false;  // before anything can fail: a failed open is not tried again
+  char szPath[PATH_SIZE];
+  if (m_fp == nullptr && BuildPath(0, szPath)) m_fp = std::fopen(szPath, "ab+e");
+  if (m_fp == nullptr) {
+    std::memcpy(m_szFileName, kFallbackName, sizeof kFallbackName);
+    if (BuildPath(0, szPath)) m_fp = std::fopen(szPath, "ab+e");
+  }
+  if (m_fp == nullptr) return;
+  char szStamp[LOG_STAMP_SIZE];
+  FormatStampNow(szStamp);
+  std::fprintf(m_fp, "%s%s\r\n", "Begin Time:", szStamp);
+}
+
+void CLogOne::CheckLogSize() noexcept {
+  const CLogOneLocker oLocker;
+  std::fseek(m_fp, 0, SEEK_END);
+  const long nSize = std::ftell(m_fp);
+  std::fseek(m_fp, 0, SEEK_SET);
+  if (nSize < m_nMaxBytes) return;
+
+  // Whatever fclose says, the stream is gone after it and must not be touched again.
+  if (std::fclose(m_fp) != 0) {
+    std::printf("fclose failed code[%d] string[%s]\n", errno, std::strerror(errno));
+  }
+  m_fp = nullptr;
+  m_nFileIndex = m_nFileIndex < m_nFileCount ? m_nFileIndex + 1 : 1;
+
+  char szLive[PATH_SIZE];
+  char szCopy[PATH_SIZE];
+  if (BuildPath(0, szLive) && BuildPath(m_nFileIndex, szCopy)) {
+    if (const int nError = CopyLogFile(szLive, szCopy); nError != 0) {
+      char szStamp[LOG_STAMP_SIZE];
+      FormatStampNow(szStamp);
+      std::printf("%s rename [%s] to [%s] failed code[%d]\n", szStamp, szLive, szCopy, nError);
+    }
+    std::FILE* fpEmptied = std::fopen(szLive, "we");
+    if (fpEmptied != nullptr && std::fclose(fpEmptied) != 0) {
+      std::printf("fclose faild code[%d] string[%s]\n", errno, std::strerror(errno));
+    }
+  }
+  m_bNeedOpen = true;
+  OpenLogFile();
+}
+
+void CLogOne::FlushFile() noexcept {
+  if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) return;
+  // What could not be written is dropped here; kept, it would come out later as a piece of a
+  // record.
+  __fpurge(m_fp);
+  std::clearerr(m_fp);
+}
