@@ -1,18 +1,26 @@
 // Domletlib: the XML document class that travels on the bus.
 //
-// A CXML is a value: a copy is cheap and shares the parsed document until one of the two changes. One
-// object must not be used by two threads at once; two copies may be used by two threads.
+// A CXML is a value: a copy is cheap and shares the parsed document until one of the two changes.
+// One object must not be used by two threads at once; two copies may be used by two threads.
 //
-// What is accepted: well-formed XML 1.0 in UTF-8 (or with a declared encoding that the parser knows), up to
-// kMaxBytes and kMaxDepth. A document type declaration is refused, so no entities but the five of XML and
-// character references. Names are compared as they stand in the text, prefix included.
+// What is accepted: well-formed XML 1.0 in UTF-8, with or without a byte order mark, up to
+// kMaxBytes and kMaxDepth. A declared encoding other than UTF-8 and US-ASCII is refused, so that
+// every sub-document is readable by itself. A document type declaration is refused, so no entities
+// but the five of XML and character references. A NUL byte is refused. Names are compared as they
+// stand in the text, prefix included: there is no namespace processing, and a sub-document may use
+// a prefix that it does not declare.
 //
-// Operations throw std::bad_alloc when memory runs out, and then leave the object as it was.
+// What is written is always readable: & < > " and carriage returns are escaped, and what no
+// document can hold (other control characters, U+FFFE, U+FFFF, bytes that are not UTF-8) becomes
+// U+FFFD, for the readers of the object at once. Element names that are not made of ASCII letters,
+// digits, "_", "-", "." and ":" are refused, and so is what would pass kMaxBytes or kMaxDepth.
+//
+// Operations throw std::bad_alloc when memory runs out, and then leave the object as it was. Null
+// names and texts count as empty.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -30,21 +38,23 @@ class TOLVANE_PUBLIC CXML {
   CXML(CXML&& oOther) noexcept;
   CXML& operator=(CXML&& oOther) noexcept;
 
-  // Loads a document text; the positions go to the top. Non-zero when it was read; 0 when it cannot be
-  // read, and the object is then an empty document (LastError tells why).
+  // Loads a document text; the positions go to the top. Non-zero when it was read; 0 when it cannot
+  // be read, and the object is then an empty document (LastError tells why).
   int SetDoc(const char* szDoc);
   int SetDoc(std::string_view strDoc);
   // The document as text; written documents have no white space between elements.
   [[nodiscard]] std::string GetDoc() const;
-  [[nodiscard]] const std::string& LastError() const;  // "line 3, column 7: ..." of the last failed SetDoc
+  [[nodiscard]] const std::string& LastError()
+      const;  // "line 3, column 7: ..." of the last failed SetDoc
 
   // Positions: a level, a main position on that level, a child position below the main position.
-  void ResetPos();                        // to the top: the next FindElem looks at the root level
-  void ResetMainPos();                    // the next FindElem starts at the level's first element
-  int FindElem(const char* szName);       // next element of this name on the level; non-zero if found
-  int IntoElem();                         // the level goes down into the main element
-  [[nodiscard]] std::string GetData() const;  // text directly inside the main element, escapes undone
-  int FindAttrib(const char* szName) const;   // non-zero if the main element has it
+  void ResetPos();                   // to the top: the next FindElem looks at the root level
+  void ResetMainPos();               // the next FindElem starts at the level's first element
+  int FindElem(const char* szName);  // next element of this name on the level; non-zero if found
+  int IntoElem();                    // the level goes down into the main element
+  [[nodiscard]] std::string GetData()
+      const;  // text directly inside the main element, escapes undone
+  int FindAttrib(const char* szName) const;  // non-zero if the main element has it
   [[nodiscard]] std::string GetAttrib(const char* szName) const;  // its value, empty if absent
   // The next child of this name of the main element; straight after ResetPos: of the root element.
   int FindChildElem(const char* szName);
@@ -52,14 +62,20 @@ class TOLVANE_PUBLIC CXML {
   [[nodiscard]] std::string GetChildSubDoc() const;
 
   // Writing. Values are escaped. A null value is an empty one. Non-zero on success.
-  int AddElem(const char* szName, const char* szValue, int nFlags);       // the root of an empty document
-  int AddChildElem(const char* szName, const char* szValue, int nFlags);  // appended to the main element
+  int AddElem(const char* szName, const char* szValue,
+              int nFlags);  // the root of an empty document
+  int AddChildElem(const char* szName, const char* szValue,
+                   int nFlags);  // appended to the main element
   int AddChildElem(const char* szName, int nValue, int nFlags);
 
  private:
   struct Document;
-  std::shared_ptr<Document> m_pDoc;  // shared until changed
-  std::int32_t m_nParent = -1;       // element whose children form the level; -1 for the root level
-  std::int32_t m_nMain = -1;         // the main position; -1 before the level's first element
-  std::int32_t m_nChild = -1;        // the child position; -1 before the main element's first child
+  Document& Own();
+  void Release() noexcept;
+  void Swap(CXML& oOther) noexcept;
+
+  Document* m_pDoc = nullptr;   // counted; shared until changed; null: empty
+  std::int32_t m_nParent = -1;  // element whose children form the level; -1 for the root level
+  std::int32_t m_nMain = -1;    // the main position; -1 before the level's first element
+  std::int32_t m_nChild = -1;   // the child position; -1 before the main element's first child
 };

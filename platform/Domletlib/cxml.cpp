@@ -1,0 +1,195 @@
+#include <atomic>
+#include <utility>
+
+#include "Domletlib.h"
+#include "parser.h"
+#include "tree.h"
+
+using domlet::kNone;
+using domlet::Node;
+
+// Counted by hand, since "am I the only owner" has to be an acquiring read: what a copy on another
+// thread has read before it let go must be over before we write.
+struct CXML::Document {
+  Document() = default;
+  explicit Document(const domlet::Tree& oFrom) : oTree(oFrom) {}
+
+  domlet::Tree oTree;
+  std::string strError;
+  std::atomic<std::uint32_t> nOwners{1};
+};
+
+namespace {
+
+std::string_view View(const char* szText) noexcept {
+  return szText != nullptr ? std::string_view(szText) : std::string_view();
+}
+
+}  // namespace
+
+// --- ownership -----------------------------------------------------------------------------------
+
+CXML::CXML() = default;
+
+CXML::~CXML() { Release(); }
+
+CXML::CXML(const CXML& oOther)
+    : m_pDoc(oOther.m_pDoc),
+      m_nParent(oOther.m_nParent),
+      m_nMain(oOther.m_nMain),
+      m_nChild(oOther.m_nChild) {
+  if (m_pDoc != nullptr) m_pDoc->nOwners.fetch_add(1, std::memory_order_relaxed);
+}
+
+CXML::CXML(CXML&& oOther) noexcept { Swap(oOther); }
+
+CXML& CXML::operator=(const CXML& oOther) {
+  CXML oCopy(oOther);
+  Swap(oCopy);
+  return *this;
+}
+
+CXML& CXML::operator=(CXML&& oOther) noexcept {
+  CXML oTaken(std::move(oOther));
+  Swap(oTaken);
+  return *this;
+}
+
+void CXML::Swap(CXML& oOther) noexcept {
+  std::swap(m_pDoc, oOther.m_pDoc);
+  std::swap(m_nParent, oOther.m_nParent);
+  std::swap(m_nMain, oOther.m_nMain);
+  std::swap(m_nChild, oOther.m_nChild);
+}
+
+void CXML::Release() noexcept {
+  if (m_pDoc != nullptr && m_pDoc->nOwners.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    delete m_pDoc;
+  }
+  m_pDoc = nullptr;
+}
+
+// The document for writing: ours alone from here on.
+CXML::Document& CXML::Own() {
+  if (m_pDoc == nullptr) {
+    m_pDoc = new Document();
+  } else if (m_pDoc->nOwners.load(std::memory_order_acquire) != 1) {
+    auto* pCopy = new Document(m_pDoc->oTree);
+    Release();
+    m_pDoc = pCopy;
+  }
+  return *m_pDoc;
+}
+
+// --- documents -----------------------------------------------------------------------------------
+
+int CXML::SetDoc(const char* szDoc) { return SetDoc(View(szDoc)); }
+
+int CXML::SetDoc(std::string_view strDoc) {
+  CXML oNew;
+  oNew.m_pDoc = new Document();
+  const bool bRead = domlet::Parse(strDoc, oNew.m_pDoc->oTree, oNew.m_pDoc->strError);
+  if (!bRead) oNew.m_pDoc->oTree = domlet::Tree();
+  Swap(oNew);
+  return bRead ? 1 : 0;
+}
+
+std::string CXML::GetDoc() const {
+  return m_pDoc != nullptr ? m_pDoc->oTree.source : std::string();
+}
+
+const std::string& CXML::LastError() const {
+  static const std::string strNone;
+  return m_pDoc != nullptr ? m_pDoc->strError : strNone;
+}
+
+// --- positions -----------------------------------------------------------------------------------
+
+void CXML::ResetPos() { m_nParent = m_nMain = m_nChild = kNone; }
+
+void CXML::ResetMainPos() { m_nMain = m_nChild = kNone; }
+
+int CXML::FindElem(const char* szName) {
+  if (m_pDoc == nullptr || m_pDoc->oTree.nodes.empty()) return 0;
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  std::int32_t nFirst = 0;  // of the root level
+  if (m_nMain != kNone) {
+    nFirst = oTree.At(m_nMain).next;
+  } else if (m_nParent != kNone) {
+    nFirst = oTree.At(m_nParent).first_child;
+  }
+  const std::int32_t nFound = oTree.Find(nFirst, View(szName));
+  if (nFound == kNone) return 0;
+  m_nMain = nFound;
+  m_nChild = kNone;
+  return 1;
+}
+
+int CXML::IntoElem() {
+  if (m_nMain == kNone) return 0;
+  m_nParent = m_nMain;
+  m_nMain = m_nChild = kNone;
+  return 1;
+}
+
+std::string CXML::GetData() const {
+  if (m_nMain == kNone) return {};
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  return std::string(oTree.Value(oTree.At(m_nMain).text));
+}
+
+int CXML::FindAttrib(const char* szName) const {
+  if (m_nMain == kNone) return 0;
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  return oTree.FindAttr(oTree.At(m_nMain), View(szName)) != nullptr ? 1 : 0;
+}
+
+std::string CXML::GetAttrib(const char* szName) const {
+  if (m_nMain == kNone) return {};
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  const domlet::Attr* pAttr = oTree.FindAttr(oTree.At(m_nMain), View(szName));
+  return pAttr != nullptr ? std::string(oTree.Value(pAttr->value)) : std::string();
+}
+
+int CXML::FindChildElem(const char* szName) {
+  if (m_pDoc == nullptr || m_pDoc->oTree.nodes.empty()) return 0;
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  std::int32_t nFirst = kNone;
+  if (m_nChild != kNone) {
+    nFirst = oTree.At(m_nChild).next;
+  } else if (m_nMain != kNone) {
+    nFirst = oTree.At(m_nMain).first_child;
+  } else if (m_nParent == kNone) {
+    nFirst = oTree.At(0).first_child;
+  }
+  const std::int32_t nFound = oTree.Find(nFirst, View(szName));
+  if (nFound == kNone) return 0;
+  m_nChild = nFound;
+  return 1;
+}
+
+std::string CXML::GetChildSubDoc() const {
+  if (m_nChild == kNone) return {};
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  const Node& oNode = oTree.At(m_nChild);
+  return oTree.source.substr(oNode.begin, oNode.end - oNode.begin);
+}
+
+// --- writing -------------------------------------------------------------------------------------
+
+int CXML::AddElem(const char* szName, const char* szValue, int /*nFlags*/) {
+  if (m_pDoc != nullptr && !m_pDoc->oTree.nodes.empty()) return 0;
+  if (!Own().oTree.Append(kNone, View(szName), View(szValue))) return 0;
+  m_nParent = m_nChild = kNone;
+  m_nMain = 0;
+  return 1;
+}
+
+int CXML::AddChildElem(const char* szName, const char* szValue, int /*nFlags*/) {
+  if (m_nMain == kNone) return 0;
+  return Own().oTree.Append(m_nMain, View(szName), View(szValue)) ? 1 : 0;
+}
+
+int CXML::AddChildElem(const char* szName, int nValue, int nFlags) {
+  return AddChildElem(szName, std::to_string(nValue).c_str(), nFlags);
+}

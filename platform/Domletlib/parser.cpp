@@ -1,0 +1,229 @@
+#include "parser.h"
+
+#include <expat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "Domletlib.h"
+
+namespace domlet {
+namespace {
+
+// The parser's own memory comes from operator new like everything else in the process, so that
+// whoever limits or counts that sees all of it. A block carries its size in front, for the copy
+// when it grows.
+constexpr std::size_t kHead = alignof(std::max_align_t);
+
+void* Allocate(std::size_t size) noexcept {
+  if (size > SIZE_MAX - kHead) return nullptr;
+  auto* block = static_cast<std::byte*>(::operator new(size + kHead, std::nothrow));
+  if (block == nullptr) return nullptr;
+  std::memcpy(block, &size, sizeof size);
+  return block + kHead;
+}
+
+void Free(void* memory) noexcept {
+  if (memory != nullptr) ::operator delete(static_cast<std::byte*>(memory) - kHead);
+}
+
+void* Reallocate(void* memory, std::size_t size) noexcept {
+  void* grown = Allocate(size);
+  if (grown == nullptr || memory == nullptr) return grown;
+  std::size_t old = 0;
+  std::memcpy(&old, static_cast<std::byte*>(memory) - kHead, sizeof old);
+  std::memcpy(grown, memory, std::min(old, size));
+  Free(memory);
+  return grown;
+}
+
+constexpr XML_Memory_Handling_Suite kMemory{Allocate, Reallocate, Free};
+
+struct ParserDeleter {
+  void operator()(XML_Parser parser) const noexcept { XML_ParserFree(parser); }
+};
+
+// Tables larger than this grow as they fill: a text full of "<" alone must not reserve for elements
+// that never come.
+constexpr std::size_t kMaxReserve = 4096;
+
+std::string At(std::size_t line, std::size_t column, std::string_view reason) {
+  std::string error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
+  return error.append(reason);
+}
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// One run of the parser over one text. The callbacks below are called from C: they let no exception
+// out, but note that memory has run out and stop the parser.
+class Builder {
+ public:
+  Builder(std::string_view text, Tree& tree) : text_(text), tree_(tree) {}
+
+  bool Run(std::string& error) {
+    parser_.reset(XML_ParserCreate_MM(nullptr, &kMemory, nullptr));
+    if (parser_ == nullptr) throw std::bad_alloc();
+    XML_Parser parser = parser_.get();
+    XML_SetUserData(parser, this);
+    XML_SetElementHandler(parser, OnStart, OnEnd);
+    XML_SetCharacterDataHandler(parser, OnText);
+    XML_SetStartDoctypeDeclHandler(parser, OnDoctype);
+    XML_SetXmlDeclHandler(parser, OnDeclaration);
+
+    Reserve();
+    const auto length = static_cast<int>(text_.size());  // kMaxBytes at most
+    const bool read = XML_Parse(parser, text_.data(), length, XML_TRUE) == XML_STATUS_OK;
+    if (out_of_memory_ || (!read && XML_GetErrorCode(parser) == XML_ERROR_NO_MEMORY)) {
+      throw std::bad_alloc();
+    }
+    if (read && refusal_ == nullptr) return true;
+    const char* reason = refusal_ != nullptr ? refusal_ : XML_ErrorString(XML_GetErrorCode(parser));
+    error = domlet::At(XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1,
+                       reason);
+    return false;
+  }
+
+ private:
+  // One look over the text, so that most documents need one allocation for each table.
+  void Reserve() {
+    std::size_t elements = 0;
+    std::size_t attrs = 0;
+    for (std::size_t i = 0; i + 1 < text_.size(); ++i) {
+      if (text_[i] == '=') ++attrs;
+      if (text_[i] == '<' && std::strchr("/!?", text_[i + 1]) == nullptr) ++elements;
+    }
+    tree_.nodes.reserve(std::min(elements, kMaxReserve));
+    tree_.attrs.reserve(std::min(attrs, kMaxReserve));
+    tree_.values.reserve(text_.size() / 2);
+  }
+
+  // Runs a callback's work unless the run is already lost.
+  template <typename Work>
+  void Guard(const Work& work) noexcept {
+    if (out_of_memory_ || refusal_ != nullptr) return;
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      out_of_memory_ = true;
+      XML_StopParser(parser_.get(), XML_FALSE);
+    }
+  }
+
+  void Refuse(const char* reason) noexcept {
+    refusal_ = reason;
+    XML_StopParser(parser_.get(), XML_FALSE);
+  }
+
+  [[nodiscard]] std::uint32_t Position() const noexcept {
+    return static_cast<std::uint32_t>(XML_GetCurrentByteIndex(parser_.get()));
+  }
+
+  Range Keep(std::string_view text) {
+    const Range range{static_cast<std::uint32_t>(tree_.values.size()),
+                      static_cast<std::uint32_t>(text.size())};
+    tree_.values.append(text);
+    return range;
+  }
+
+  void Start(const char* name, const char** attrs) {
+    if (depth_ == CXML::kMaxDepth) return Refuse("elements are nested too deep");
+    Node node;
+    node.begin = Position();
+    node.name_length = static_cast<std::uint32_t>(std::strlen(name));
+    node.parent = open_;
+    node.first_attr = static_cast<std::uint32_t>(tree_.attrs.size());
+    for (; *attrs != nullptr; attrs += 2, ++node.attr_count) {
+      const Range key = Keep(attrs[0]);
+      tree_.attrs.push_back({key, Keep(attrs[1])});
+    }
+    const auto index = static_cast<std::int32_t>(tree_.nodes.size());
+    tree_.nodes.push_back(node);
+    if (open_ != kNone) {
+      Node& parent = tree_.nodes[static_cast<std::size_t>(open_)];
+      (parent.last_child == kNone ? parent.first_child
+                                  : tree_.nodes[static_cast<std::size_t>(parent.last_child)].next) =
+          index;
+      parent.last_child = index;
+    }
+    open_ = index;
+    text_begin_[static_cast<std::size_t>(depth_++)] = pending_.size();
+  }
+
+  void End() {
+    Node& node = tree_.nodes[static_cast<std::size_t>(open_)];
+    // For <name/> the position is behind the tag already and nothing is left to count.
+    node.content_end = Position();
+    node.end =
+        node.content_end + static_cast<std::uint32_t>(XML_GetCurrentByteCount(parser_.get()));
+    const std::size_t begin = text_begin_[static_cast<std::size_t>(--depth_)];
+    node.text = Keep(std::string_view(pending_).substr(begin));
+    pending_.resize(begin);
+    open_ = node.parent;
+  }
+
+  static Builder& Of(void* user) noexcept { return *static_cast<Builder*>(user); }
+
+  static void XMLCALL OnStart(void* user, const char* name, const char** attrs) noexcept {
+    Of(user).Guard([&] { Of(user).Start(name, attrs); });
+  }
+  static void XMLCALL OnEnd(void* user, const char* /*name*/) noexcept {
+    Of(user).Guard([&] { Of(user).End(); });
+  }
+  static void XMLCALL OnText(void* user, const char* text, int length) noexcept {
+    Of(user).Guard([&] { Of(user).pending_.append(text, static_cast<std::size_t>(length)); });
+  }
+  static void XMLCALL OnDoctype(void* user, const char* /*name*/, const char* /*system_id*/,
+                                const char* /*public_id*/, int /*internal*/) noexcept {
+    Of(user).Guard([&] { Of(user).Refuse("a document type declaration is not accepted"); });
+  }
+  static void XMLCALL OnDeclaration(void* user, const char* /*version*/, const char* encoding,
+                                    int /*standalone*/) noexcept {
+    if (encoding == nullptr) return;
+    // A sub-document is a stretch of the source without the declaration, so it has to mean the same
+    // without it.
+    if (EqualsIgnoringCase(encoding, "UTF-8") || EqualsIgnoringCase(encoding, "US-ASCII")) return;
+    Of(user).Guard([&] { Of(user).Refuse("an encoding other than UTF-8 is not accepted"); });
+  }
+
+  std::string_view text_;
+  Tree& tree_;
+  std::unique_ptr<XML_ParserStruct, ParserDeleter> parser_;
+  std::int32_t open_ = kNone;  // the innermost open element
+  int depth_ = 0;
+  // The texts of the open elements, outermost first. The innermost one is at the end, and only it
+  // grows.
+  std::string pending_;
+  std::array<std::size_t, CXML::kMaxDepth> text_begin_{};
+  const char* refusal_ = nullptr;
+  bool out_of_memory_ = false;
+};
+
+}  // namespace
+
+bool Parse(std::string_view text, Tree& tree, std::string& error) {
+  if (text.size() > CXML::kMaxBytes) {
+    error = At(1, 1, "the document is too long");
+    return false;
+  }
+  // Also keeps the two-byte encodings out, of which every document has such bytes.
+  if (const std::size_t nul = text.find('\0'); nul != std::string_view::npos) {
+    const std::string_view before = text.substr(0, nul);
+    const auto lines = static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
+    const std::size_t line_begin = lines == 0 ? 0 : before.rfind('\n') + 1;
+    error = At(lines + 1, nul - line_begin + 1, "a NUL byte is not accepted");
+    return false;
+  }
+  if (!Builder(text, tree).Run(error)) return false;
+  tree.source.assign(text);
+  return true;
+}
+
+}  // namespace domlet
