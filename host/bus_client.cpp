@@ -1,0 +1,157 @@
+#include "host/bus_client.h"
+
+#include <atomic>
+#include <charconv>
+#include <new>
+
+#include "Brunelib/Brunelib.h"
+#include "Domletlib/Domletlib.h"
+
+namespace host {
+namespace {
+
+constexpr int kNotifications[] = {kNotifyOutcome, kNotifyDeregistered, kNotifyState,
+                                  kNotifyServiceLost};
+
+// The bus calls a plain function; this is where it finds the inbox.
+std::atomic<Inbox*> g_inbox{nullptr};
+
+int OnNotification(const char* source, int id, CXML* document, void* /*extra*/) {
+  Inbox* const inbox = g_inbox.load();
+  if (inbox == nullptr) return -1;
+  try {
+    inbox->Push(NotificationItem{id, source == nullptr ? "" : source,
+                                 document == nullptr ? std::string() : document->GetDoc()});
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  return 0;
+}
+
+int Number(const std::string& text, int otherwise) {
+  int value = otherwise;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return value;
+}
+
+// The text of the child elements of the one root "reg".
+class RegDocument {
+ public:
+  explicit RegDocument(const std::string& text) {
+    if (document_.SetDoc(std::string_view(text)) == 0) return;
+    document_.ResetPos();
+    readable_ = document_.FindElem("reg") != 0 && document_.IntoElem() != 0;
+  }
+  [[nodiscard]] std::string Text(const char* name) {
+    if (!readable_) return {};
+    document_.ResetMainPos();
+    return document_.FindElem(name) != 0 ? document_.GetData() : std::string();
+  }
+  [[nodiscard]] int Value(const char* name, int otherwise) { return Number(Text(name), otherwise); }
+
+ private:
+  CXML document_;
+  bool readable_ = false;
+};
+
+Answer Execute(int command, CXML& in) {
+  Answer answer;
+  answer.command = command;
+  CXML out;
+  answer.result = XSExecuteCommand(kComponentIdentity, command, &in, &out);
+  answer.document = out.GetDoc();
+  return answer;
+}
+
+const char* Truth(bool value) { return value ? "true" : "false"; }
+
+}  // namespace
+
+Notice ReadNotice(int id, const std::string& document) {
+  RegDocument reg(document);
+  Notice notice;
+  notice.id = id;
+  notice.registration = reg.Value("id", -1);
+  notice.result = reg.Value("result", 0);
+  notice.error_code = reg.Value("errorcode", 0);
+  notice.warn_code = reg.Value("warncode", 0);
+  notice.warn_text = reg.Text("warntext");
+  notice.uri = reg.Text("uri");
+  notice.retry_after = reg.Value("retry-after", 0);
+  notice.state = reg.Text("state");
+  notice.event = reg.Text("event");
+  return notice;
+}
+
+int ReadRegistrationId(const Answer& answer) {
+  return RegDocument(answer.document).Value("id", -1);
+}
+
+BusClient::BusClient(Inbox& inbox) : inbox_(inbox) { g_inbox.store(&inbox); }
+
+BusClient::~BusClient() {
+  Unload(std::chrono::seconds(1));
+  g_inbox.store(nullptr);
+}
+
+bool BusClient::Load(std::string& error) {
+  const std::string identity = brunelib::LoadComponent("Tolvane", "TOLVANE_XSC", error);
+  if (identity.empty()) return false;
+  loaded_ = true;
+  if (identity != kComponentIdentity) {
+    error = "the plug-in calls itself " + identity + " instead of " + kComponentIdentity +
+            "; is it the right libTolvane.so?";
+    brunelib::UnloadComponent(identity, std::chrono::seconds(1));
+    loaded_ = false;
+    return false;
+  }
+  for (const int id : kNotifications) {
+    if (XSSubNotify(kComponentIdentity, id, OnNotification) != XS_OK) {
+      error = "the bus has no memory left for a subscription";
+      return false;
+    }
+  }
+  return true;
+}
+
+Answer BusClient::Register(const RegisterOptions& options) {
+  CXML in;
+  in.AddElem("reg", nullptr, 0);
+  in.AddChildElem("aor", options.aor.c_str(), 0);
+  in.AddChildElem("registrar", options.registrar.c_str(), 0);
+  in.AddChildElem("expires", options.expires, 0);
+  if (!options.display_name.empty()) {
+    in.AddChildElem("displayname", options.display_name.c_str(), 0);
+  }
+  in.AddChildElem("auto-refresh", Truth(options.auto_refresh), 0);
+  in.AddChildElem("subscribe", Truth(false), 0);
+  in.AddChildElem("auto-reregister", Truth(options.auto_reregister), 0);
+  if (options.auto_reregister) {
+    in.AddChildElem("reregister-interval", options.reregister_interval, 0);
+  }
+  if (!options.user_agent.empty()) in.AddChildElem("user-agent", options.user_agent.c_str(), 0);
+  return Execute(kCommandRegister, in);
+}
+
+Answer BusClient::RegisterAgain(int registration) {
+  CXML in;
+  in.AddElem("reg", nullptr, 0);
+  in.AddChildElem("id", registration, 0);
+  return Execute(kCommandRegister, in);
+}
+
+Answer BusClient::Deregister(int registration) {
+  CXML in;
+  in.AddElem("reg", nullptr, 0);
+  in.AddChildElem("id", registration, 0);
+  return Execute(kCommandDeregister, in);
+}
+
+void BusClient::Unload(std::chrono::milliseconds deadline) {
+  if (!loaded_) return;
+  loaded_ = false;
+  brunelib::UnloadComponent(kComponentIdentity, deadline);
+  for (const int id : kNotifications) XSUnsubNotify(kComponentIdentity, id, OnNotification);
+}
+
+}  // namespace host

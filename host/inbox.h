@@ -1,0 +1,60 @@
+// What other threads have to tell the main thread: notifications of the bus, messages of the trace,
+// signals.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <variant>
+
+#include "VorelKDCore/VorelKDCore.h"
+
+namespace host {
+
+using WallTime = std::chrono::system_clock::time_point;
+
+struct NotificationItem {
+  int id = 0;
+  std::string source;
+  std::string document;
+};
+
+struct TraceItem {
+  bool sent = false;
+  std::string local;
+  std::string remote;
+  std::string text;  // secrets masked by the stack
+};
+
+struct SignalItem {
+  int number = 0;
+};
+
+struct InboxItem {
+  WallTime time;
+  std::variant<NotificationItem, TraceItem, SignalItem> what;
+};
+
+// A queue into the thread that made it. Push is for any thread; Pop for the maker, whose
+// kdWaitEvent returns when something has come in. It must outlive everybody who pushes.
+class Inbox {
+ public:
+  Inbox();
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+
+  // Never throws; what finds no memory is counted and lost.
+  void Push(std::variant<NotificationItem, TraceItem, SignalItem> what) noexcept;
+  [[nodiscard]] bool Pop(InboxItem& item);
+  [[nodiscard]] std::uint64_t lost() const;
+
+ private:
+  KDThread* const thread_;
+  mutable std::mutex mutex_;
+  std::deque<InboxItem> items_;
+  std::uint64_t lost_ = 0;
+};
+
+}  // namespace host

@@ -1,0 +1,250 @@
+#include "host/session.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+#include <thread>
+
+#include "Brunelib/Brunelib.h"
+#include "host/printer.h"
+#include "host/signals.h"
+#include "Sipcarrier/Sipcarrier.h"
+#include "VorelKDCore/VorelKDCore.h"
+
+namespace host {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The stack gives an unanswered request up after 64 * T1 = 32 s (RFC 3261 §17.1.2.2); its verdict
+// should be heard.
+constexpr auto kDeregisterWait = 35s;
+constexpr auto kPatience = 2s;
+constexpr auto kUnloadDeadline = 3s;
+constexpr auto kStopDeadline = 5s;
+constexpr auto kHurriedDeadline = 200ms;
+
+std::int64_t After(std::chrono::nanoseconds time) { return vorelkd::Now() + time.count(); }
+
+}  // namespace
+
+Session::Session(const RegisterOptions& options, Inbox& inbox, SessionListener& listener)
+    : options_(options), inbox_(inbox), listener_(listener), bus_(inbox) {}
+
+int Session::Run() {
+  std::string error;
+  if (!StartStack(error)) {
+    std::fprintf(stderr, "tolvane: the network could not be started: %s\n", error.c_str());
+    return kExitNoStart;
+  }
+  if (bus_.Load(error)) {
+    Loop();
+    // What the end has left in this thread's queue (a timer to stop) is done before the plug-in
+    // goes.
+    kdPumpEvents();
+  } else {
+    std::fprintf(stderr, "tolvane: the plug-in could not be started: %s\n", error.c_str());
+    status_ = kExitNoStart;
+  }
+  bus_.Unload(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline));
+  sipcarrier::Stop(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kStopDeadline));
+  brunelib::Shutdown(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline));
+  DrainInbox();  // the trace of the last messages
+  if (inbox_.lost() != 0) {
+    Remark(std::to_string(inbox_.lost()) + " messages could not be shown for lack of memory.");
+  }
+  return status_;
+}
+
+bool Session::StartStack(std::string& error) {
+  sipcarrier::Config config;
+  config.local_address = options_.local_address;
+  config.local_port = options_.local_port;
+  if (!options_.auth_user.empty()) {
+    // For every address and realm: a registrar may move the registration to another address of
+    // record.
+    config.credentials.push_back({{}, {}, options_.auth_user, options_.auth_password});
+  }
+  if (options_.trace) {
+    config.trace = [this](const sipcarrier::TraceRecord& record) {
+      try {
+        inbox_.Push(TraceItem{record.sent, record.local, record.remote, std::string(record.text)});
+      } catch (const std::bad_alloc&) {
+        return;  // one message is not shown
+      }
+    };
+  }
+  return sipcarrier::Start(config, error) == 0;
+}
+
+void Session::Loop() {
+  const Answer answer = bus_.Register(options_);
+  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  registration_ = ReadRegistrationId(answer);
+  if (answer.result != 0 || registration_ < 1) return Finish(kExitFailed);
+  if (options_.duration.count() > 0) end_at_ = After(options_.duration);
+  while (phase_ != Phase::kDone) {
+    kdWaitEvent(NextWait());
+    DrainInbox();
+    CheckDeadlines();
+  }
+}
+
+void Session::DrainInbox() {
+  InboxItem item;
+  while (inbox_.Pop(item)) Handle(item);
+}
+
+void Session::Handle(const InboxItem& item) {
+  if (const auto* trace = std::get_if<TraceItem>(&item.what)) {
+    listener_.OnTrace(item.time, *trace);
+  } else if (const auto* notification = std::get_if<NotificationItem>(&item.what)) {
+    OnNotice(item.time, *notification);
+  } else if (phase_ == Phase::kEnding || end_requested_) {
+    hurry_ = true;
+    Remark("Told to end a second time: waiting for nobody.");
+    Finish(kExitFailed);
+  } else {
+    end_requested_ = true;
+  }
+}
+
+void Session::OnNotice(WallTime time, const NotificationItem& item) {
+  const Notice notice = ReadNotice(item.id, item.document);
+  listener_.OnNotification(time, item, notice, Unanswered(notice));
+  if (phase_ == Phase::kDone || notice.registration != registration_) return;
+  switch (notice.id) {
+    case kNotifyOutcome:
+      OnOutcome(notice);
+      break;
+    case kNotifyDeregistered:
+      Finish(phase_ == Phase::kEnding && was_registered_ && !DeregistrationUnanswered()
+                 ? kExitOk
+                 : kExitFailed);
+      break;
+    case kNotifyState:
+      if (notice.state != "Active") OnLost(notice);
+      break;
+    default:
+      break;
+  }
+}
+
+void Session::OnOutcome(const Notice& notice) {
+  if (notice.result != 0) return Finish(kExitFailed);
+  was_registered_ = true;
+  again_at_.reset();
+  if (phase_ != Phase::kEnding) phase_ = Phase::kRegistered;
+}
+
+void Session::OnLost(const Notice& notice) {
+  if (phase_ == Phase::kEnding || !options_.auto_reregister) return Finish(kExitFailed);
+  phase_ = Phase::kLost;
+  // After silence the component tries again by itself, but it gives up without a word when the
+  // registrar then refuses; after a refusal it waits for a new command. Asking again under the same
+  // id covers both: the answer tells when the component no longer knows the registration.
+  const int seconds =
+      notice.event == "timeout"
+          ? std::max(4 * std::int64_t{options_.reregister_interval}, std::int64_t{60})
+          : std::max(options_.reregister_interval, notice.retry_after);
+  again_at_ = After(std::chrono::seconds(seconds));
+}
+
+void Session::AskAgain() {
+  const Answer answer = bus_.RegisterAgain(registration_);
+  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  if (answer.result != 0) {
+    Remark("The registrar does not take the registration back; giving up.");
+    return Finish(kExitFailed);
+  }
+  again_at_ = After(std::chrono::seconds(std::max(options_.reregister_interval, 40)));
+}
+
+void Session::BeginEnd() {
+  phase_ = Phase::kEnding;
+  end_at_.reset();
+  again_at_.reset();
+  received_at_end_ = sipcarrier::GetCounters().received;
+  const Answer answer = bus_.Deregister(registration_);
+  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  if (answer.result == 0) {
+    give_up_at_ = After(kDeregisterWait);
+    patience_at_ = After(kPatience);
+    return;
+  }
+  // Nothing was registered any more; a notification that says why may be on its way.
+  brunelib::DrainNotifications(1s);
+  DrainInbox();
+  if (phase_ != Phase::kDone) Finish(kExitFailed);
+}
+
+void Session::CheckDeadlines() {
+  const std::int64_t now = vorelkd::Now();
+  const auto due = [now](const std::optional<std::int64_t>& deadline) {
+    return deadline && *deadline <= now;
+  };
+  if (phase_ == Phase::kDone) return;
+  if (phase_ != Phase::kEnding && (end_requested_ || due(end_at_))) return BeginEnd();
+  if (due(give_up_at_)) {
+    Remark("The deregistration has not been answered; the binding ends when its time is over.");
+    return Finish(kExitFailed);
+  }
+  if (due(patience_at_)) {
+    patience_at_.reset();
+    Remark("No answer yet; waiting. Another Ctrl-C ends the wait.");
+  }
+  if (due(again_at_)) AskAgain();
+}
+
+std::int64_t Session::NextWait() const {
+  std::int64_t next = After(1h);
+  for (const auto& deadline : {end_at_, give_up_at_, patience_at_, again_at_}) {
+    if (deadline) next = std::min(next, *deadline);
+  }
+  if (end_requested_ && phase_ != Phase::kEnding) return 0;
+  return std::max<std::int64_t>(next - vorelkd::Now(), 0);
+}
+
+bool Session::Unanswered(const Notice& notice) {
+  if (notice.id == kNotifyDeregistered) return DeregistrationUnanswered();
+  const std::uint64_t timeouts = sipcarrier::GetCounters().timeouts;
+  const bool grown = timeouts > timeouts_seen_;
+  timeouts_seen_ = timeouts;
+  return grown;
+}
+
+// The notification does not tell; but when nothing has been received since the command, nobody has
+// answered. The answer to an earlier REGISTER may have caused the notification, so the right one
+// gets a moment to arrive.
+bool Session::DeregistrationUnanswered() const {
+  for (int i = 0; i < 50; ++i) {
+    if (sipcarrier::GetCounters().received != received_at_end_) return false;
+    if (hurry_) break;
+    std::this_thread::sleep_for(10ms);
+  }
+  return true;
+}
+
+void Session::Remark(const std::string& text) {
+  listener_.OnRemark(std::chrono::system_clock::now(), text);
+}
+
+void Session::Finish(int status) {
+  if (phase_ == Phase::kDone) return;
+  phase_ = Phase::kDone;
+  status_ = status;
+}
+
+int RunRegister(const RegisterOptions& options) {
+  Inbox inbox;
+  SignalWatch signals(inbox);
+  std::string error;
+  if (!signals.Start(error)) {
+    std::fprintf(stderr, "tolvane: %s\n", error.c_str());
+    return kExitNoStart;
+  }
+  EventPrinter printer(options);
+  return Session(options, inbox, printer).Run();
+}
+
+}  // namespace host

@@ -1,0 +1,79 @@
+// The main loop: one registration from the command to its end.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "host/bus_client.h"
+#include "host/inbox.h"
+#include "host/options.h"
+
+namespace host {
+
+// Hears what happens, on the main thread, in order.
+class SessionListener {
+ public:
+  virtual ~SessionListener() = default;
+  virtual void OnAnswer(WallTime time, const Answer& answer) = 0;
+  virtual void OnNotification(WallTime time, const NotificationItem& item, const Notice& notice,
+                              bool unanswered) = 0;
+  virtual void OnTrace(WallTime time, const TraceItem& item) = 0;
+  virtual void OnRemark(WallTime time, const std::string& text) = 0;
+};
+
+// Starts the SIP stack and the plug-in, registers, waits, deregisters, stops both. One per process
+// at a time, on the thread that made the inbox; that thread's KD loop runs inside Run.
+class Session {
+ public:
+  Session(const RegisterOptions& options, Inbox& inbox, SessionListener& listener);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // The exit status of the program.
+  [[nodiscard]] int Run();
+  // As the first SIGINT: deregister and end. May be called from the listener.
+  void RequestEnd() { end_requested_ = true; }
+
+ private:
+  enum class Phase { kRegistering, kRegistered, kLost, kEnding, kDone };
+
+  [[nodiscard]] bool StartStack(std::string& error);
+  void Loop();
+  void Handle(const InboxItem& item);
+  void OnNotice(WallTime time, const NotificationItem& item);
+  void OnOutcome(const Notice& notice);
+  void OnLost(const Notice& notice);
+  void BeginEnd();
+  void AskAgain();
+  void CheckDeadlines();
+  [[nodiscard]] std::int64_t NextWait() const;  // nanoseconds
+  void DrainInbox();
+  [[nodiscard]] bool Unanswered(const Notice& notice);
+  [[nodiscard]] bool DeregistrationUnanswered() const;
+  void Remark(const std::string& text);
+  void Finish(int status);
+
+  const RegisterOptions& options_;
+  Inbox& inbox_;
+  SessionListener& listener_;
+  BusClient bus_;
+  Phase phase_ = Phase::kRegistering;
+  int status_ = 1;
+  int registration_ = -1;
+  bool was_registered_ = false;
+  bool end_requested_ = false;
+  bool hurry_ = false;  // a second signal: wait for nobody
+  std::uint64_t timeouts_seen_ = 0;
+  std::uint64_t received_at_end_ = 0;
+  // On the clock of the KD timers; nothing: no such deadline.
+  std::optional<std::int64_t> end_at_;      // --duration is over
+  std::optional<std::int64_t> give_up_at_;  // the wait for the deregistration's answer
+  std::optional<std::int64_t> patience_at_;
+  std::optional<std::int64_t> again_at_;  // a lost registration is asked for again
+};
+
+// `tolvane register`.
+[[nodiscard]] int RunRegister(const RegisterOptions& options);
+
+}  // namespace host

@@ -1,0 +1,33 @@
+// SIGINT, SIGTERM and SIGHUP as items of the inbox.
+#pragma once
+
+#include <string>
+#include <thread>
+
+#include "host/inbox.h"
+
+namespace host {
+
+// Blocks the three signals for this thread and all that it starts later, so it is made before any
+// other thread; a thread of its own waits for them. The destructor ends that thread and leaves the
+// signals blocked: the program is about to end. SIGPIPE is ignored: a reader who goes away must not
+// cost the deregistration.
+class SignalWatch {
+ public:
+  explicit SignalWatch(Inbox& inbox);
+  ~SignalWatch();
+  SignalWatch(const SignalWatch&) = delete;
+  SignalWatch& operator=(const SignalWatch&) = delete;
+
+  [[nodiscard]] bool Start(std::string& error);
+
+ private:
+  void Watch();
+
+  Inbox& inbox_;
+  int signals_ = -1;  // signalfd
+  int stop_ = -1;     // eventfd
+  std::thread thread_;
+};
+
+}  // namespace host

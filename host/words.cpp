@@ -1,0 +1,209 @@
+#include "host/words.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <utility>
+
+namespace host {
+namespace {
+
+struct Split {
+  std::tm fields{};
+  int milliseconds = 0;
+};
+
+Split Take(WallTime time, bool local) {
+  const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
+  Split split;
+  split.milliseconds = static_cast<int>(since.count() % 1000);
+  const auto seconds = static_cast<std::time_t>(since.count() / 1000);
+  if (local) {
+    localtime_r(&seconds, &split.fields);
+  } else {
+    gmtime_r(&seconds, &split.fields);
+  }
+  return split;
+}
+
+std::string Seconds(int seconds) { return std::to_string(seconds) + " s"; }
+
+std::string Status(const Notice& notice) {
+  return std::to_string(notice.error_code) + " (" + std::string(StatusWords(notice.error_code)) +
+         ")";
+}
+
+// The registrar's reason and wish, as far as it gave any.
+std::string Reason(const Notice& notice) {
+  std::string text;
+  if (!notice.warn_text.empty()) {
+    text += " Its reason: \"" + Printable(notice.warn_text) + "\"";
+    if (notice.warn_code > 0) text += " (warning " + std::to_string(notice.warn_code) + ")";
+    text += ".";
+  }
+  if (notice.retry_after > 0) {
+    text +=
+        " It asks not to be tried again before " + Seconds(notice.retry_after) + " have passed.";
+  }
+  return text;
+}
+
+std::string DescribeFailure(const Notice& notice, const RegisterOptions& options, bool unanswered) {
+  if (notice.error_code == 0) {
+    if (unanswered) {
+      return "Registration failed: no answer came from " + options.registrar +
+             ". Is the address right, and does the network let UDP through?" + Reason(notice);
+    }
+    return "Registration failed: no answer came from " + options.registrar +
+           ", or nothing could be sent there. Does the host exist, does somebody listen on that "
+           "port, and is "
+           "there a route to it?" +
+           Reason(notice);
+  }
+  std::string text =
+      "Registration failed: the registrar answered " + Status(notice) + "." + Reason(notice);
+  if (notice.error_code == 401 || notice.error_code == 407) {
+    text += options.auth_user.empty()
+                ? " It wants to know who asks: give --auth-user and a password."
+                : " User name or password do not fit, or it offers no digest algorithm that is "
+                  "known here.";
+  }
+  return text;
+}
+
+std::string DescribeState(const Notice& notice, const RegisterOptions& options) {
+  if (notice.state == "Active") return "The registration stands (" + Printable(notice.event) + ").";
+  std::string text = "Registration lost: ";
+  if (notice.event == "timeout") {
+    text += "a refresh was not answered, or could not be sent.";
+    if (options.auto_reregister) {
+      text += " It is tried again every " + Seconds(options.reregister_interval) + ".";
+    }
+  } else if (notice.event == "refreshed") {
+    text += "the registrar refused a refresh.";
+  } else {
+    text += "the registrar ended it (" + Printable(notice.event) + ").";
+  }
+  return text + Reason(notice);
+}
+
+}  // namespace
+
+std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options) {
+  const int id = ReadRegistrationId(answer);
+  if (answer.command == kCommandRegister) {
+    if (answer.result == 0) {
+      return "Registering " + options.aor + " at " + options.registrar + ", asking for " +
+             Seconds(options.expires) + " (registration " + std::to_string(id) + ").";
+    }
+    return "The registration could not be begun (result " + std::to_string(answer.result) + ").";
+  }
+  if (answer.result == 0) return "Deregistering " + options.aor + ".";
+  return "There was no registration to give back (result " + std::to_string(answer.result) + ").";
+}
+
+std::string DescribeNotice(const Notice& notice, const RegisterOptions& options, bool unanswered) {
+  switch (notice.id) {
+    case kNotifyOutcome:
+      if (notice.result != 0) return DescribeFailure(notice, options, unanswered);
+      return "Registered: the registrar holds a binding for " +
+             Printable(notice.uri.empty() ? options.aor : notice.uri) + "." +
+             (options.auto_refresh
+                  ? " It is refreshed before it ends."
+                  : " It is not refreshed and ends after the seconds that were granted.");
+    case kNotifyDeregistered:
+      if (unanswered) {
+        return "Deregistered here, but nobody answered: the registrar may keep the binding until "
+               "its time is "
+               "over.";
+      }
+      return "Deregistered: the registrar has answered and the binding is given back.";
+    case kNotifyState:
+      return DescribeState(notice, options);
+    case kNotifyServiceLost:
+      return "The registrar has lost the service (533); a new registration went out at once.";
+    default:
+      return "Notification " + std::to_string(notice.id) + ".";
+  }
+}
+
+std::string_view StatusWords(int status) {
+  // RFC 3261 §21, RFC 5626 §11, RFC 5627 §11.
+  static constexpr std::array<std::pair<int, std::string_view>, 39> kWords{{
+      {300, "Multiple Choices"},
+      {301, "Moved Permanently"},
+      {302, "Moved Temporarily"},
+      {305, "Use Proxy"},
+      {380, "Alternative Service"},
+      {400, "Bad Request"},
+      {401, "Unauthorized"},
+      {402, "Payment Required"},
+      {403, "Forbidden"},
+      {404, "Not Found"},
+      {405, "Method Not Allowed"},
+      {406, "Not Acceptable"},
+      {407, "Proxy Authentication Required"},
+      {408, "Request Timeout"},
+      {410, "Gone"},
+      {413, "Request Entity Too Large"},
+      {414, "Request-URI Too Long"},
+      {415, "Unsupported Media Type"},
+      {416, "Unsupported URI Scheme"},
+      {420, "Bad Extension"},
+      {421, "Extension Required"},
+      {423, "Interval Too Brief"},
+      {430, "Flow Failed"},
+      {439, "First Hop Lacks Outbound Support"},
+      {480, "Temporarily Unavailable"},
+      {481, "Call/Transaction Does Not Exist"},
+      {483, "Too Many Hops"},
+      {486, "Busy Here"},
+      {500, "Server Internal Error"},
+      {501, "Not Implemented"},
+      {502, "Bad Gateway"},
+      {503, "Service Unavailable"},
+      {504, "Server Time-out"},
+      {505, "Version Not Supported"},
+      {513, "Message Too Large"},
+      {600, "Busy Everywhere"},
+      {603, "Decline"},
+      {604, "Does Not Exist Anywhere"},
+      {606, "Not Acceptable"},
+  }};
+  for (const auto& [code, words] : kWords) {
+    if (code == status) return words;
+  }
+  if (status < 300) return "no words for it";
+  if (status < 400) return "a redirection";
+  if (status < 500) return "a refusal of the request";
+  if (status < 600) return "a failure of the server";
+  return "a refusal everywhere";
+}
+
+std::string Printable(std::string_view text) {
+  std::string shown(text);
+  for (char& c : shown) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) c = '?';
+  }
+  return shown;
+}
+
+std::string ClockTime(WallTime time) {
+  const Split split = Take(time, true);
+  char text[48];
+  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", split.fields.tm_hour, split.fields.tm_min,
+                split.fields.tm_sec, split.milliseconds);
+  return text;
+}
+
+std::string Rfc3339(WallTime time) {
+  const Split split = Take(time, false);
+  char text[80];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ",
+                split.fields.tm_year + 1900, split.fields.tm_mon + 1, split.fields.tm_mday,
+                split.fields.tm_hour, split.fields.tm_min, split.fields.tm_sec, split.milliseconds);
+  return text;
+}
+
+}  // namespace host

@@ -1,0 +1,27 @@
+// What happened, in words for a person; and times as text.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "host/bus_client.h"
+#include "host/inbox.h"
+#include "host/options.h"
+
+namespace host {
+
+[[nodiscard]] std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options);
+// `unanswered`: the stack waited in vain (true), or could not send at all (false). It matters only
+// for failures without a status, and for a deregistration, where true means that nobody answered
+// it.
+[[nodiscard]] std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
+                                         bool unanswered);
+// "Forbidden" for 403 ...; the class's words for a status without words of its own.
+[[nodiscard]] std::string_view StatusWords(int status);
+
+// Text of the other side for a terminal: control characters become '?'.
+[[nodiscard]] std::string Printable(std::string_view text);
+[[nodiscard]] std::string ClockTime(WallTime time);  // "14:03:07.125", local time
+[[nodiscard]] std::string Rfc3339(WallTime time);    // "2024-05-01T12:03:07.125Z"
+
+}  // namespace host
