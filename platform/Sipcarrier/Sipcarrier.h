@@ -1,8 +1,10 @@
-// Sipcarrier: the SIP stack service. It owns the sockets, the SIP transactions and two threads: the I/O thread
-// (sockets, timers, transactions) and the delivery thread (stack events). One stack per process.
+// Sipcarrier: the SIP stack service. It owns the sockets, the SIP transactions and two threads: the
+// I/O thread (sockets, timers, transactions) and the delivery thread (stack events). One stack per
+// process.
 //
-// Three faces: what the component needs (handler, events), what the host needs (configuration, start, stop,
-// trace, counters), what user agents such as sivra build on (requests, tasks on the I/O thread).
+// Three faces: what the component needs (handler, events), what the host needs (configuration,
+// start, stop, trace, counters), what user agents such as sivra build on (requests, tasks on the
+// I/O thread).
 #pragma once
 
 #include <chrono>
@@ -16,11 +18,14 @@
 #include "nsip/nsip.h"
 #include "visibility.h"
 
-// --- for the component ---------------------------------------------------------------------------------
+// --- for the component
+// ---------------------------------------------------------------------------------
 
 inline constexpr int SIP_EVENT_REGISTER_RESPONSE = 26;  // a final response to a REGISTER
-inline constexpr int SIP_EVENT_REGISTER_TIMEOUT = 74;   // no answer in time (RFC 3261 §17.1.2, timer F)
-inline constexpr int SIP_EVENT_REGISTER_UNSENT = 78;    // could not be sent: address, transport, memory
+inline constexpr int SIP_EVENT_REGISTER_TIMEOUT =
+    74;  // no answer in time (RFC 3261 §17.1.2, timer F)
+inline constexpr int SIP_EVENT_REGISTER_UNSENT =
+    78;  // could not be sent: address, transport, memory
 
 // The record and all that it points to are valid during OnStackEvent only.
 struct SipStackEvent {
@@ -31,7 +36,8 @@ struct SipStackEvent {
   long nStackId;           // the id that sivra_register_set_info gave
 };
 
-// A handler of stack events. OnStackEvent runs on the stack's delivery thread with no lock of the stack held.
+// A handler of stack events. OnStackEvent runs on the stack's delivery thread with no lock of the
+// stack held.
 class TOLVANE_PUBLIC ISipStackEvent {
  public:
   virtual ~ISipStackEvent();
@@ -47,18 +53,21 @@ class TOLVANE_PUBLIC ISipStackEvent {
   char m_szComponentName[256] = {};
 };
 
-// From a result of 0 on stack events reach the handler. Non-zero: null handler, one is registered already,
-// or the stack has not been started.
+// From a result of 0 on stack events reach the handler. Non-zero: null handler, one is registered
+// already, or the stack has not been started.
 TOLVANE_PUBLIC int Sipcarrier_RegisterHandler(ISipStackEvent* pHandler);
-// After it returns no further call comes (it waits for one under way, except when called from it). 0, or -1.
+// After it returns no further call comes (it waits for one under way, except when called from it).
+// 0, or -1.
 TOLVANE_PUBLIC int Sipcarrier_DeRegisterHandler(ISipStackEvent* pHandler);
 
 namespace sipcarrier {
 
-// --- for the host --------------------------------------------------------------------------------------
+// --- for the host
+// --------------------------------------------------------------------------------------
 
-// A username and password for digest. It applies to registrations of `aor` (compared by RFC 3261 §19.1.4)
-// when that is not empty, and to challenges of `realm` when that is not empty; the most exact one wins.
+// A username and password for digest. It applies to registrations of `aor` (compared by RFC 3261
+// §19.1.4) when that is not empty, and to challenges of `realm` when that is not empty; the most
+// exact one wins.
 struct Credential {
   std::string aor;
   std::string realm;
@@ -67,8 +76,8 @@ struct Credential {
 };
 
 struct TraceRecord {
-  bool sent = false;   // false: received
-  std::string local;   // "127.0.0.1:5060", "[::1]:5060"
+  bool sent = false;  // false: received
+  std::string local;  // "127.0.0.1:5060", "[::1]:5060"
   std::string remote;
   std::string_view text;  // the message; the secrets of Authorization headers are masked
 };
@@ -82,32 +91,34 @@ struct Config {
   std::chrono::milliseconds t2{4000};
   std::chrono::milliseconds t4{5000};
   std::vector<Credential> credentials;
-  // Called on the I/O thread for each message, in the order of the wire. Must not call back into the stack.
+  // Called on the I/O thread for each message, in the order of the wire. Must not call back into
+  // the stack.
   std::function<void(const TraceRecord&)> trace;
 };
 
 struct Counters {
-  std::uint64_t sent = 0;              // datagrams, retransmissions included
-  std::uint64_t received = 0;          // datagrams
+  std::uint64_t sent = 0;      // datagrams, retransmissions included
+  std::uint64_t received = 0;  // datagrams
   std::uint64_t retransmitted = 0;
-  std::uint64_t dropped_garbage = 0;   // no SIP message
-  std::uint64_t dropped_stray = 0;     // answers to nobody, requests (none are served yet)
+  std::uint64_t dropped_garbage = 0;  // no SIP message
+  std::uint64_t dropped_stray = 0;    // answers to nobody, requests (none are served yet)
   std::uint64_t timeouts = 0;
   std::uint64_t lost_no_memory = 0;
-  std::size_t transactions = 0;        // alive now, completed ones included
+  std::size_t transactions = 0;  // alive now, completed ones included
 };
 
-// Binds the sockets and starts the threads. 0; or -1 and a text that says what failed and what to do.
-// May be called again after Stop.
+// Binds the sockets and starts the threads. 0; or -1 and a text that says what failed and what to
+// do. May be called again after Stop.
 [[nodiscard]] TOLVANE_PUBLIC int Start(const Config& config, std::string& error);
-// No new work; waits for requests in flight (challenges included) up to the deadline, then ends the threads.
-// No callback comes afterwards. Harmless when not started.
+// No new work; waits for requests in flight (challenges included) up to the deadline, then ends the
+// threads. No callback comes afterwards. Harmless when not started.
 TOLVANE_PUBLIC void Stop(std::chrono::milliseconds deadline);
 [[nodiscard]] TOLVANE_PUBLIC Counters GetCounters();
 // What is bound: "127.0.0.1:5060" ...; empty when not started.
 [[nodiscard]] TOLVANE_PUBLIC std::vector<std::string> LocalEndpoints();
 
-// --- for user agents -----------------------------------------------------------------------------------
+// --- for user agents
+// -----------------------------------------------------------------------------------
 
 struct Endpoint {
   std::string host;  // literal; IPv6 in brackets, as it stands in a URI
@@ -122,32 +133,34 @@ struct Outcome {
   std::string reason;                      // otherwise
 };
 
-// Runs the task on the I/O thread, in order of the calls; false when the stack is not running or memory is
-// exhausted (the task will not run). Tasks must not throw.
+// Runs the task on the I/O thread, in order of the calls; false when the stack is not running or
+// memory is exhausted (the task will not run). Tasks must not throw.
 [[nodiscard]] TOLVANE_PUBLIC bool RunOnIoThread(std::function<void()> task);
 
-// Called on the I/O thread when the destination and with it the local endpoint are known, before the request is
-// written: the place for Contact. false gives the request up (kUnsent).
+// Called on the I/O thread when the destination and with it the local endpoint are known, before
+// the request is written: the place for Contact. false gives the request up (kUnsent).
 using PrepareFn = std::function<bool(nsip_message& request, const Endpoint& local)>;
 using OutcomeFn = std::function<void(Outcome outcome)>;
 
-// Starts a client transaction (RFC 3261 §17.1.2) for a request that is complete but for Via. I/O thread only.
-// Destination: the topmost Route, else the Request-URI (RFC 3261 §8.1.2), `maddr`, `transport` and port heeded;
-// names are looked up asynchronously. A new branch and `rport` (RFC 3581) go into the Via. `done` runs exactly
-// once on the I/O thread, also when sending fails at once (then from a later turn of the loop) and at Stop.
-// 1xx are consumed.
-TOLVANE_PUBLIC void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done);
+// Starts a client transaction (RFC 3261 §17.1.2) for a request that is complete but for Via. I/O
+// thread only. Destination: the topmost Route, else the Request-URI (RFC 3261 §8.1.2), `maddr`,
+// `transport` and port heeded; names are looked up asynchronously. A new branch and `rport` (RFC
+// 3581) go into the Via. `done` runs exactly once on the I/O thread, also when sending fails at
+// once (then from a later turn of the loop) and at Stop. 1xx are consumed.
+TOLVANE_PUBLIC void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare,
+                                OutcomeFn done);
 
-// The local endpoint that a request to this URI would come from, as far as it can be told without a lookup
-// (address literals); otherwise the bound address or, when none is bound, an address of this machine.
-// Any thread. false when not started.
+// The local endpoint that a request to this URI would come from, as far as it can be told without a
+// lookup (address literals); otherwise the bound address or, when none is bound, an address of this
+// machine. Any thread. false when not started.
 [[nodiscard]] TOLVANE_PUBLIC bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local);
 
 // Queues a stack event for the handler; it is dropped when no handler is registered. Any thread.
-TOLVANE_PUBLIC void PostStackEvent(int nEventId, std::unique_ptr<nsip_message> message, std::string reason,
-                                   long nStackId);
+TOLVANE_PUBLIC void PostStackEvent(int nEventId, std::unique_ptr<nsip_message> message,
+                                   std::string reason, long nStackId);
 
 // The credential for this address of record and realm, or false. Any thread.
-[[nodiscard]] TOLVANE_PUBLIC bool FindCredential(const nsip_uri& aor, std::string_view realm, Credential& found);
+[[nodiscard]] TOLVANE_PUBLIC bool FindCredential(const nsip_uri& aor, std::string_view realm,
+                                                 Credential& found);
 
 }  // namespace sipcarrier

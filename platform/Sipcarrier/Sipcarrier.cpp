@@ -1,0 +1,153 @@
+// The public functions: what finds the one stack of the process and passes calls on to it.
+#include "Sipcarrier/Sipcarrier.h"
+
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "Sipcarrier/stack.h"
+
+ISipStackEvent::~ISipStackEvent() = default;
+
+namespace {
+
+template <std::size_t N>
+void CopyName(char (&to)[N], const char* from) {
+  const std::size_t length = from == nullptr ? 0 : strnlen(from, N - 1);
+  if (length > 0) std::memmove(to, from, length);
+  to[length] = '\0';
+}
+
+const char* ReadName(const char* name, unsigned int* length) {
+  if (length != nullptr) *length = static_cast<unsigned int>(std::strlen(name));
+  return name;
+}
+
+// Lock order: lifecycle before current; the latter is a leaf, held for a copy of the pointer only.
+struct Process {
+  std::mutex lifecycle;  // one Start or Stop at a time
+  std::mutex current_mutex;
+  std::shared_ptr<sipcarrier::Stack> current;  // guarded by current_mutex
+  sipcarrier::Counters last;                   // of the run before; guarded by current_mutex
+
+  std::shared_ptr<sipcarrier::Stack> Get() {
+    const std::lock_guard lock(current_mutex);
+    return current;
+  }
+};
+
+Process& TheProcess() {
+  static Process process;
+  return process;
+}
+
+std::shared_ptr<sipcarrier::Stack> TheStack() { return TheProcess().Get(); }
+
+}  // namespace
+
+void ISipStackEvent::SetServerName(const char* szName) { CopyName(m_szServerName, szName); }
+const char* ISipStackEvent::GetServerName(unsigned int* pnLength) {
+  return ReadName(m_szServerName, pnLength);
+}
+void ISipStackEvent::SetComponentName(const char* szName) { CopyName(m_szComponentName, szName); }
+const char* ISipStackEvent::GetComponentName(unsigned int* pnLength) {
+  return ReadName(m_szComponentName, pnLength);
+}
+
+int Sipcarrier_RegisterHandler(ISipStackEvent* pHandler) {
+  const auto stack = TheStack();
+  return stack == nullptr ? -1 : stack->delivery().Register(pHandler);
+}
+
+int Sipcarrier_DeRegisterHandler(ISipStackEvent* pHandler) {
+  const auto stack = TheStack();
+  return stack == nullptr ? -1 : stack->delivery().DeRegister(pHandler);
+}
+
+namespace sipcarrier {
+
+int Start(const Config& config, std::string& error) {
+  try {
+    Process& process = TheProcess();
+    const std::lock_guard lifecycle(process.lifecycle);
+    if (process.Get() != nullptr) {
+      error = "the SIP stack has been started already; stop it first";
+      return -1;
+    }
+    auto stack = std::make_shared<Stack>(config);
+    if (!stack->Open(config, error)) return -1;
+    const std::lock_guard lock(process.current_mutex);
+    process.current = std::move(stack);
+    return 0;
+  } catch (const std::exception& failure) {
+    error.assign("cannot start: ");
+    error.append(failure.what());
+    return -1;
+  }
+}
+
+void Stop(std::chrono::milliseconds deadline) {
+  Process& process = TheProcess();
+  const std::shared_ptr<Stack> called_from = process.Get();
+  // A thread cannot wait for its own end.
+  if (called_from == nullptr || Stack::OfThisThread() != nullptr ||
+      called_from->delivery().OnThisThread()) {
+    return;
+  }
+  const std::lock_guard lifecycle(process.lifecycle);
+  const std::shared_ptr<Stack> stack = process.Get();
+  if (stack == nullptr) return;
+  stack->Stop(deadline);
+  const std::lock_guard lock(process.current_mutex);
+  process.last = stack->counters().Read();
+  process.current = nullptr;
+}
+
+Counters GetCounters() {
+  Process& process = TheProcess();
+  const std::lock_guard lock(process.current_mutex);
+  return process.current == nullptr ? process.last : process.current->counters().Read();
+}
+
+std::vector<std::string> LocalEndpoints() {
+  std::vector<std::string> result;
+  if (const auto stack = TheStack()) {
+    for (const SocketAddress& bound : stack->bound()) result.push_back(bound.Text());
+  }
+  return result;
+}
+
+bool RunOnIoThread(std::function<void()> task) {
+  if (Stack* stack = Stack::OfThisThread()) return stack->Post(std::move(task));
+  const auto stack = TheStack();
+  return stack != nullptr && stack->Post(std::move(task));
+}
+
+void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
+  if (Stack* stack = Stack::OfThisThread()) {
+    stack->Submit(std::move(request), std::move(prepare), std::move(done));
+  } else if (done) {
+    Outcome outcome;
+    outcome.reason = "a request was sent from a thread that is not the I/O thread";
+    done(std::move(outcome));
+  }
+}
+
+bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local) {
+  const auto stack = TheStack();
+  return stack != nullptr && stack->GuessLocalEndpoint(target, local);
+}
+
+void PostStackEvent(int nEventId, std::unique_ptr<nsip_message> message, std::string reason,
+                    long nStackId) {
+  if (const auto stack = TheStack()) {
+    stack->delivery().Post(nEventId, std::move(message), std::move(reason), nStackId);
+  }
+}
+
+bool FindCredential(const nsip_uri& aor, std::string_view realm, Credential& found) {
+  const auto stack = TheStack();
+  return stack != nullptr && stack->credentials().Find(aor, realm, found);
+}
+
+}  // namespace sipcarrier

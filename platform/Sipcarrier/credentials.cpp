@@ -1,0 +1,81 @@
+#include "Sipcarrier/credentials.h"
+
+#include "Sipcarrier/target.h"
+
+namespace sipcarrier {
+namespace {
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// RFC 3261 §19.1.4: an escaped character equals the character.
+std::string Unescape(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && HexDigit(text[i + 1]) >= 0 &&
+        HexDigit(text[i + 2]) >= 0) {
+      result.push_back(static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2])));
+      i += 2;
+    } else {
+      result.push_back(text[i]);
+    }
+  }
+  return result;
+}
+
+std::string KeyOf(const nsip_uri& uri) {
+  if (!uri.opaque.empty())
+    return uri.scheme + ":" + LowerCase(uri.opaque.substr(0, uri.opaque.find(';')));
+  return uri.scheme + ":" + Unescape(uri.user) + "@" + LowerCase(uri.host);
+}
+
+}  // namespace
+
+bool CredentialStore::Load(const std::vector<Credential>& credentials, std::string& error) {
+  for (const Credential& credential : credentials) {
+    Entry entry;
+    entry.credential = credential;
+    const std::size_t index = entries_.size();
+    if (credential.aor.empty()) {
+      by_realm_.emplace(credential.realm, index);
+    } else {
+      entry.aor = std::make_unique<nsip_uri>();
+      if (!nsip_uri_parse(credential.aor, *entry.aor)) {
+        error = "a credential's address of record is no URI: \"" + credential.aor + "\"";
+        return false;
+      }
+      by_aor_.emplace(KeyOf(*entry.aor), index);
+    }
+    entries_.push_back(std::move(entry));
+  }
+  return true;
+}
+
+bool CredentialStore::Find(const nsip_uri& aor, std::string_view realm, Credential& found) const {
+  const Entry* best = nullptr;
+  const auto [first, last] = by_aor_.equal_range(KeyOf(aor));
+  for (auto at = first; at != last; ++at) {
+    const Entry& entry = entries_[at->second];
+    const bool any_realm = entry.credential.realm.empty();
+    if ((!any_realm && entry.credential.realm != realm) || !nsip_uri_equal(*entry.aor, aor))
+      continue;
+    const bool better = best == nullptr || (best->credential.realm.empty() && !any_realm) ||
+                        (best->credential.realm.empty() == any_realm && &entry < best);
+    if (better) best = &entry;
+  }
+  if (best == nullptr) {
+    auto general = by_realm_.find(std::string(realm));
+    if (general == by_realm_.end()) general = by_realm_.find(std::string());
+    if (general == by_realm_.end()) return false;
+    best = &entries_[general->second];
+  }
+  found = best->credential;
+  return true;
+}
+
+}  // namespace sipcarrier

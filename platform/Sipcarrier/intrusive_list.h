@@ -1,0 +1,85 @@
+// A doubly linked list through hooks that its elements inherit: linking and unlinking never
+// allocate and never fail, which is what lets a transaction be queued, retransmitted and ended
+// while memory is exhausted.
+#pragma once
+
+namespace sipcarrier {
+
+// An element that is destroyed leaves its list. Tag tells the lists of one element apart.
+template <class Tag>
+class Hook {
+ public:
+  Hook() = default;
+  Hook(const Hook&) = delete;
+  Hook& operator=(const Hook&) = delete;
+  ~Hook() { Unlink(); }
+
+  [[nodiscard]] bool linked() const { return next_ != this; }
+  void Unlink() noexcept {
+    prev_->next_ = next_;
+    next_->prev_ = prev_;
+    prev_ = next_ = this;
+  }
+
+ private:
+  template <class, class>
+  friend class IntrusiveList;
+  Hook* prev_ = this;
+  Hook* next_ = this;
+};
+
+// Owns nothing. A list that is destroyed lets its elements go.
+template <class T, class Tag>
+class IntrusiveList {
+ public:
+  IntrusiveList() = default;
+  IntrusiveList(const IntrusiveList&) = delete;
+  IntrusiveList& operator=(const IntrusiveList&) = delete;
+  ~IntrusiveList() {
+    while (PopFront() != nullptr) {
+    }
+  }
+
+  [[nodiscard]] bool empty() const { return !head_.linked(); }
+
+  // Takes the element out of the list (of the same tag) that it is in.
+  void PushBack(T& element) noexcept {
+    Hook<Tag>& hook = element;
+    hook.Unlink();
+    hook.prev_ = head_.prev_;
+    hook.next_ = &head_;
+    head_.prev_->next_ = &hook;
+    head_.prev_ = &hook;
+  }
+
+  [[nodiscard]] T* Front() noexcept { return empty() ? nullptr : static_cast<T*>(head_.next_); }
+
+  T* PopFront() noexcept {
+    T* front = Front();
+    if (front != nullptr) static_cast<Hook<Tag>*>(front)->Unlink();
+    return front;
+  }
+
+  // Appends all elements of the other list, which is empty afterwards.
+  void Splice(IntrusiveList& other) noexcept {
+    if (other.empty()) return;
+    other.head_.next_->prev_ = head_.prev_;
+    head_.prev_->next_ = other.head_.next_;
+    other.head_.prev_->next_ = &head_;
+    head_.prev_ = other.head_.prev_;
+    other.head_.prev_ = other.head_.next_ = &other.head_;
+  }
+
+  // The elements in their order, for callers that change nothing meanwhile.
+  template <class Visit>
+  void ForFirst(unsigned limit, Visit visit) {
+    for (Hook<Tag>* at = head_.next_; at != &head_ && limit > 0; at = at->next_, --limit) {
+      visit(*static_cast<T*>(at));
+    }
+  }
+
+ private:
+  Hook<Tag> head_;
+};
+
+}  // namespace sipcarrier

@@ -1,0 +1,68 @@
+// The stack as a whole: its parts, its two threads, its start and its end.
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <thread>
+
+#include "Sipcarrier/credentials.h"
+#include "Sipcarrier/event_delivery.h"
+#include "Sipcarrier/io_loop.h"
+#include "Sipcarrier/transaction_layer.h"
+#include "Sipcarrier/udp_transport.h"
+
+namespace sipcarrier {
+
+// From one Start to the next Stop. Open and Stop: one thread at a time. Submit: the I/O thread. The
+// rest: any thread, as long as it holds a reference.
+class Stack final : LoopClient, TimerSink {
+ public:
+  explicit Stack(const Config& config);  // may throw
+  Stack(const Stack&) = delete;
+  Stack& operator=(const Stack&) = delete;
+  ~Stack();
+
+  // false and a text. May throw std::bad_alloc, std::system_error; then the stack is only fit to be
+  // destroyed.
+  [[nodiscard]] bool Open(const Config& config, std::string& error);
+  void Stop(std::chrono::milliseconds deadline);
+
+  [[nodiscard]] bool Post(std::function<void()> task) { return loop_.Post(std::move(task)); }
+  void Submit(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
+    transactions_.Submit(std::move(request), std::move(prepare), std::move(done));
+  }
+  [[nodiscard]] bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local);
+  [[nodiscard]] const std::vector<SocketAddress>& bound() const { return bound_; }
+  [[nodiscard]] const CredentialStore& credentials() const { return credentials_; }
+  [[nodiscard]] LiveCounters& counters() { return counters_; }
+  [[nodiscard]] EventDelivery& delivery() { return delivery_; }
+  // The stack whose I/O thread the caller is on, or null.
+  [[nodiscard]] static Stack* OfThisThread();
+
+ private:
+  void OnAlarm() noexcept override;
+  void OnTurnEnd() noexcept override;
+  void OnTaskFailed() noexcept override { LiveCounters::Add(counters_.lost_no_memory); }
+  void OnTimer(Timer& timer) noexcept override;
+  void StartThreads();
+
+  // In the order in which they need each other.
+  LiveCounters counters_;
+  CredentialStore credentials_;
+  LocalAddressFinder finder_;
+  Tracer tracer_;
+  EventDelivery delivery_;
+  IoLoop loop_;
+  TimerQueue timers_;
+  TransactionLayer transactions_;
+  std::unique_ptr<UdpTransport> udp_;
+  std::optional<Resolver> resolver_;
+  std::vector<SocketAddress> bound_;  // immutable once open
+  Timer stop_timer_;
+  std::thread io_thread_;
+
+  Clock::time_point stop_deadline_;  // written before stopping_
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace sipcarrier
