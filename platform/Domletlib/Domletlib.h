@@ -42,18 +42,25 @@ class TOLVANE_PUBLIC CXML {
   // be read, and the object is then an empty document (LastError tells why).
   int SetDoc(const char* szDoc);
   int SetDoc(std::string_view strDoc);
-  // The document as text; written documents have no white space between elements.
+  // The document as text: what was read, byte for byte, with what was written put in. Written
+  // elements have no white space between them.
   [[nodiscard]] std::string GetDoc() const;
-  [[nodiscard]] const std::string& LastError()
-      const;  // "line 3, column 7: ..." of the last failed SetDoc
+  // Why the last SetDoc failed: "line 3, column 7: ...". Empty when it did not.
+  [[nodiscard]] const std::string& LastError() const;
 
   // Positions: a level, a main position on that level, a child position below the main position.
-  void ResetPos();                   // to the top: the next FindElem looks at the root level
-  void ResetMainPos();               // the next FindElem starts at the level's first element
-  int FindElem(const char* szName);  // next element of this name on the level; non-zero if found
-  int IntoElem();                    // the level goes down into the main element
-  [[nodiscard]] std::string GetData()
-      const;  // text directly inside the main element, escapes undone
+  // A search that finds nothing leaves the positions as they were.
+
+  // To the top: the next FindElem looks at the root level.
+  void ResetPos();
+  // The next FindElem starts at the first element of the level.
+  void ResetMainPos();
+  // The next element of this name on the level; non-zero if found.
+  int FindElem(const char* szName);
+  // The level goes down into the main element.
+  int IntoElem();
+  // The text directly inside the main element, escapes undone.
+  [[nodiscard]] std::string GetData() const;
   int FindAttrib(const char* szName) const;  // non-zero if the main element has it
   [[nodiscard]] std::string GetAttrib(const char* szName) const;  // its value, empty if absent
   // The next child of this name of the main element; straight after ResetPos: of the root element.
@@ -61,16 +68,18 @@ class TOLVANE_PUBLIC CXML {
   // The exact text of the found child, markup included, as it stood in the document that was read.
   [[nodiscard]] std::string GetChildSubDoc() const;
 
-  // Writing. Values are escaped. A null value is an empty one. Non-zero on success.
-  int AddElem(const char* szName, const char* szValue,
-              int nFlags);  // the root of an empty document
-  int AddChildElem(const char* szName, const char* szValue,
-                   int nFlags);  // appended to the main element
+  // Writing. Values are escaped. A null value is an empty one; there are no flags yet. Non-zero on
+  // success.
+
+  // The root of an empty document; it becomes the main element.
+  int AddElem(const char* szName, const char* szValue, int nFlags);
+  // Appended to the main element, which stays the main element.
+  int AddChildElem(const char* szName, const char* szValue, int nFlags);
   int AddChildElem(const char* szName, int nValue, int nFlags);
 
  private:
   struct Document;
-  Document& Own();
+  Document& Own();  // for writing
   void Release() noexcept;
   void Swap(CXML& oOther) noexcept;
 

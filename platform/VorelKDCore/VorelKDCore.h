@@ -4,7 +4,11 @@
 // Threads. Every thread has an event queue and a callback table of its own, made at its first call.
 // All calls may be made from any thread; what a call touches is the calling thread's unless a
 // KDThread is named. A KDThread handle is never reused: a handle of a thread that has ended stays a
-// valid argument for ever and names nobody.
+// valid argument for ever and names nobody. A thread ends here with its thread-local objects; what
+// is then queued is freed undelivered, and its timers end.
+//
+// Order. Events and firings are delivered in the order of the moments at which they were posted and
+// became due; at the same moment the event goes first.
 //
 // Errors. Calls that fail give -1 or null and set the calling thread's error code (kdGetError).
 #pragma once
@@ -74,9 +78,13 @@ TOLVANE_PUBLIC KDint kdPostEvent(KDEvent* event);  // to the calling thread
 
 // Waits at most timeout ns (0: not at all; negative: without limit) and delivers what comes to its
 // callbacks meanwhile. Returns the first event that has no callback (valid until the thread's next
-// kdWaitEvent or kdPumpEvents), or null when the time is over (KD_EAGAIN).
+// kdWaitEvent or kdPumpEvents), or null when the time is over (KD_EAGAIN); what is queued and due
+// then has been delivered. A post from another thread and a timer that becomes due end the waiting
+// at once. timeout is real time, also while the clock is replaced; a replaced clock is looked at
+// every 5 ms.
 TOLVANE_PUBLIC const KDEvent* kdWaitEvent(KDust timeout);
-// Delivers what is queued and due now, without waiting; events without a callback are dropped. 0.
+// Delivers what is queued and due now, without waiting; events without a callback are dropped. What
+// callbacks post or set meanwhile stays for the next call, so this one always ends. 0.
 // An exception must not leave a callback.
 TOLVANE_PUBLIC KDint kdPumpEvents();
 
@@ -85,14 +93,17 @@ TOLVANE_PUBLIC KDint kdPumpEvents();
 // one of the KD_TIMER_ modes. Each firing is an event KD_EVENT_TIMER_FIRED with eventuserptr in
 // that thread's queue. A timer never has more than one firing queued. PERIODIC_AVERAGE keeps the
 // phase of its start: a late loop loses firings but the average period does not drift.
+// PERIODIC_MINIMUM lets at least the interval pass between two deliveries. ONESHOT ends by itself
+// with its delivery; the handle is then no timer any more. A firing that is due beyond the end of
+// the clock never comes.
 TOLVANE_PUBLIC KDTimer* kdSetTimer(KDint64 interval, KDint periodic, void* eventuserptr);
 // Ends a timer of the calling thread. After 0 no firing of it is delivered, also none that was
 // queued. -1 with KD_EINVAL: no such timer, or a timer of another thread.
 TOLVANE_PUBLIC KDint kdCancelTimer(KDTimer* timer);
 
 // --- text --------------------------------------------------------------------------------------
-TOLVANE_PUBLIC KDint kdStrtol(const KDchar* nptr, KDchar** endptr,
-                              KDint base);  // saturates at 32 bits
+// Saturates at 32 bits (KD_ERANGE).
+TOLVANE_PUBLIC KDint kdStrtol(const KDchar* nptr, KDchar** endptr, KDint base);
 TOLVANE_PUBLIC KDint kdStrcmp(const KDchar* s1, const KDchar* s2);
 // Copies with the terminator into a buffer of buflen bytes; -1 (KD_ERANGE) and an empty text if it
 // does not fit.
@@ -108,7 +119,9 @@ TOLVANE_PUBLIC void* kdMemcpy(void* buf, const void* src, KDsize len);
 // timers. From any thread; never waits; the cost does not grow with what else is queued there.
 // 0: nothing there names userptr any more (also when the thread has ended).
 // -1, KD_EBUSY: a callback with this userptr is running on that thread at this moment; everything
-// else has been taken back, the caller tries again later.
+// else has been taken back, the caller tries again later. "With this userptr" means: with an event
+// that carries it, whatever the callback was installed for. An event that kdWaitEvent has handed
+// out is no longer queued.
 TOLVANE_PUBLIC KDint kdForgetUserPtr(KDThread* thread, void* userptr);
 // 1 when the thread has ended (or the handle names nobody), else 0.
 TOLVANE_PUBLIC KDint kdThreadEnded(KDThread* thread);
