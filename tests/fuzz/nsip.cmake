@@ -1,0 +1,1 @@
+tolvane_fuzz(nsip_fuzz SOURCES nsip_fuzz.cpp LIBS nsip)
