@@ -91,8 +91,7 @@ bool ComputeHa1(DigestAlgorithm algorithm, std::string_view user, std::string_vi
   if (!HashJoined(algorithm.hash, {user, realm, password}, ha1)) {
     return false;
   }
-  // The inner hash counts as its hex text: H() of RFC 7616 §3.4.2 is one, and so erratum 1649 of
-  // RFC 2617 has it.
+  // The inner hash counts as its hex text (H() of RFC 7616 §3.4.2), not as raw bytes.
   return !algorithm.session || HashJoined(algorithm.hash, {ha1.Hex(), nonce, cnonce}, ha1);
 }
 

@@ -1,0 +1,225 @@
+// Digest: the arithmetic against published values, the choice of a challenge, and when to give up.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sivra/authenticator.h"
+#include "sivra/challenge.h"
+#include "sivra/digest.h"
+
+namespace sivra {
+namespace {
+
+constexpr std::string_view kNonce = "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v";
+constexpr std::string_view kCnonce = "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ";
+
+std::string Response(std::string_view algorithm_name, std::string_view user, std::string_view realm,
+                     std::string_view password, const DigestInput& input) {
+  DigestAlgorithm algorithm;
+  HashValue ha1;
+  std::string response;
+  EXPECT_TRUE(ParseDigestAlgorithm(algorithm_name, algorithm));
+  EXPECT_TRUE(ComputeHa1(algorithm, user, realm, password, input.nonce, input.cnonce, ha1));
+  EXPECT_TRUE(ComputeResponse(algorithm.hash, ha1, input, response));
+  return response;
+}
+
+// RFC 7616 §3.9.1 gives the MD5 and SHA-256 values; the others are for the same input, computed
+// with Python's hashlib.
+TEST(Digest, Rfc7616Values) {
+  const DigestInput input{"GET", "/dir/index.html", kNonce, "00000001", kCnonce, true};
+  const std::vector<std::pair<const char*, const char*>> kValues = {
+      {"MD5", "8ca523f5e9506fed4657c9700eebdbec"},
+      {"md5-SESS", "e783283f46242139c486a698fec7211d"},
+      {"SHA-256", "753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1"},
+      {"SHA-256-sess", "2fd51b3a77ad75bad6afad6003e818d767133c46d9e2749e7f5232ae1ea3efd7"},
+      {"SHA-512-256", "430d05014cecc49cab6fbe03176d41a1da86cbfe24a16580e22aaad928d960d0"},
+      {"SHA-512-256-sess", "3f2a34f923c38b0fb26dce2fdfc2ce326c23cecf86fbb1444f3e51fbbc2cb92e"},
+  };
+  for (const auto& [algorithm, value] : kValues) {
+    EXPECT_EQ(Response(algorithm, "Mufasa", "http-auth@example.org", "Circle of Life", input),
+              value)
+        << algorithm;
+  }
+  DigestAlgorithm unknown;
+  EXPECT_FALSE(ParseDigestAlgorithm("SHA-512", unknown));
+  // Not the value printed in RFC 7616 §3.9.2, which comes from SHA-512 cut short instead of
+  // SHA-512/256.
+  HashValue user;
+  ASSERT_TRUE(HashJoined(Hash::kSha512Trunc256, {"J\u00e4s\u00f8n Doe", "api@example.org"}, user));
+  EXPECT_EQ(user.Hex(), "793263caabb707a56211940d90411ea4a575adeccb7e360aeb624ed06ece9b0b");
+}
+
+// RFC 2617 §3.5, and the same without qop (§3.2.2.1).
+TEST(Digest, Rfc2617Values) {
+  DigestInput input{"GET",      "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
+                    "00000001", "0a4f113b",        true};
+  const auto response = [&input] {
+    return Response("MD5", "Mufasa", "testrealm@host.com", "Circle Of Life", input);
+  };
+  EXPECT_EQ(response(), "6629fae49393a05397450978507c4ef1");
+  input.qop_auth = false;
+  EXPECT_EQ(response(), "670fd8c2df070c60b045671b8b24ff02");
+}
+
+std::unique_ptr<nsip_message> Answer(int status, const std::vector<std::string>& headers) {
+  std::string text = "SIP/2.0 " + std::to_string(status) +
+                     " x\r\nVia: SIP/2.0/UDP h;branch=z9hG4bK1\r\nFrom: <sip:a@h>;tag=1\r\n"
+                     "To: <sip:a@h>;tag=2\r\nCall-ID: c\r\nCSeq: 1 REGISTER\r\n";
+  for (const std::string& header : headers) text += header + "\r\n";
+  std::string reason;
+  auto message = nsip_message_parse(text + "Content-Length: 0\r\n\r\n", reason);
+  EXPECT_TRUE(message) << reason;
+  return message;
+}
+
+// "realm:algorithm" of each challenge that is taken, "P:" in front of a proxy's.
+std::string Chosen(const std::vector<std::string>& headers) {
+  std::string text;
+  for (const Challenge& challenge : ReadChallenges(*Answer(401, headers))) {
+    text += (challenge.proxy ? " P:" : " ") + challenge.realm + ":" +
+            std::string(DigestAlgorithmName(challenge.algorithm));
+  }
+  return text;
+}
+
+TEST(Challenge, Choice) {
+  const std::string www = "WWW-Authenticate: ";
+  EXPECT_EQ(
+      Chosen({www + "Digest realm=a,nonce=1", www + "Digest realm=a,nonce=2,algorithm=SHA-256",
+              www + "Digest realm=a,nonce=3,algorithm=SHA-256-sess",
+              www + "Digest realm=a,nonce=4,algorithm=SHA-3"}),
+      " a:SHA-256");
+  EXPECT_EQ(Chosen({www + "Basic realm=\"x, Digest realm=y\", Digest realm=\"a, \\\"b\\\" c\", "
+                          "nonce=\"1\", qop = \"auth-int , AUTH\", Negotiate, "
+                          "digest nonce=2 , realm=b,algorithm=MD5-sess",
+                    "Proxy-Authenticate: Digest realm=b,nonce=3,algorithm=SHA-512-256"}),
+            " a, \"b\" c:MD5 b:MD5-sess P:b:SHA-512-256");
+  EXPECT_EQ(Chosen({www + "Digest realm=a,nonce=1,qop=\"auth-int\"", www + "Digest realm=a",
+                    www + "Digest nonce=1", www + "Digest realm=a,nonce=\"\"", www + "\"",
+                    www + "Digest realm=a,nonce=" + std::string(kMaxChallengeText + 1, 'n')}),
+            "");
+  std::vector<std::string> flood(kMaxChallenges, www + "Basic realm=a");
+  flood.push_back(www + "Digest realm=a,nonce=1");
+  EXPECT_EQ(Chosen(flood), "");
+  flood.erase(flood.begin());
+  EXPECT_EQ(Chosen(flood), " a:MD5");
+}
+
+// An authenticator for alice, whose password is "secret" in every realm but "foreign".
+class AuthenticatorTest : public ::testing::Test {
+ protected:
+  bool Challenge(const std::string& params, const std::string& name = "WWW-Authenticate") {
+    return authenticator_.Answer(*Answer(401, {name + ": Digest realm=\"r\\\"1\"," + params}),
+                                 Lookup);
+  }
+  static bool Lookup(std::string_view realm, sipcarrier::Credential& found) {
+    found.user = user_;
+    found.password = "secret";
+    return realm != "foreign";
+  }
+  // "nonce/nc" of the credentials that a request gets, each one checked as a registrar would.
+  std::string Authorize() {
+    nsip_message request;
+    request.sip_method = "REGISTER";
+    request.req_uri = std::make_unique<nsip_uri>();
+    EXPECT_TRUE(nsip_uri_parse("sip:example.com;lr", *request.req_uri));
+    if (!authenticator_.Authorize(request)) return "refused";
+    std::string text;
+    for (const auto& header : request.headers.items) {
+      std::string scheme;
+      nsip_param_list params;
+      EXPECT_TRUE(nsip_auth_params_parse(header->hvalue, scheme, params)) << header->hvalue;
+      const auto get = [&params](const char* name) {
+        const nsip_generic_param* param = nullptr;
+        nsip_generic_param_get_byname(params, name, &param);
+        return param == nullptr ? std::string() : param->value;
+      };
+      const std::string nonce = get("nonce");
+      const std::string nc = get("nc");
+      cnonce_ = get("cnonce");
+      opaque_ = get("opaque");
+      username_ = get("username");
+      const std::string algorithm = get("algorithm").empty() ? "MD5" : get("algorithm");
+      EXPECT_EQ(get("response"),
+                Response(algorithm, "alice", "r\"1", "secret",
+                         {"REGISTER", "sip:example.com;lr", nonce, nc, cnonce_, !nc.empty()}))
+          << header->hvalue;
+      text += (header->hname == "Authorization" ? " " : " P:") + nonce + "/" + nc;
+    }
+    return text;
+  }
+
+  static inline std::string user_ = "alice";
+  Authenticator authenticator_;
+  std::string cnonce_, opaque_, username_;
+};
+
+TEST_F(AuthenticatorTest, AuthorisesInAdvanceAndCounts) {
+  EXPECT_EQ(Authorize(), "");
+  ASSERT_TRUE(Challenge("nonce=n1,qop=\"auth\",opaque=\"o\\\\p\",algorithm=SHA-256"));
+  EXPECT_EQ(Authorize(), " n1/00000001");
+  EXPECT_EQ(opaque_, "o\\p");
+  const std::string first = cnonce_;
+  authenticator_.Start();
+  EXPECT_EQ(Authorize(), " n1/00000002");
+  EXPECT_NE(cnonce_, first);
+  // Refused although not stale: the nonce was from an earlier REGISTER, so it says nothing about
+  // the password.
+  EXPECT_TRUE(Challenge("nonce=n2,qop=auth"));
+  EXPECT_EQ(Authorize(), " n2/00000001");
+  authenticator_.LearnNextNonce(*Answer(200, {"Authentication-Info: qop=auth, nextnonce=\"n3\""}));
+  EXPECT_EQ(Authorize(), " n3/00000001");
+  authenticator_.LearnNextNonce(*Answer(200, {"Authentication-Info: nextnonce=\"n3\""}));
+  EXPECT_EQ(Authorize(), " n3/00000002");
+  // The same nonce called stale: answered, and its count goes on.
+  EXPECT_TRUE(Challenge("nonce=n3,qop=auth,stale=TRUE"));
+  EXPECT_EQ(Authorize(), " n3/00000003");
+}
+
+TEST_F(AuthenticatorTest, GivesUpWhenTheCredentialsAreWrong) {
+  ASSERT_TRUE(Challenge("nonce=n1"));
+  EXPECT_EQ(Authorize(), " n1/");  // no qop, no count
+  EXPECT_FALSE(Challenge("nonce=n2")) << "a fresh nonce after an answered challenge";
+  EXPECT_EQ(Authorize(), "") << "the next REGISTER starts afresh";
+  ASSERT_TRUE(Challenge("nonce=n3"));
+  EXPECT_TRUE(Challenge("nonce=n4,stale=true"));
+  EXPECT_FALSE(Challenge("nonce=n5,stale=true")) << "stale once more";
+  ASSERT_TRUE(Challenge("nonce=n6"));
+  authenticator_.Start();
+  EXPECT_FALSE(Challenge("nonce=n6")) << "the nonce just used";
+  EXPECT_FALSE(authenticator_.Answer(
+      *Answer(401, {"WWW-Authenticate: Digest realm=foreign,nonce=n7"}), Lookup));
+  EXPECT_FALSE(authenticator_.Answer(*Answer(401, {}), Lookup));
+}
+
+TEST_F(AuthenticatorTest, ProxyAndRegistrarTogether) {
+  ASSERT_TRUE(Challenge("nonce=p1,qop=auth", "Proxy-Authenticate"));
+  EXPECT_EQ(Authorize(), " P:p1/00000001");
+  ASSERT_TRUE(Challenge("nonce=n1,algorithm=MD5-sess,qop=auth"));
+  EXPECT_EQ(Authorize(), " P:p1/00000002 n1/00000001");
+  const std::string session_cnonce = cnonce_;
+  EXPECT_EQ(Authorize(), " P:p1/00000003 n1/00000002");
+  EXPECT_EQ(cnonce_, session_cnonce) << "H(A1) of the session has it";
+  ASSERT_TRUE(Challenge("nonce=p2,qop=auth,stale=true", "Proxy-Authenticate"));
+  EXPECT_EQ(Authorize(), " n1/00000003 P:p2/00000001");
+}
+
+TEST_F(AuthenticatorTest, Usernames) {
+  ASSERT_TRUE(Challenge("nonce=n1,userhash=true,algorithm=SHA-256"));
+  EXPECT_EQ(Authorize(), " n1/");
+  HashValue hashed;
+  ASSERT_TRUE(HashJoined(Hash::kSha256, {"alice", "r\"1"}, hashed));
+  EXPECT_EQ(username_, hashed.Hex());
+  user_ = "ali\r\nce";  // configured by mistake: must not become a header line of its own
+  authenticator_.Start();
+  ASSERT_TRUE(Challenge("nonce=n2"));
+  EXPECT_EQ(Authorize(), "refused");
+  user_ = "alice";
+}
+
+}  // namespace
+}  // namespace sivra
