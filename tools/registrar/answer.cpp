@@ -144,9 +144,10 @@ std::string TransactionKey(const nsip_message& request) {
   if (branch != nullptr && branch->value.starts_with(kMagicCookie)) return key + branch->value;
   // A branch without the cookie tells nothing; then the message as a whole does.
   const nsip_generic_param* tag = Param(request.from->params, "tag");
-  return key + request.call_id + "\n" + std::to_string(request.cseq_number) + "\n" +
-         (tag == nullptr ? std::string() : tag->value) + "\n" +
-         (request.req_uri ? nsip_uri_text(*request.req_uri) : std::string());
+  key.append(request.call_id).append("\n").append(std::to_string(request.cseq_number));
+  if (tag != nullptr) key.append("\n").append(tag->value);
+  if (request.req_uri) key.append("\n").append(nsip_uri_text(*request.req_uri));
+  return key;
 }
 
 const AnswerCache::Entry* AnswerCache::Find(const std::string& key) const {
@@ -156,8 +157,8 @@ const AnswerCache::Entry* AnswerCache::Find(const std::string& key) const {
 
 void AnswerCache::Put(const std::string& key, Entry entry, Clock::time_point now) {
   while (entries_.size() >= kMaxAnswers) DropOldest();
-  entries_.insert_or_assign(key, std::move(entry));
   order_.emplace_back(now, key);
+  entries_.insert_or_assign(key, std::move(entry));
 }
 
 void AnswerCache::Settle(const std::string& key) {

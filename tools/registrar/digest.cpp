@@ -235,12 +235,12 @@ const char* Digest::challenge_header() const {
 
 std::vector<std::string> Digest::Challenges(bool stale) {
   const std::string nonce = RandomHex(16);
-  if (nonces_.size() >= kMaxNonces) {
+  if (order_.size() >= kMaxNonces) {
     nonces_.erase(order_.front());
     order_.pop_front();
   }
-  nonces_.emplace(nonce, Nonce{});
   order_.push_back(nonce);
+  nonces_.emplace(nonce, Nonce{});
 
   std::vector<std::string> challenges;
   for (const Algorithm& algorithm : algorithms_) {

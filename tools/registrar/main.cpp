@@ -173,6 +173,11 @@ int Run(int argc, char** argv) {
   registrar::Options& options = arguments.options;
   std::string error;
   if (arguments.qop == "none") options.qop.clear();
+  if (options.max_expires < options.min_expires) {
+    std::cerr
+        << "tolvane-registrar: --max-expires is below --min-expires: no wish could be granted\n";
+    return kUsage;
+  }
   if (!arguments.users.empty()) {
     std::string password;
     if (!ReadPassword(arguments.password_file, password, error)) {
