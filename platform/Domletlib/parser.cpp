@@ -85,9 +85,9 @@ class Builder {
       throw std::bad_alloc();
     }
     if (read && refusal_ == nullptr) return true;
-    const char* reason = refusal_ != nullptr ? refusal_ : XML_ErrorString(XML_GetErrorCode(parser));
-    error = domlet::At(XML_GetCurrentLineNumber(parser), XML_GetCurrentColumnNumber(parser) + 1,
-                       reason);
+    if (refusal_ == nullptr) NotePosition();
+    error = domlet::At(line_, column_,
+                       refusal_ != nullptr ? refusal_ : XML_ErrorString(XML_GetErrorCode(parser)));
     return false;
   }
 
@@ -119,7 +119,13 @@ class Builder {
 
   void Refuse(const char* reason) noexcept {
     refusal_ = reason;
+    NotePosition();  // now, since stopping moves it on
     XML_StopParser(parser_.get(), XML_FALSE);
+  }
+
+  void NotePosition() noexcept {
+    line_ = XML_GetCurrentLineNumber(parser_.get());
+    column_ = XML_GetCurrentColumnNumber(parser_.get()) + 1;
   }
 
   [[nodiscard]] std::uint32_t Position() const noexcept {
@@ -202,7 +208,9 @@ class Builder {
   // grows.
   std::string pending_;
   std::array<std::size_t, CXML::kMaxDepth> text_begin_{};
-  const char* refusal_ = nullptr;
+  const char* refusal_ = nullptr;  // ours; the parser's own reasons are with the parser
+  std::size_t line_ = 0;
+  std::size_t column_ = 0;
   bool out_of_memory_ = false;
 };
 

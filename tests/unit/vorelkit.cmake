@@ -1,0 +1,1 @@
+tolvane_test(vorelkit_test SOURCES vorelkit_test.cpp LIBS Vorelkit)
