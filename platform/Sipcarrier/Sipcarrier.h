@@ -5,6 +5,10 @@
 // Three faces: what the component needs (handler, events), what the host needs (configuration,
 // start, stop, trace, counters), what user agents such as sivra build on (requests, tasks on the
 // I/O thread).
+//
+// Functions throw nothing but std::bad_alloc.
+// UDP is the one transport; a name without a port stands for its A and AAAA records and port 5060
+// (NAPTR and SRV, RFC 3263 §4.1 and §4.2, are not asked).
 #pragma once
 
 #include <chrono>
@@ -62,8 +66,7 @@ TOLVANE_PUBLIC int Sipcarrier_DeRegisterHandler(ISipStackEvent* pHandler);
 
 namespace sipcarrier {
 
-// --- for the host
-// --------------------------------------------------------------------------------------
+// --- for the host --------------------------------------------------------------------------------
 
 // A username and password for digest. It applies to registrations of `aor` (compared by RFC 3261
 // §19.1.4) when that is not empty, and to challenges of `realm` when that is not empty; the most
@@ -111,14 +114,15 @@ struct Counters {
 // do. May be called again after Stop.
 [[nodiscard]] TOLVANE_PUBLIC int Start(const Config& config, std::string& error);
 // No new work; waits for requests in flight (challenges included) up to the deadline, then ends the
-// threads. No callback comes afterwards. Harmless when not started.
+// threads. No callback comes afterwards; the handler of stack events is registered no more.
+// Harmless when not started; does nothing on the stack's own threads. It outlasts the deadline only
+// while a callback does.
 TOLVANE_PUBLIC void Stop(std::chrono::milliseconds deadline);
 [[nodiscard]] TOLVANE_PUBLIC Counters GetCounters();
 // What is bound: "127.0.0.1:5060" ...; empty when not started.
 [[nodiscard]] TOLVANE_PUBLIC std::vector<std::string> LocalEndpoints();
 
-// --- for user agents
-// -----------------------------------------------------------------------------------
+// --- for user agents -----------------------------------------------------------------------------
 
 struct Endpoint {
   std::string host;  // literal; IPv6 in brackets, as it stands in a URI
@@ -139,6 +143,7 @@ struct Outcome {
 
 // Called on the I/O thread when the destination and with it the local endpoint are known, before
 // the request is written: the place for Contact. false gives the request up (kUnsent).
+// It may run again when the address could not be reached and the name has another one.
 using PrepareFn = std::function<bool(nsip_message& request, const Endpoint& local)>;
 using OutcomeFn = std::function<void(Outcome outcome)>;
 
@@ -146,7 +151,9 @@ using OutcomeFn = std::function<void(Outcome outcome)>;
 // thread only. Destination: the topmost Route, else the Request-URI (RFC 3261 §8.1.2), `maddr`,
 // `transport` and port heeded; names are looked up asynchronously. A new branch and `rport` (RFC
 // 3581) go into the Via. `done` runs exactly once on the I/O thread, also when sending fails at
-// once (then from a later turn of the loop) and at Stop. 1xx are consumed.
+// once (then from a later turn of the loop) and at Stop: kTimeout when the request had left, else
+// kUnsent. Only when memory is so short that not even this can be noted, it runs before SendRequest
+// returns. 1xx are consumed.
 TOLVANE_PUBLIC void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare,
                                 OutcomeFn done);
 
