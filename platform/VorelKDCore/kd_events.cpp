@@ -92,7 +92,9 @@ KDint kdCancelTimer(KDTimer* timer) {
 
 KDint kdForgetUserPtr(KDThread* thread, void* userptr) {
   const auto mailbox = vorelkd::Lookup(thread);
-  return mailbox != nullptr ? Result(mailbox->Forget(userptr)) : 0;
+  if (mailbox == nullptr) return 0;
+  const KDint error = mailbox->Forget(userptr);
+  return error == KD_EBUSY && mailbox.get() == vorelkd::Self() ? 0 : Result(error);
 }
 
 KDint kdThreadEnded(KDThread* thread) { return vorelkd::Lookup(thread) == nullptr ? 1 : 0; }

@@ -83,10 +83,13 @@ struct ST_REG_EVENT {
 
 class CRegister {
  public:
-  CRegister() = default;
-  virtual ~CRegister() = default;
+  CRegister() { ++s_nAlive; }
+  virtual ~CRegister() { --s_nAlive; }
   CRegister(const CRegister&) = delete;
   CRegister& operator=(const CRegister&) = delete;
+
+  // How many there are, the retired ones included: what a leak would show in.
+  static inline std::atomic<int> s_nAlive{0};
 
   // ---- commands (Register.cpp)
   void SetRegInfo(const CRegMsg& stRegMsg);
