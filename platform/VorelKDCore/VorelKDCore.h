@@ -118,11 +118,11 @@ TOLVANE_PUBLIC void* kdMemcpy(void* buf, const void* src, KDsize len);
 // Takes back everything on `thread` that names userptr: its queued events, its callbacks and its
 // timers. From any thread; never waits; the cost does not grow with what else is queued there.
 // 0: nothing there names userptr any more (also when the thread has ended).
-// -1, KD_EBUSY: a callback with this userptr is running on that thread at this moment, and that is not
-// the calling thread; everything else has been taken back, the caller tries again later. (A callback that
-// asks for itself knows that it runs; the library does not touch userptr behind it.) "With this userptr"
-// means: with an event that carries it, whatever the callback was installed for. An event that
-// kdWaitEvent has handed out is no longer queued.
+// -1, KD_EBUSY: a callback with this userptr is running on that thread at this moment, and that is
+// not the calling thread; everything else has been taken back, the caller tries again later. (A
+// callback that asks for itself knows that it runs; the library does not touch userptr behind it.)
+// "With this userptr" means: with an event that carries it, whatever the callback was installed
+// for. An event that kdWaitEvent has handed out is no longer queued.
 TOLVANE_PUBLIC KDint kdForgetUserPtr(KDThread* thread, void* userptr);
 // 1 when the thread has ended (or the handle names nobody), else 0.
 TOLVANE_PUBLIC KDint kdThreadEnded(KDThread* thread);

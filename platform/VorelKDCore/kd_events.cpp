@@ -1,6 +1,8 @@
 // The C calls for events, timers and the extensions: argument checks and error codes around the
 // mailboxes.
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "clock.h"
 #include "threads.h"
@@ -94,7 +96,7 @@ KDint kdForgetUserPtr(KDThread* thread, void* userptr) {
   const auto mailbox = vorelkd::Lookup(thread);
   if (mailbox == nullptr) return 0;
   const KDint error = mailbox->Forget(userptr);
-  return error == KD_EBUSY && mailbox.get() == vorelkd::Self() ? 0 : Result(error);
+  return error == KD_EBUSY && vorelkd::IsSelf(*mailbox) ? 0 : Result(error);
 }
 
 KDint kdThreadEnded(KDThread* thread) { return vorelkd::Lookup(thread) == nullptr ? 1 : 0; }

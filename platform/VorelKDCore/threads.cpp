@@ -84,6 +84,8 @@ Mailbox* Self() noexcept {
   }
 }
 
+bool IsSelf(const Mailbox& mailbox) noexcept { return &mailbox == t_mailbox; }
+
 KDThread* SelfHandle() noexcept {
   if (t_id == 0 && Self() == nullptr) return nullptr;
   return reinterpret_cast<KDThread*>(t_id);  // NOLINT(performance-no-int-to-ptr): an opaque number

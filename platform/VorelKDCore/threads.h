@@ -12,6 +12,9 @@ namespace vorelkd {
 // The error code is then set.
 [[nodiscard]] Mailbox* Self() noexcept;
 
+// Whether this is the calling thread's mailbox; makes none.
+[[nodiscard]] bool IsSelf(const Mailbox& mailbox) noexcept;
+
 // Handle of the calling thread, also past its end; null when it never had a mailbox and cannot have
 // one.
 [[nodiscard]] KDThread* SelfHandle() noexcept;

@@ -1,5 +1,8 @@
+#include <sys/resource.h>
+
 #include <chrono>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include "kdcore_support.h"
@@ -174,6 +177,57 @@ TEST_F(Threads, PostersKeepTheirOrderUnderLoad) {
   for (std::thread& each : threads) each.join();
   loop.join();
   EXPECT_TRUE(in_order);
+}
+
+TEST_F(Threads, TakingBackIsRefusedWhileACallbackRunsElsewhere) {
+  static std::promise<void>* entered;
+  static std::shared_future<void>* leave;
+  std::promise<void> has_entered;
+  std::promise<void> may_leave;
+  std::shared_future<void> leaving = may_leave.get_future().share();
+  entered = &has_entered;
+  leave = &leaving;
+  std::promise<KDThread*> started;
+  std::thread loop([&] {
+    // Installed for all user pointers: what counts is the event's.
+    kdInstallCallback(
+        [](const KDEvent*) {
+          entered->set_value();
+          leave->wait();
+        },
+        kWork, nullptr);
+    started.set_value(kdThreadSelf());
+    Loop();
+  });
+  KDThread* thread = started.get_future().get();
+  Post(kWork, &a, thread);
+  has_entered.get_future().get();
+  Post(kWork, &a, thread);  // would break the promise if it were delivered
+  Post(kWork, &b, thread);
+  EXPECT_EQ(kdForgetUserPtr(thread, &a), -1);
+  EXPECT_EQ(kdGetError(), KD_EBUSY);
+  EXPECT_EQ(kdForgetUserPtr(thread, &b), 0) << "another user pointer is no reason to be busy";
+  may_leave.set_value();
+  while (kdForgetUserPtr(thread, &a) != 0) std::this_thread::yield();
+  Post(kStop, nullptr, thread);
+  loop.join();
+}
+
+TEST_F(Threads, WithoutDescriptorsAWaitStillSeesPostsAndItsLimit) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none{0, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::promise<KDThread*> started;
+  std::thread loop([&] {
+    EXPECT_EQ(kdWaitEvent(kSecond / 20), nullptr);
+    started.set_value(kdThreadSelf());
+    Loop();
+  });
+  KDThread* thread = started.get_future().get();
+  Post(kStop, nullptr, thread);
+  loop.join();
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
 // After a taking back that was not refused the object may go: TSan and ASan watch the counter.
