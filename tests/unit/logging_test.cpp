@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_new.h"
 #include "logging/LogOne.h"
 #include "logging/LogOrigin.h"
 #include "logging/LogPath.h"
@@ -255,6 +256,9 @@ TEST_F(LogTest, LongMessagesAndHeadsAreCut) {
 
 TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {
   std::atomic<ILogOne*> log{nullptr};
+  const std::size_t before = failing_new::Allocations();
+  { const CLogOneScope scope(&log, "Off", "s.cpp", 0); }
+  EXPECT_EQ(failing_new::Allocations(), before);
   {
     const CLogOneScope scope(&log, "Opened", "s.cpp", 1);
     log = Open("T.log");
@@ -276,6 +280,31 @@ TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {
   EXPECT_EQ(Body("T.log"),
             line("1 Opened()][Leave") + line("2 Closed()][Enter") + line("4 Copied()][Enter") +
                 Record("s.cpp:4 Copied", "Inf", "inside") + line("4 Copied()][Leave"));
+}
+
+TEST_F(LogTest, OutOfMemoryCostsLinesOnly) {
+  const std::wstring path = L"file:" + (dir_ / "T.log").wstring();
+  std::atomic<ILogOne*> log{nullptr};
+  for (long left = 0; log == nullptr; ++left) {
+    failing_new::Limit(left);
+    log = LogOne_Open(path.c_str());
+    failing_new::Limit(-1);
+    ASSERT_TRUE(left > 0 || log == nullptr);
+  }
+  static const char kLong[] = "a text that is too long to be held in place";
+  for (long left = 0; left < 3; ++left) {  // the scope wants a block and two copies
+    failing_new::Limit(left);
+    {
+      const CLogOneScope scope(&log, kLong, kLong, 1);
+      failing_new::Limit(-1);
+    }
+  }
+  failing_new::Limit(0);
+  log.load()->SetLocation("F", "f.cpp", 1, 0);  // no memory for the thread's record
+  log.load()->Print("lost");
+  failing_new::Limit(-1);
+  log.load()->PrintAt(0, "F", "f.cpp", 1, "kept");
+  EXPECT_EQ(Body("T.log"), Record("f.cpp:1 F", "Err", "kept"));
 }
 
 TEST(LogPathTest, EachRule) {

@@ -1,0 +1,50 @@
+// The loaded components, and the commands that go to them.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "delivery.h"
+#include "plugin.h"
+
+namespace brunelib {
+
+// Thread-safe. One lock, which is a leaf: no function of a component runs while it is held.
+class Components {
+ public:
+  explicit Components(Delivery& delivery) : delivery_(delivery) {}
+
+  std::string Load(const std::string& name, const std::string& prefix, std::string& error);
+  bool Unload(const char* identity, Clock::time_point deadline);
+  void UnloadAll(Clock::time_point deadline);
+  int Execute(const char* target, int id, CXML* in, CXML* out);
+  bool GetInfo(const char* identity, XSComponentInfo& info);
+
+ private:
+  enum class State { kLoading, kReady, kUnloading };
+  struct Component {
+    std::unique_ptr<Plugin> plugin;
+    State state = State::kLoading;
+    int commands = 0;  // under way
+  };
+
+  struct CommandEnd {
+    ~CommandEnd();
+    Components& owner;
+    Component& component;
+  };
+
+  Component* Find(const char* identity);  // with the lock held
+  bool Add(std::unique_ptr<Component> component);
+  void Remove(Component* component);
+
+  Delivery& delivery_;
+  std::mutex mutex_;
+  std::condition_variable idle_;                        // a command has ended
+  std::vector<std::unique_ptr<Component>> components_;  // in the order of loading
+};
+
+}  // namespace brunelib
