@@ -1,13 +1,13 @@
 // nsip: SIP messages (RFC 3261 §7, §25): read, edit, write.
 //
-// Ownership: a message owns all that hangs on it; what an out-parameter gives stays the message's, except
-// texts, which the caller frees with nsip_free. A message is used by one thread at a time.
+// Ownership: a message owns all that hangs on it; what an out-parameter gives stays the message's,
+// except texts, which the caller frees with nsip_free. A message is used by one thread at a time.
 // Functions throw nothing but std::bad_alloc.
-// Strictness: reading gives a message or a reason, for every byte string. No text with CR, LF or NUL ever
-// gets into a message: setting one is refused (-1). The same holds for all other control characters but
-// HTAB. Bytes above 0x7F are taken as they are; whether they are UTF-8 is not looked at.
-// Fields may be filled by hand: what writes them checks them again and refuses what would be read as
-// something else.
+// Strictness: reading gives a message or a reason, for every byte string. No text with CR, LF or
+// NUL ever gets into a message: setting one is refused (-1). The same holds for all other control
+// characters but HTAB. Bytes above 0x7F are taken as they are; whether they are UTF-8 is not looked
+// at. Fields may be filled by hand: what writes them checks them again and refuses what would be
+// read as something else.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ struct nsip_generic_param {
 };
 using nsip_param_list = std::vector<nsip_generic_param>;
 
-// sip:, sips: (RFC 3261 §19.1) parsed in full; any other scheme (tel: ...) keeps its rest in `opaque`.
-// An empty password ("user:@host") reads as none.
+// sip:, sips: (RFC 3261 §19.1) parsed in full; any other scheme (tel: ...) keeps its rest in
+// `opaque`. An empty password ("user:@host") reads as none.
 struct TOLVANE_PUBLIC nsip_uri {
   std::string scheme;    // lower case
   std::string user;      // as written, escapes kept
@@ -39,7 +39,8 @@ struct TOLVANE_PUBLIC nsip_uri {
   std::string opaque;   // for schemes other than sip and sips: all behind the ':'
 };
 
-// From, To, Contact, Route, P-Associated-URI ...: name-addr or addr-spec with parameters (RFC 3261 §20.10).
+// From, To, Contact, Route, P-Associated-URI ...: name-addr or addr-spec with parameters (RFC 3261
+// §20.10).
 struct TOLVANE_PUBLIC nsip_from {
   std::string displayname;  // without quotes and escapes
   std::unique_ptr<nsip_uri> url;
@@ -88,7 +89,8 @@ struct TOLVANE_PUBLIC nsip_message {
   std::uint32_t cseq_number = 0;
   std::string cseq_method;
   int max_forwards = -1;  // -1: none
-  // All other headers in their order, one entry for each header line (comma lists stay as they stand).
+  // All other headers in their order, one entry for each header line (comma lists stay as they
+  // stand).
   nsip_list headers;
   std::string body;
 
@@ -97,57 +99,65 @@ struct TOLVANE_PUBLIC nsip_message {
   std::unique_ptr<Cache> cache;
 };
 
-// --- messages --------------------------------------------------------------------------------------
+// --- messages
+// --------------------------------------------------------------------------------------
 inline constexpr std::size_t kNsipMaxMessage = 65535;
 
-// Reads one message, which must fill the text (a datagram): bytes behind the body that Content-Length tells
-// are dropped (RFC 3261 §18.3), a body shorter than told is refused. Null and a reason when it is no message.
-// Bounds: 256 header lines, 256 entries of one kind, 64 parameters in one list.
+// Reads one message, which must fill the text (a datagram): bytes behind the body that
+// Content-Length tells are dropped (RFC 3261 §18.3), a body shorter than told is refused. Null and
+// a reason when it is no message. Bounds: 256 header lines, 256 entries of one kind, 64 parameters
+// in one list.
 [[nodiscard]] TOLVANE_PUBLIC std::unique_ptr<nsip_message> nsip_message_parse(std::string_view text,
                                                                               std::string& reason);
-// Writes a message in full form names with Content-Length; 0, or -1 when a mandatory part is missing, a part
-// is not well-formed, the header list holds one that has a field of its own, or the whole is too long.
+// Writes a message in full form names with Content-Length; 0, or -1 when a mandatory part is
+// missing, a part is not well-formed, the header list holds one that has a field of its own, or the
+// whole is too long.
 [[nodiscard]] TOLVANE_PUBLIC int nsip_message_to_str(const nsip_message& msg, std::string& text);
-[[nodiscard]] TOLVANE_PUBLIC std::unique_ptr<nsip_message> nsip_message_clone(const nsip_message& msg);
+[[nodiscard]] TOLVANE_PUBLIC std::unique_ptr<nsip_message> nsip_message_clone(
+    const nsip_message& msg);
 
-// The position of the first header of this name (case does not matter, compact forms count as their full
-// names) at or behind pos in msg->headers, and the header; -1 and null when there is none.
-TOLVANE_PUBLIC int nsip_message_header_get_byname(const nsip_message* msg, const char* name, int pos,
-                                                  nsip_header** hdr);
+// The position of the first header of this name (case does not matter, compact forms count as their
+// full names) at or behind pos in msg->headers, and the header; -1 and null when there is none.
+TOLVANE_PUBLIC int nsip_message_header_get_byname(const nsip_message* msg, const char* name,
+                                                  int pos, nsip_header** hdr);
 // The Contact at this position, or null; returns the position or -1.
-TOLVANE_PUBLIC int nsip_message_get_contact(const nsip_message* msg, int pos, nsip_contact** contact);
+TOLVANE_PUBLIC int nsip_message_get_contact(const nsip_message* msg, int pos,
+                                            nsip_contact** contact);
 // 0 and the parameter (name without regard to case), or -1 and null.
 TOLVANE_PUBLIC int nsip_generic_param_get_byname(const nsip_param_list& params, const char* name,
                                                  const nsip_generic_param** param);
-// The entries of all P-Associated-URI headers (RFC 7315 §4.1), comma lists taken apart. Below 0 past the
-// last entry; an entry that cannot be read gives its position and a null header. A walk starts at 0: there
-// the headers are looked at again when they have changed, which ends what earlier calls gave.
+// The entries of all P-Associated-URI headers (RFC 7315 §4.1), comma lists taken apart. Below 0
+// past the last entry; an entry that cannot be read gives its position and a null header. A walk
+// starts at 0: there the headers are looked at again when they have changed, which ends what
+// earlier calls gave.
 TOLVANE_PUBLIC int nsip_message_get_p_associated_uri(nsip_message* msg, int pos, nsip_from** hdr);
-// Replaces the first header of this name, or appends one. 0; -1 when the name is no token or one of those
-// that have a field of their own, or the value holds CR, LF or NUL.
+// Replaces the first header of this name, or appends one. 0; -1 when the name is no token or one of
+// those that have a field of their own, or the value holds CR, LF or NUL.
 TOLVANE_PUBLIC int nsip_message_set_header(nsip_message* msg, const char* name, const char* value);
 
-// --- header lists ----------------------------------------------------------------------------------
+// --- header lists
+// ----------------------------------------------------------------------------------
 TOLVANE_PUBLIC int nsip_list_eol(const nsip_list* list, int pos);  // non-zero at or behind the end
 TOLVANE_PUBLIC nsip_header* nsip_list_get(const nsip_list* list, int pos);  // null outside
-// Inserts at pos (behind the end: appends); the list owns the header from then on. Its size, or -1, then the
-// header stays the caller's: the name is no token or the value holds a control character.
+// Inserts at pos (behind the end: appends); the list owns the header from then on. Its size, or -1,
+// then the header stays the caller's: the name is no token or the value holds a control character.
 TOLVANE_PUBLIC int nsip_list_add(nsip_list* list, nsip_header* header, int pos);
 // Takes the entry off without freeing the header, which is the caller's then. The new size, or -1.
 TOLVANE_PUBLIC int nsip_list_remove(nsip_list* list, int pos);
 TOLVANE_PUBLIC int nsip_header_clone(const nsip_header* header, nsip_header** copy);  // 0, or -1
 TOLVANE_PUBLIC void nsip_header_free(nsip_header* header);
 
-// --- texts -----------------------------------------------------------------------------------------
-// 0 and a text that the caller frees with nsip_free; -1 and null.
+// --- texts
+// ----------------------------------------------------------------------------------------- 0 and a
+// text that the caller frees with nsip_free; -1 and null.
 TOLVANE_PUBLIC int nsip_from_to_str(const nsip_from* hdr, char** text);
 TOLVANE_PUBLIC int nsip_uri_to_str(const nsip_uri* uri, char** text);
 TOLVANE_PUBLIC void nsip_free(void* text);  // accepts null
 
 // The same for code of the platform layer.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_uri_parse(std::string_view text, nsip_uri& uri);
-// name-addr or addr-spec with parameters; also bare words before "<" that would need quotes: they are
-// taken as the display name and written in quotes.
+// name-addr or addr-spec with parameters; also bare words before "<" that would need quotes: they
+// are taken as the display name and written in quotes.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_from_parse(std::string_view text, nsip_from& from);
 // Empty when a part is not well-formed.
 [[nodiscard]] TOLVANE_PUBLIC std::string nsip_uri_text(const nsip_uri& uri);
@@ -155,6 +165,7 @@ TOLVANE_PUBLIC void nsip_free(void* text);  // accepts null
 // RFC 3261 §19.1.4.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_uri_equal(const nsip_uri& a, const nsip_uri& b);
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_is_token(std::string_view text);
-// The parts of a challenge or credentials header behind the scheme word: key=value, quotes taken off.
+// The parts of a challenge or credentials header behind the scheme word: key=value, quotes taken
+// off.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_auth_params_parse(std::string_view text, std::string& scheme,
                                                          nsip_param_list& params);

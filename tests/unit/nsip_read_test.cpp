@@ -1,7 +1,7 @@
 // Reading of messages: what is taken, what is refused and why, and that it ends in time.
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 constexpr char kStatus[] = "SIP/2.0 200 OK\r\n";
 constexpr char kMandatory[] =
@@ -54,82 +54,55 @@ TEST(NsipRead, RequestInOddButValidForm) {
       "Route: <sip:p1;lr>,<sip:p2;lr>\r\n"
       "Record-Route: <sip:r1;lr>\r\n"
       "x-NEW: a ,  \"b\r\n   \tc\"  \r\n"
-      "k: path\r\n"
+      "k:\r\n path\r\n"
       "Empty:\r\n"
       "l: 0004\r\n\r\nbodydropped");
   ASSERT_NE(msg, nullptr);
-  EXPECT_EQ(msg->status_code, 0);
-  EXPECT_EQ(msg->sip_method, "REGISTER");
-  EXPECT_EQ(msg->req_uri->host, "[2001:db8::9]");
-  EXPECT_EQ(nsip_from_text(*msg->to), "<sip:bob@example.com>;tag=77");
   EXPECT_EQ(msg->from->displayname, "J \\\"R\"");
-  EXPECT_EQ(msg->from->url->user, "j%20r");
-  EXPECT_EQ(msg->max_forwards, 68);
-  EXPECT_EQ(msg->call_id, "call(1)<2>@[x]");
-  EXPECT_EQ(msg->cseq_number, 9U);
-  ASSERT_EQ(msg->vias.size(), 3U);
-  EXPECT_EQ(msg->vias[0]->host, "192.0.2.2");
-  EXPECT_EQ(msg->vias[0]->port, 5061);
-  EXPECT_EQ(msg->vias[0]->params[1].name, "rport");
-  EXPECT_EQ(msg->vias[1]->host, "[::1]");
-  EXPECT_EQ(msg->vias[1]->params[0].value, "2001:db8::2");
-  EXPECT_EQ(msg->vias[2]->transport, "XTRA");
-  ASSERT_EQ(msg->contacts.size(), 3U);
-  EXPECT_EQ(msg->contacts[0]->displayname, "Quoted, comma");
-  EXPECT_EQ(msg->contacts[1]->params[0].value, "60");
-  EXPECT_EQ(msg->contacts[2]->displayname, "Bare M\xC3\xBCller");
-  EXPECT_EQ(msg->routes.size(), 2U);
-  EXPECT_EQ(msg->record_routes.size(), 1U);
-  ASSERT_EQ(msg->headers.items.size(), 3U);
-  EXPECT_EQ(msg->headers.items[0]->hname, "x-NEW");
-  EXPECT_EQ(msg->headers.items[0]->hvalue, "a ,  \"b c\"");
   EXPECT_EQ(msg->headers.items[1]->hname, "Supported");
-  EXPECT_EQ(msg->headers.items[2]->hvalue, "");
-  EXPECT_EQ(msg->body, "body");
+  ASSERT_EQ(msg->vias.size(), 3U);
+  EXPECT_EQ(msg->vias[0]->port, 5061);
+  EXPECT_EQ(msg->vias[1]->params[0].value, "2001:db8::2");
+  std::string text;
+  ASSERT_EQ(nsip_message_to_str(*msg, text), 0);
+  EXPECT_EQ(text,
+            "REGISTER sip:[2001:db8::9]:5070;transport=udp SIP/2.0\r\n"
+            "Via: SIP/2.0/UDP 192.0.2.2:5061;branch=z9hG4bKa;rport\r\n"
+            "Via: SIP/2.0/TCP [::1];received=2001:db8::2;hidden\r\n"
+            "Via: SIP/2.0/XTRA s.example.com;ttl=12\r\n"
+            "Route: <sip:p1;lr>\r\nRoute: <sip:p2;lr>\r\nRecord-Route: <sip:r1;lr>\r\n"
+            "From: \"J \\\\\\\"R\\\"\" <sip:j%20r@example.com>;tag=98\r\n"
+            "To: <sip:bob@example.com>;tag=77\r\n"
+            "Call-ID: call(1)<2>@[x]\r\nCSeq: 9 REGISTER\r\nMax-Forwards: 68\r\n"
+            "Contact: \"Quoted, comma\" <sip:q@h;lr>;q=0.5\r\n"
+            "Contact: <sip:c@h>;expires=60\r\n"
+            "Contact: \"Bare M\xC3\xBCller\" <sips:b@h>\r\n"
+            "x-NEW: a ,  \"b c\"\r\nSupported: path\r\nEmpty: \r\n"
+            "Content-Length: 4\r\n\r\nbody");
 }
 
 TEST(NsipRead, Responses) {
   auto msg =
       Read("SIP/2.0 499 \r\n" + std::string(kMandatory) + "Contact: *\r\n\r\nall\r\n\r\n of it");
-  ASSERT_NE(msg, nullptr);
   EXPECT_EQ(msg->status_code, 499);
   EXPECT_EQ(msg->reason_phrase, "");
   EXPECT_TRUE(msg->contact_star);
   EXPECT_EQ(msg->max_forwards, -1);
   EXPECT_EQ(msg->body, "all\r\n\r\n of it");
   msg = Read("SIP/2.0 200 \xE5\xA5\xBD : ok\r\n" + std::string(kMandatory) + "\r\n");
-  ASSERT_NE(msg, nullptr);
   EXPECT_EQ(msg->reason_phrase, "\xE5\xA5\xBD : ok");
 }
 
 TEST(NsipRead, RefusedStartLines) {
   const std::vector<std::string> lines = {
-      "SIP/3.0 200 OK",
-      "SIP/2.0",
-      "SIP/2.0 200",
-      "SIP/2.0 99 x",
-      "SIP/2.0 099 x",
-      "SIP/2.0 700 x",
-      "SIP/2.0 2000 x",
-      "SIP/2.0  200 x",
-      "SIP/2.0 +20 x",
-      "SIP/2.00 200 OK",
-      "SIP/2.0 200 a\x01",
-      "REGISTER sip:b SIP/2.1",
-      "REGISTER sip:b",
-      "REGISTER  sip:b SIP/2.0",
-      "REGISTER",
-      "REGISTER sip:b  SIP/2.0",
-      "REGISTER sip:b SIP/2.0 ",
-      "REGISTER <sip:b> SIP/2.0",
-      " REGISTER sip:b SIP/2.0",
-      "RE{G sip:b SIP/2.0",
-      "REGISTER sip: SIP/2.0",
-      "REGISTER b SIP/2.0",
-      "register sip:b SIP/2.0",  // the method of CSeq is another one
-      "OPTIONS sip:b SIP/2.0",
-      "x",
-  };
+      // responses
+      "SIP/3.0 200 OK", "SIP/2.0", "SIP/2.0 200", "SIP/2.0 99 x", "SIP/2.0 099 x", "SIP/2.0 700 x",
+      "SIP/2.0 2000 x", "SIP/2.0  200 x", "SIP/2.0 +20 x", "SIP/2.00 200 OK", "SIP/2.0 200 a\x01",
+      // requests
+      "REGISTER sip:b SIP/2.1", "REGISTER sip:b", "REGISTER  sip:b SIP/2.0", "REGISTER",
+      "REGISTER sip:b  SIP/2.0", "REGISTER sip:b SIP/2.0 ", "REGISTER <sip:b> SIP/2.0",
+      " REGISTER sip:b SIP/2.0", "RE{G sip:b SIP/2.0", "REGISTER sip: SIP/2.0",
+      "REGISTER b SIP/2.0", "register sip:b SIP/2.0", "OPTIONS sip:b SIP/2.0", "x"};
   ASSERT_EQ(Reason("REGISTER sip:b SIP/2.0\r\n" + std::string(kMandatory) + "\r\n"), "");
   for (const std::string& line : lines) {
     EXPECT_NE(Reason(line + "\r\n" + kMandatory + "\r\n"), "") << line;
@@ -142,58 +115,25 @@ TEST(NsipRead, RefusedStartLines) {
 TEST(NsipRead, RefusedHeaders) {
   const std::vector<std::string> headers = {
       // once only
-      "From: <sip:x@y>;tag=2\r\n",
-      "t: <sip:x@y>\r\n",
-      "i: other\r\n",
-      "CSeq: 7 REGISTER\r\n",
-      "Max-Forwards: 1\r\nMax-Forwards: 1\r\n",
-      "l: 0\r\nContent-Length: 0\r\n",
+      "From: <sip:x@y>;tag=2\r\n", "t: <sip:x@y>\r\n", "i: other\r\n", "CSeq: 7 REGISTER\r\n",
+      "Max-Forwards: 1\r\nMax-Forwards: 1\r\n", "l: 0\r\nContent-Length: 0\r\n",
       // numbers
-      "Content-Length: -1\r\n",
-      "Content-Length:\r\n",
-      "Content-Length: 0x0\r\n",
-      "Content-Length: 0 0\r\n",
-      "Content-Length: 1\r\n",
-      "Content-Length: 4294967296\r\n",
-      "Content-Length: 18446744073709551616\r\n",
-      "Max-Forwards: 256\r\n",
-      "Max-Forwards: -1\r\n",
+      "Content-Length: -1\r\n", "Content-Length:\r\n", "Content-Length: 0x0\r\n",
+      "Content-Length: 0 0\r\n", "Content-Length: 1\r\n", "Content-Length: 4294967296\r\n",
+      "Content-Length: 18446744073709551616\r\n", "Max-Forwards: 256\r\n", "Max-Forwards: -1\r\n",
       // lists
-      "Contact:\r\n",
-      "Contact: ,<sip:a@b>\r\n",
-      "Contact: <sip:a@b>,\r\n",
-      "Contact: \"a, sip:b\r\n",
-      "Contact: <sip:a@b\r\n",
-      "Contact: *, <sip:a@b>\r\n",
-      "Contact: *\r\nm: <sip:a@b>\r\n",
-      "m: <sip:a@b>\r\nContact: *\r\n",
-      "Contact: *\r\nContact: *\r\n",
-      "Contact: *;expires=0\r\n",
-      "Route: sip\r\n",
-      "Record-Route: <sip:a>;;\r\n",
-      "Via: SIP/2.0/UDP\r\n",
-      "Via: SIP/2.0 UDP h\r\n",
-      "Via: SIP/2.0/UDPh;x\r\n",
-      "Via: SIP/3.0/UDP h\r\n",
-      "Via: SIP/2.0/UDP h:0\r\n",
-      "Via: SIP/2.0/UDP h x\r\n",
-      "Via: SIP/2.0/UDP h;branch=\r\n",
-      "Via: HTTP/2.0/UDP h\r\n",
+      "Contact:\r\n", "Contact: ,<sip:a@b>\r\n", "Contact: <sip:a@b>,\r\n",
+      "Contact: \"a, sip:b\r\n", "Contact: <sip:a@b\r\n", "Contact: *, <sip:a@b>\r\n",
+      "Contact: *\r\nm: <sip:a@b>\r\n", "m: <sip:a@b>\r\nContact: *\r\n",
+      "Contact: *\r\nContact: *\r\n", "Contact: *;expires=0\r\n", "Route: sip\r\n",
+      "Record-Route: <sip:a>;;\r\n", "Via: SIP/2.0/UDP\r\n", "Via: SIP/2.0 UDP h\r\n",
+      "Via: SIP/2.0/UDP[::1]\r\n", "Via: SIP/3.0/UDP h\r\n", "Via: SIP/2.0/UDP h:0\r\n",
+      "Via: SIP/2.0/UDP h x\r\n", "Via: SIP/2.0/UDP h;branch=\r\n", "Via: HTTP/2.0/UDP h\r\n",
       "Via: SIP/2.0/UDP h,,\r\n",
       // lines
-      "No colon\r\n",
-      ": x\r\n",
-      "A b: x\r\n",
-      "A\xC3\xBC: x\r\n",
-      "X: a\nY: b\r\n",
-      "X: a\rb\r\n",
-      "X: a\0b\r\n"s,
-      "X: a\x7F\r\n",
-      "X: a\r\n b\0\r\n"s,
-      "X: \"a\\\r\"\r\n",
-      "X: a\r\r\n",
-      "X: a\n",
-  };
+      "No colon\r\n", ": x\r\n", "A b: x\r\n", "A\xC3\xBC: x\r\n", "X: a\nY: b\r\n", "X: a\rb\r\n",
+      "X: a\0b\r\n"s, "X: a\x7F\r\n", "X: a\r\n b\0\r\n"s, "X: \"a\\\r\"\r\n", "X: a\r\r\n",
+      "X: a\n"};
   for (const std::string& header : headers) {
     EXPECT_NE(Reason(Response(header)), "") << header;
   }
@@ -248,46 +188,30 @@ TEST(NsipRead, Bounds) {
   EXPECT_EQ(Reason(Response(contacts + ",sip:a\r\n")), "bad Contact");
 }
 
-// Texts that make careless readers start over again and again.
+// Texts that make careless readers start over again and again. In processor time, since the machine
+// may be busy: linear is a few milliseconds, also with sanitizers.
 TEST(NsipRead, TimeGrowsWithTheTextOnly) {
-  const auto repeat = [](const std::string& text) {
-    std::string result;
-    while (result.size() + text.size() < 60000) {
-      result += text;
+  const char* const beginnings[] = {
+      "Contact: ",          "Contact: <sip:",     "Contact: <sip:a@b>",
+      "Contact: <sip:a@b?", "P-Associated-URI: ", "X: a"};
+  const char* const patterns[] = {"<",          "\"",     "\"\\\"", ",",        "a\"<",
+                                  ";",          " ;a=b ", "a%41.",  "a=b&",     "a,",
+                                  "<sip:a@b>,", "\r\n ",  "\r\n a", "\r\nX: a", "\r"};
+  for (const std::string beginning : beginnings) {
+    for (const std::string pattern : patterns) {
+      std::string header = beginning;
+      while (header.size() < 60000) {
+        header += pattern;
+      }
+      const std::clock_t start = std::clock();
+      std::string reason;
+      const auto msg = nsip_message_parse(Response(header + ">\r\n"), reason);
+      int pos = 0;
+      while (msg != nullptr && nsip_message_get_p_associated_uri(msg.get(), pos, nullptr) >= 0) {
+        ++pos;
+      }
+      EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 5) << beginning << pattern;
     }
-    return result;
-  };
-  const std::vector<std::string> texts = {
-      Response("Contact: " + repeat("<") + "\r\n"),
-      Response("Contact: " + repeat("\"") + "\r\n"),
-      Response("Contact: " + repeat("\"\\\"") + "\r\n"),
-      Response("Contact: " + repeat(",") + "\r\n"),
-      Response("Contact: " + repeat("a\"<") + "\r\n"),
-      Response("Contact: <sip:a@b>" + repeat(";") + "\r\n"),
-      Response("Contact: <sip:a@b>" + repeat(" ;a=b ") + "\r\n"),
-      Response("Contact: <sip:" + repeat("a%41.") + ">\r\n"),
-      Response("Contact: <sip:a@" + repeat("a.") + ">\r\n"),
-      Response("Contact: <sip:a@b?" + repeat("a=b&") + ">\r\n"),
-      Response("Subject: x" + repeat("\r\n ") + "\r\n"),
-      Response("Subject: x" + repeat("\r\n a") + "\r\n"),
-      Response("P-Associated-URI: " + repeat("<sip:a@b>,") + "\r\n"),
-      Response("P-Associated-URI: " + repeat("a,") + "\r\n"),
-      repeat("\r\n"),
-      repeat("\r"),
-      repeat("A: b\r\n"),
-  };
-  for (const std::string& text : texts) {
-    const auto start = std::chrono::steady_clock::now();
-    std::string reason;
-    const auto msg = nsip_message_parse(text, reason);
-    for (int i = 0;
-         msg != nullptr && nsip_message_get_p_associated_uri(msg.get(), i, nullptr) >= 0;) {
-      ++i;
-    }
-    // Linear is a few milliseconds, also with sanitizers; the square of 60000 would be many
-    // seconds.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
-        << text.substr(0, 200);
   }
 }
 
