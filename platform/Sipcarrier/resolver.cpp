@@ -94,6 +94,10 @@ void Resolver::Lookup(const std::string& host, LookupWaiter& waiter) {
 void Resolver::Begin(Query& query) {
   query.addresses.clear();
   query.failure = {};
+  if (AddLoopback(query)) {
+    finished_.PushBack(query);
+    return;
+  }
   if (!EnsureChannel()) {
     query.failure = "the resolver cannot be set up";
     finished_.PushBack(query);
@@ -106,6 +110,19 @@ void Resolver::Begin(Query& query) {
   ++in_flight_;
   ares_getaddrinfo(channel_, query.host.c_str(), nullptr, &hints, &Resolver::OnAnswer, &query);
   ScheduleTimeouts();
+}
+
+// RFC 6761 §6.3: localhost and all below it are the loopback addresses, whatever a name server may
+// say.
+bool Resolver::AddLoopback(Query& query) const {
+  if (query.host != "localhost" && !query.host.ends_with(".localhost")) return false;
+  for (const char* literal : {"127.0.0.1", "::1"}) {
+    SocketAddress address;
+    SocketAddress::FromLiteral(literal, 0, address);
+    if (family_ == AF_UNSPEC || family_ == address.family()) query.addresses.push_back(address);
+  }
+  query.expires = Clock::now() + std::chrono::seconds(kMaxKeepSeconds);
+  return true;
 }
 
 void Resolver::OnAnswer(void* query, int status, int /*timeouts*/, ares_addrinfo* result) {

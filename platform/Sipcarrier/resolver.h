@@ -57,6 +57,7 @@ class Resolver final : FdEvents, TimerSink {
   [[nodiscard]] bool EnsureChannel();
   void CloseChannel() noexcept;
   void Begin(Query& query);
+  bool AddLoopback(Query& query) const;
   void Complete(Query& query, int status, const ares_addrinfo* result);
   void ScheduleTimeouts() noexcept;
 

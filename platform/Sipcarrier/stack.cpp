@@ -91,8 +91,8 @@ void Stack::OnAlarm() noexcept { timers_.Run(Clock::now()); }
 void Stack::OnTimer(Timer& /*timer*/) noexcept { transactions_.FailAll(); }
 
 void Stack::OnTurnEnd() noexcept {
-  resolver_->Deliver();
   transactions_.StartFresh();
+  resolver_->Deliver();  // after the start of lookups, some of which are answered at once
   udp_->Flush();
   if (transactions_.has_fresh()) loop_.Wake();
   if (stopping_.load(std::memory_order_acquire)) {
