@@ -35,8 +35,7 @@ void Notify(XSNotifyCallback* callback, const std::string& source, int id,
 
 Clock::time_point DeadlineAfter(std::chrono::milliseconds wait) {
   constexpr std::chrono::hours kLongest{24 * 365};
-  return Clock::now() +
-         std::min<Clock::duration>(std::min<std::chrono::milliseconds>(wait, kLongest), kLongest);
+  return Clock::now() + std::min<std::chrono::milliseconds>(wait, kLongest);
 }
 
 int Delivery::Subscribe(const char* source, int id, XSNotifyCallback* callback) {
