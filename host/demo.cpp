@@ -11,7 +11,7 @@
 #include "host/signals.h"
 #include "host/words.h"
 #include "nsip/nsip.h"
-#include "tools/registrar/registrar.h"
+#include "registrar/registrar.h"
 
 namespace host {
 namespace {

@@ -206,6 +206,22 @@ std::optional<std::string> CheckCredentials(RawOptions& raw) {
   return std::nullopt;
 }
 
+// From an IPv4 address no IPv6 one can be reached, nor the other way round.
+std::optional<std::string> CheckFamilies(const RegisterOptions& o) {
+  nsip_uri uri;
+  in_addr v4{};
+  if (o.local_address.empty() || !nsip_uri_parse(o.registrar, uri)) return std::nullopt;
+  const bool local_v6 = o.local_address.find(':') != std::string::npos;
+  const bool far_v6 = uri.host.front() == '[';
+  const bool far_v4 = inet_pton(AF_INET, uri.host.c_str(), &v4) == 1;
+  if ((local_v6 && far_v4) || (!local_v6 && far_v6)) {
+    return "--local is an " + std::string(local_v6 ? "IPv6" : "IPv4") +
+           " address, but the registrar is at " + uri.host +
+           "; give a local address of the same kind, or none";
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> CheckRegisterOptions(RawOptions& raw) {
   RegisterOptions& o = raw.checked;
   const auto at = [](const char* option, std::optional<std::string> wrong) {
@@ -236,6 +252,7 @@ std::optional<std::string> CheckRegisterOptions(RawOptions& raw) {
     if (auto wrong = at("--local", ParseLocal(raw.local, o.local_address, o.local_port)))
       return wrong;
   }
+  if (const auto wrong = CheckFamilies(o)) return wrong;
   return CheckCredentials(raw);
 }
 
@@ -285,14 +302,11 @@ std::optional<std::string> ParseLocal(const std::string& text, std::string& addr
     if (colon != std::string::npos) rest = std::string_view(text).substr(colon);
   }
   std::uint16_t number = 0;
-  if (!rest.empty()) {
-    rest.remove_prefix(1);
-    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), number);
-    if (rest.empty() || error != std::errc() || end != rest.data() + rest.size()) {
-      return Quoted(text) + " has no port between 0 and 65535 behind the address" + form;
-    }
-  } else {
-    return Quoted(text) + " has no port" + form;
+  if (rest.empty()) return Quoted(text) + " has no port" + form;
+  const std::string_view digits = rest.substr(1);
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (rest.front() != ':' || error != std::errc() || end != digits.data() + digits.size()) {
+    return Quoted(text) + " has no port between 0 and 65535 behind the address" + form;
   }
   unsigned char buffer[sizeof(in6_addr)] = {};
   if (inet_pton(v6 ? AF_INET6 : AF_INET, host.c_str(), buffer) != 1) {
@@ -342,8 +356,12 @@ CommandLine ParseCommandLine(int argc, char** argv) {
     line.exit_status = app.exit(success) == 0 ? kExitOk : kExitUsage;
     return line;
   } catch (const CLI::ParseError& error) {
+    const std::string what =
+        argc > 1 && app.get_subcommands().empty() && argv[1][0] != '-'
+            ? "there is no command " + Quoted(argv[1]) + "; the commands are register and demo"
+            : std::string(error.what());
     std::fprintf(stderr, "tolvane: %s\nRun \"tolvane --help\" to see what can be asked.\n",
-                 error.what());
+                 what.c_str());
     line.exit_status = kExitUsage;
     return line;
   }

@@ -78,8 +78,9 @@ bool Session::StartStack(std::string& error) {
 }
 
 void Session::Loop() {
+  const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Register(options_);
-  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  listener_.OnAnswer(time, answer);
   registration_ = ReadRegistrationId(answer);
   if (answer.result != 0 || registration_ < 1) return Finish(kExitFailed);
   if (options_.duration.count() > 0) end_at_ = After(options_.duration);
@@ -143,7 +144,7 @@ void Session::OnLost(const Notice& notice) {
   // After silence the component tries again by itself, but it gives up without a word when the
   // registrar then refuses; after a refusal it waits for a new command. Asking again under the same
   // id covers both: the answer tells when the component no longer knows the registration.
-  const int seconds =
+  const std::int64_t seconds =
       notice.event == "timeout"
           ? std::max(4 * std::int64_t{options_.reregister_interval}, std::int64_t{60})
           : std::max(options_.reregister_interval, notice.retry_after);
@@ -151,8 +152,9 @@ void Session::OnLost(const Notice& notice) {
 }
 
 void Session::AskAgain() {
+  const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.RegisterAgain(registration_);
-  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  listener_.OnAnswer(time, answer);
   if (answer.result != 0) {
     Remark("The registrar does not take the registration back; giving up.");
     return Finish(kExitFailed);
@@ -165,8 +167,9 @@ void Session::BeginEnd() {
   end_at_.reset();
   again_at_.reset();
   received_at_end_ = sipcarrier::GetCounters().received;
+  const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Deregister(registration_);
-  listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+  listener_.OnAnswer(time, answer);
   if (answer.result == 0) {
     give_up_at_ = After(kDeregisterWait);
     patience_at_ = After(kPatience);
