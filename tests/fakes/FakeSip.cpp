@@ -100,3 +100,5 @@ void ISipStackEvent::SetServerName(const char*) {}
 const char* ISipStackEvent::GetServerName(unsigned int*) { return m_szServerName; }
 void ISipStackEvent::SetComponentName(const char*) {}
 const char* ISipStackEvent::GetComponentName(unsigned int*) { return m_szComponentName; }
+
+void sivra::FreeMessage(nsip_message* msg) { delete msg; }

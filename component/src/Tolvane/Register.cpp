@@ -4,6 +4,7 @@
 #include "Register.h"
 
 #include <algorithm>
+#include <new>
 
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
@@ -98,14 +99,15 @@ int CRegister::SendRegister() {
   return SendRegister(false);
 }
 
-// bRefresh: a firing asks for it, which must not come behind a deregistration.
+// bRefresh: a firing asks for it, which must not come behind a deregistration. No exception leaves
+// it.
 int CRegister::SendRegister(bool bRefresh) {
   if (m_lStackRegId < 1) {
     REG_LOG(E_LOG_WARNING, "Register is not initialized\n");
     return -1;
   }
-  int nResult = 0;
-  nsip_message* pMsg = nullptr;
+  int nResult = -1;
+  bool bBuilt = false;
   {
     const CSivraLocker oSivraLocker;
     const long lStackRegId = m_lStackRegId;
@@ -113,30 +115,46 @@ int CRegister::SendRegister(bool bRefresh) {
     if (lStackRegId < 1) return -1;
     if (bRefresh && m_bNoRefresh) return 0;
 
-    const int nExpires = m_stRegInfo.m_nExpires;
     REG_LOG(E_LOG_INFO, "m_lStackRegId is %d\n", static_cast<int>(lStackRegId));
-    REG_LOG(E_LOG_INFO, "m_stRegInfo.m_nExpires is %d\n", nExpires);
-    if (sivra_register_build_register(&pMsg, lStackRegId, nExpires) == 0 && pMsg != nullptr) {
-      // The configuration step has its place here: between building the request and the headers
-      // below, which it cannot take away.
-      if (!m_stRegInfo.m_strUserAgent.empty()) {
-        nsip_message_set_header(pMsg, "User-Agent", m_stRegInfo.m_strUserAgent.c_str());
+    REG_LOG(E_LOG_INFO, "m_stRegInfo.m_nExpires is %d\n", m_stRegInfo.m_nExpires);
+    nsip_message* pMsg = nullptr;
+    bBuilt = sivra_register_build_register(&pMsg, lStackRegId, m_stRegInfo.m_nExpires) == 0 &&
+             pMsg != nullptr;
+    if (bBuilt) {
+      if (CompleteRegister(pMsg)) {
+        nResult = sivra_register_send_register(lStackRegId, pMsg);
+      } else {
+        sivra::FreeMessage(pMsg);
       }
-      if (nExpires > 0) {
-        char szExpires[100];
-        kdMemset(szExpires, 0, sizeof szExpires);
-        kdSprintfKHR(szExpires, "%d", nExpires);
-        nsip_message_set_header(pMsg, "Expires", szExpires);
-      }
-      nResult = sivra_register_send_register(lStackRegId, pMsg);
     }
   }
-  if (pMsg == nullptr) {
+  if (!bBuilt) {
     REG_LOG(E_LOG_ERROR, "sivra build build fail\n");
-    return -1;
+  } else if (nResult != 0) {
+    REG_LOG(E_LOG_WARNING, "send register fail\n");
   }
-  if (nResult != 0) REG_LOG(E_LOG_WARNING, "send register fail\n");
   return nResult;
+}
+
+// What the component adds to the library's request, with the library lock held. False when memory
+// is exhausted.
+bool CRegister::CompleteRegister(nsip_message* pMsg) {
+  try {
+    // The configuration step has its place here: in front of the headers below, which it cannot
+    // take away.
+    if (!m_stRegInfo.m_strUserAgent.empty()) {
+      nsip_message_set_header(pMsg, "User-Agent", m_stRegInfo.m_strUserAgent.c_str());
+    }
+    if (m_stRegInfo.m_nExpires > 0) {
+      char szExpires[100];
+      kdMemset(szExpires, 0, sizeof szExpires);
+      kdSprintfKHR(szExpires, "%d", m_stRegInfo.m_nExpires);
+      nsip_message_set_header(pMsg, "Expires", szExpires);
+    }
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 void CRegister::AddSchema(std::string& strUri) {
@@ -157,14 +175,15 @@ long CRegister::InitRegister(long lStackRegId, const std::string& strUri,
 }
 
 void CRegister::Readdress(const std::string& strUri) {
+  std::string strOwn = strUri;  // before the entry is made: nothing may fail between the two
   const long lOld = m_lStackRegId;
   const long lNew =
       InitRegister(lOld, strUri, m_stRegInfo.m_strDisplayName, m_stRegInfo.m_strRegistrar);
   // A URI that the library refuses, say out of a registrar's answer, must not cost an entry that
   // works.
   if (lNew < 1 && lOld >= 1) return;
-  m_strDefaultUri = strUri;
   m_lStackRegId = lNew;
+  m_strDefaultUri.swap(strOwn);
   GetRegGlobal().m_pRegisterSipProcess->OnStackIdChanged(this, lOld, lNew);
 }
 

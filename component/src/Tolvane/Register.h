@@ -142,6 +142,7 @@ class CRegister {
   // Registers under this URI from now on; keeps the manager's index of stack ids in step.
   void Readdress(const std::string& strUri);
   int SendRegister(bool bRefresh);
+  bool CompleteRegister(nsip_message* pMsg);
   void SetExpires(int nExpires, bool bLast = false);
   void RememberThread(KDThread* hThread);
   void StopTimerOnOwnThread();

@@ -78,13 +78,9 @@ void CRegister::TimerProc(const KDEvent* pEvent) {
   if (pEvent == nullptr || pEvent->userptr == nullptr) return;
   const CRegisterHold oRegister(static_cast<CRegister*>(pEvent->userptr));
   if (oRegister->m_eRegState == E_REG_STATE_REGED || oRegister->m_bReregTimerOn != 0) {
-    int nResult = -1;
-    try {
-      nResult = oRegister->SendRegister(true);
-    } catch (...) {  // no exception may reach the event loop; the next firing tries again
-      nResult = -1;
+    if (oRegister->SendRegister(true) != 0) {
+      REG_LOG(E_LOG_WARNING, "Send Register failed!\n");
     }
-    if (nResult != 0) REG_LOG(E_LOG_WARNING, "Send Register failed!\n");
   }
   oRegister->StopTimerIfRetired();
 }

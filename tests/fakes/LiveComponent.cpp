@@ -1,0 +1,101 @@
+#include "LiveComponent.h"
+
+#include <gtest/gtest.h>
+
+#include "Brunelib/Brunelib.h"
+#include "RegisterProcess.h"
+#include "RegisterSipProcess.h"
+#include "VorelKDCore/VorelKDCore.h"
+
+namespace fakes {
+
+namespace {
+
+int OnNotification(const char*, int id, CXML* document, void*) noexcept {
+  ++LiveComponent::heard[static_cast<std::size_t>(id - 0x1000)];
+  if (id == 0x1000) {
+    // Without memory of its own: this runs while memory runs out.
+    document->ResetPos();
+    const bool good = document->FindElem("reg") != 0 && document->FindChildElem("uri") != 0;
+    ++(good ? LiveComponent::succeeded : LiveComponent::failed);
+  }
+  return 0;
+}
+
+class Call {
+ public:
+  Call() { Tell(true); }
+  ~Call() { Tell(false); }
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+
+ private:
+  static void Tell(bool inside) {
+    if (LiveComponent::on_call != nullptr) LiveComponent::on_call(inside);
+  }
+};
+
+int Command(int id, CXML& in, CXML& out) {
+  const Call call;
+  return TOLVANE_XSCCmdCallBack(id, &in, &out);
+}
+
+constexpr int kNotifications[] = {0x1000, 0x1001, 0x1002, 0x1003};
+
+}  // namespace
+
+LiveComponent::LiveComponent(std::chrono::milliseconds t1) {
+  succeeded = failed = 0;
+  for (auto& count : heard) count = 0;
+  sipcarrier::Config config;
+  config.local_address = "127.0.0.1";
+  config.t1 = t1;
+  config.t2 = 8 * t1;
+  config.t4 = t1;
+  std::string error;
+  EXPECT_EQ(sipcarrier::Start(config, error), 0) << error;
+  for (const int id : kNotifications) XSSubNotify(REG_BUS_IDENTITY, id, OnNotification);
+  EXPECT_EQ(TOLVANE_XSCInitialize(nullptr), 0);
+}
+
+LiveComponent::~LiveComponent() {
+  EXPECT_EQ(TOLVANE_XSCUninitialize(), 0);
+  sipcarrier::Stop(std::chrono::seconds(5));
+  for (const int id : kNotifications) XSUnsubNotify(REG_BUS_IDENTITY, id, OnNotification);
+  brunelib::Shutdown(std::chrono::seconds(5));
+}
+
+int LiveComponent::Register(const std::string& registrar, int expires, bool reregister) {
+  CXML in;
+  in.SetDoc(
+      "<reg><aor>sip:alice@example.com</aor><registrar>" + registrar + "</registrar><expires>" +
+      std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>" +
+      (reregister
+           ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>"
+           : "") +
+      "</reg>");
+  CXML out;
+  if (Command(3, in, out) != 0) return -1;
+  out.ResetPos();
+  out.FindElem("reg");
+  out.IntoElem();
+  return out.FindElem("id") != 0 ? std::stoi(out.GetData()) : -1;
+}
+
+int LiveComponent::Deregister(int id, bool no_send) {
+  CXML in;
+  in.SetDoc("<reg><id>" + std::to_string(id) + "</id><nosend>" + (no_send ? "1" : "0") +
+            "</nosend></reg>");
+  CXML out;
+  return Command(4, in, out);
+}
+
+void LiveComponent::PumpFor(std::chrono::milliseconds time) {
+  const Call call;
+  const auto end = std::chrono::steady_clock::now() + time;
+  do {
+    kdWaitEvent(std::chrono::nanoseconds(time).count());
+  } while (std::chrono::steady_clock::now() < end);
+}
+
+}  // namespace fakes

@@ -1,0 +1,45 @@
+// The component on the real stack and the real bus, in this process: for tests against the wire.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <string>
+
+#include "Sipcarrier/Sipcarrier.h"
+
+namespace fakes {
+
+class LiveComponent {
+ public:
+  // Timer T1 is `t1`: an unanswered REGISTER is given up after 64 of it.
+  explicit LiveComponent(std::chrono::milliseconds t1 = std::chrono::milliseconds(10));
+  ~LiveComponent();
+  LiveComponent(const LiveComponent&) = delete;
+  LiveComponent& operator=(const LiveComponent&) = delete;
+
+  // A registration through the command; its id, or -1.
+  static int Register(const std::string& registrar, int expires, bool reregister = false);
+  // The command's result.
+  static int Deregister(int id, bool no_send = false);
+  // Runs the calling thread's loop until `done`, or the time is over.
+  template <typename Done>
+  static bool PumpUntil(Done done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+      if (std::chrono::steady_clock::now() >= end) return false;
+      PumpFor(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+  static void PumpFor(std::chrono::milliseconds time);
+  // How many notifications of this kind have come: 0x1000 (told apart by their result) to 0x1003.
+  static inline std::atomic<int> succeeded{0};
+  static inline std::atomic<int> failed{0};
+  static inline std::array<std::atomic<int>, 4> heard{};
+  // Told when a call goes into the component or the loop, and when it is back: for tests that count
+  // memory.
+  static inline void (*on_call)(bool inside) = nullptr;
+};
+
+}  // namespace fakes
