@@ -99,8 +99,7 @@ struct TOLVANE_PUBLIC nsip_message {
   std::unique_ptr<Cache> cache;
 };
 
-// --- messages
-// --------------------------------------------------------------------------------------
+// --- messages ---
 inline constexpr std::size_t kNsipMaxMessage = 65535;
 
 // Reads one message, which must fill the text (a datagram): bytes behind the body that
@@ -135,8 +134,7 @@ TOLVANE_PUBLIC int nsip_message_get_p_associated_uri(nsip_message* msg, int pos,
 // those that have a field of their own, or the value holds CR, LF or NUL.
 TOLVANE_PUBLIC int nsip_message_set_header(nsip_message* msg, const char* name, const char* value);
 
-// --- header lists
-// ----------------------------------------------------------------------------------
+// --- header lists ---
 TOLVANE_PUBLIC int nsip_list_eol(const nsip_list* list, int pos);  // non-zero at or behind the end
 TOLVANE_PUBLIC nsip_header* nsip_list_get(const nsip_list* list, int pos);  // null outside
 // Inserts at pos (behind the end: appends); the list owns the header from then on. Its size, or -1,
@@ -147,9 +145,8 @@ TOLVANE_PUBLIC int nsip_list_remove(nsip_list* list, int pos);
 TOLVANE_PUBLIC int nsip_header_clone(const nsip_header* header, nsip_header** copy);  // 0, or -1
 TOLVANE_PUBLIC void nsip_header_free(nsip_header* header);
 
-// --- texts
-// ----------------------------------------------------------------------------------------- 0 and a
-// text that the caller frees with nsip_free; -1 and null.
+// --- texts ---
+// 0 and a text that the caller frees with nsip_free; -1 and null.
 TOLVANE_PUBLIC int nsip_from_to_str(const nsip_from* hdr, char** text);
 TOLVANE_PUBLIC int nsip_uri_to_str(const nsip_uri* uri, char** text);
 TOLVANE_PUBLIC void nsip_free(void* text);  // accepts null
