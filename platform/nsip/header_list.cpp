@@ -1,7 +1,6 @@
 // Header lists and the headers in them.
 #include <cstddef>
 #include <memory>
-#include <utility>
 
 #include "nsip/chars.h"
 #include "nsip/nsip.h"

@@ -1,4 +1,7 @@
 // Reading of messages (RFC 3261 §7, §25): start line, headers, body, in one pass over the text.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>

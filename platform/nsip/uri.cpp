@@ -25,6 +25,23 @@ bool parse_userinfo(std::string_view text, nsip_uri& uri) {
   return is_user(uri.user) && all_of_or_escaped(uri.password, kPassword);
 }
 
+// hname "=" hvalue, separated by '&'; a value can be empty.
+bool is_uri_headers(std::string_view text) {
+  for (;;) {
+    const std::string_view header = text.substr(0, text.find('&'));
+    const std::size_t equals = header.find('=');
+    if (equals == 0 || equals == std::string_view::npos ||
+        !all_of_or_escaped(header.substr(0, equals), kUriHeader) ||
+        !all_of_or_escaped(header.substr(equals + 1), kUriHeader)) {
+      return false;
+    }
+    if (header.size() == text.size()) {
+      return true;
+    }
+    text.remove_prefix(header.size() + 1);
+  }
+}
+
 // What stands behind "sip:". An '@' can only stand behind the user: elsewhere it must be escaped.
 bool parse_sip_part(std::string_view text, nsip_uri& uri) {
   const std::size_t at = text.find('@');
@@ -51,23 +68,6 @@ bool parse_sip_part(std::string_view text, nsip_uri& uri) {
 
 bool is_sip_scheme(std::string_view scheme) {
   return iequals(scheme, "sip") || iequals(scheme, "sips");
-}
-
-// hname "=" hvalue, separated by '&'; a value can be empty.
-bool is_uri_headers(std::string_view text) {
-  for (;;) {
-    const std::string_view header = text.substr(0, text.find('&'));
-    const std::size_t equals = header.find('=');
-    if (equals == 0 || equals == std::string_view::npos ||
-        !all_of_or_escaped(header.substr(0, equals), kUriHeader) ||
-        !all_of_or_escaped(header.substr(equals + 1), kUriHeader)) {
-      return false;
-    }
-    if (header.size() == text.size()) {
-      return true;
-    }
-    text.remove_prefix(header.size() + 1);
-  }
 }
 
 bool append_uri(const nsip_uri& uri, std::string& text) {

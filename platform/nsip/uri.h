@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "nsip/nsip.h"
 
@@ -11,6 +12,5 @@ namespace nsip {
 [[nodiscard]] bool append_uri(const nsip_uri& uri, std::string& text);
 // sip or sips, in any case.
 [[nodiscard]] bool is_sip_scheme(std::string_view scheme);
-[[nodiscard]] bool is_uri_headers(std::string_view text);
 
 }  // namespace nsip
