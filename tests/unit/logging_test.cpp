@@ -334,10 +334,11 @@ TEST_F(LogTest, ThreadsWriteWholeRecordsAtTheirOwnPlaces) {
   EXPECT_TRUE(fs::exists(dir_ / "2_T.log"));
   std::size_t expected = 0;
   for (int n = 0; n < 4 * 300; ++n) {
-    const std::string name = kNames[n / 300];
-    const std::string number = std::to_string(n % 300);
-    const std::string record =
-        Record(name + " " + number + " " + text, "Inf", "t.cpp:" + number + " " + name);
+    std::string place = "t.cpp:" + std::to_string(n % 300);
+    place.append(" ").append(kNames[n / 300]);
+    std::string message = kNames[n / 300];
+    message.append(" ").append(std::to_string(n % 300)).append(" ").append(text);
+    const std::string record = Record(message, "Inf", place);
     EXPECT_NE(all.find(record), std::string::npos) << record;
     expected += record.size();
   }
