@@ -161,7 +161,9 @@ KDint Mailbox::Forget(void* userptr) noexcept {
   const std::lock_guard lock(mutex_);
   UserEntry* user = Find(userptr);
   if (user == nullptr) return 0;
-  while (user->events != nullptr) RemoveEvent(user->events);
+  for (Event* event = user->events; event != nullptr;) {
+    RemoveEvent(std::exchange(event, event->user_next));
+  }
   while (user->timers != nullptr) RemoveTimer(user->timers);
   std::vector<Callback>().swap(user->callbacks);
   const bool busy = user->running != 0;
@@ -172,7 +174,7 @@ KDint Mailbox::Forget(void* userptr) noexcept {
 void Mailbox::Close() noexcept {
   const std::lock_guard lock(mutex_);
   ended_ = true;
-  while (first_ != nullptr) RemoveEvent(first_);
+  for (Event* event = first_; event != nullptr;) RemoveEvent(std::exchange(event, event->next));
   heap_.Clear();
   timers_.clear();
   users_.clear();
