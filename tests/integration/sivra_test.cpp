@@ -1,7 +1,6 @@
 // Entries through the real stack, against a peer on loopback that answers as each test tells it.
 #include "sivra/sivra.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,79 +8,28 @@
 
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "nsip/nsip.h"
 #include "Sipcarrier/Sipcarrier.h"
+#include "sipcarrier_peer.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using sip_test::HeaderLine;
 using MessagePtr = std::unique_ptr<nsip_message>;
 
 constexpr const char* kAor = "Alice<sip:alice@example.com>";
 
-// The value of the first header line of this name; empty when there is none.
-std::string Header(const std::string& request, const std::string& name) {
-  const std::string start = "\r\n" + name + ": ";
-  const std::size_t pos = request.find(start);
-  if (pos == std::string::npos) return "";
-  return request.substr(pos + start.size(), request.find("\r\n", pos + 2) - pos - start.size());
-}
-
-int CSeq(const std::string& request) { return std::atoi(Header(request, "CSeq").c_str()); }
+int CSeq(const std::string& request) { return std::atoi(HeaderLine(request, "CSeq").c_str()); }
 
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
-
-// The next datagram, or nothing.
-std::string Read(int socket, std::chrono::milliseconds wait, sockaddr_in& from) {
-  pollfd ready{socket, POLLIN, 0};
-  std::array<char, 8192> buffer{};
-  socklen_t size = sizeof from;
-  if (::poll(&ready, 1, static_cast<int>(wait.count())) != 1) return "";
-  const ssize_t length = ::recvfrom(socket, buffer.data(), buffer.size(), 0,
-                                    reinterpret_cast<sockaddr*>(&from), &size);
-  return {buffer.data(), static_cast<std::size_t>(length)};
-}
-
-class Peer {
- public:
-  Peer() {
-    socklen_t size = sizeof address_;
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::bind(socket_, reinterpret_cast<sockaddr*>(&address_), size), 0);
-    ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address_), &size);
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-  ~Peer() { ::close(socket_); }
-
-  std::string Receive(std::chrono::milliseconds wait = 5s) { return Read(socket_, wait, address_); }
-  // Header lines end with \r\n.
-  void Answer(const std::string& request, int status, const std::string& headers = "") {
-    std::string text = "SIP/2.0 " + std::to_string(status) + " x\r\n" + headers;
-    for (const char* name : {"Via", "From", "To", "Call-ID", "CSeq"}) {
-      text.append(name).append(": ").append(Header(request, name)).append("\r\n");
-    }
-    text += "\r\n";
-    ::sendto(socket_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&address_),
-             sizeof address_);
-  }
-  // Its own address; after Receive the sender's.
-  [[nodiscard]] std::string address() const {
-    return "127.0.0.1:" + std::to_string(ntohs(address_.sin_port));
-  }
-
- private:
-  int socket_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address_{};
-};
 
 class Handler : public ISipStackEvent {
  public:
@@ -103,8 +51,10 @@ class Handler : public ISipStackEvent {
   std::string GetServiceName() override { return "test"; }
   // "EVENT #ENTRY STATUS FIRST-CONTACT", or nothing.
   std::string Next(std::chrono::milliseconds wait = 5s) {
-    sockaddr_in from{};
-    return Read(pair_[1], wait, from);
+    pollfd ready{pair_[1], POLLIN, 0};
+    std::array<char, 1024> text{};
+    if (::poll(&ready, 1, static_cast<int>(wait.count())) != 1) return "";
+    return {text.data(), static_cast<std::size_t>(::recv(pair_[1], text.data(), text.size(), 0))};
   }
 
  private:
@@ -159,15 +109,20 @@ class SivraTest : public ::testing::Test {
     ASSERT_EQ(sipcarrier::Start(config_, error), 0) << error;
     ASSERT_EQ(Sipcarrier_RegisterHandler(&handler_), 0);
   }
-  std::string Reported(int event, const std::string& rest = "") const {
+  // Header lines end with \r\n.
+  void Answer(const std::string& request, int status, const std::string& headers = "") {
+    std::string text = sip_test::ResponseTo(request, std::to_string(status) + " x");
+    peer_.Send(text.insert(text.find("\r\n") + 2, headers));
+  }
+  [[nodiscard]] std::string Reported(int event, const std::string& rest = "") const {
     return std::to_string(event) + " #" + std::to_string(id_) + rest;
   }
 
   sipcarrier::Config config_;
   Handler handler_;
-  Peer peer_;
-  const std::string host_port_ = peer_.address();
-  const std::string registrar_ = "sip:user@" + host_port_ + ";x=1";
+  sip_test::Peer peer_;
+  const std::string host_port_ = "127.0.0.1:" + std::to_string(peer_.port());
+  const std::string registrar_ = "sip:user@" + host_port_ + ";x=1?h=1";
   long id_ = 0;
 };
 
@@ -180,16 +135,17 @@ TEST_F(SivraTest, TheRequest) {
   EXPECT_TRUE(Send(id_, std::move(built)));
   const std::string request = peer_.Receive();
   EXPECT_EQ(request.substr(0, request.find("\r\n")), "REGISTER sip:" + host_port_ + ";x=1 SIP/2.0");
-  EXPECT_TRUE(Header(request, "To").ends_with(" <sip:alice@example.com>")) << request;
-  EXPECT_EQ(Header(request, "From"), built_from);
-  EXPECT_TRUE(Has(built_from, Header(request, "To") + ";tag="));
-  EXPECT_EQ(Header(request, "Contact"),
-            "<sip:alice@" + peer_.address() + ";line=" + std::to_string(id_) + ">;expires=60");
-  EXPECT_EQ(Header(request, "Contact"), built_contact);
-  EXPECT_EQ(Header(request, "CSeq") + Header(request, "User-Agent") + Header(request, "Expires"),
+  EXPECT_TRUE(HeaderLine(request, "To").ends_with(" <sip:alice@example.com>")) << request;
+  EXPECT_EQ(HeaderLine(request, "From"), built_from);
+  EXPECT_TRUE(Has(built_from, HeaderLine(request, "To") + ";tag="));
+  EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
+                                                ";line=" + std::to_string(id_) + ">;expires=60");
+  EXPECT_EQ(HeaderLine(request, "Contact"), built_contact);
+  EXPECT_EQ(HeaderLine(request, "CSeq") + HeaderLine(request, "User-Agent") +
+                HeaderLine(request, "Expires"),
             "1 REGISTERkept");
-  peer_.Answer(request, 100);
-  peer_.Answer(request, 423, "Min-Expires: 90\r\n");
+  Answer(request, 100);
+  Answer(request, 423, "Min-Expires: 90\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 423"));
 
   // A second binding of the same address of record is one of its own; a bare URI keeps its
@@ -197,7 +153,7 @@ TEST_F(SivraTest, TheRequest) {
   const long other = SetInfo(0, "sip:alice@example.com;user=phone", registrar_);
   EXPECT_EQ(other, id_ + 1);
   const MessagePtr second = Build(other, 0);
-  EXPECT_NE(second->call_id, Header(request, "Call-ID"));
+  EXPECT_NE(second->call_id, HeaderLine(request, "Call-ID"));
   EXPECT_FALSE(nsip_uri_equal(*second->contacts.at(0)->url, *Build(id_)->contacts.at(0)->url));
   EXPECT_EQ(nsip_uri_text(*second->to->url), "sip:alice@example.com;user=phone");
 
@@ -219,68 +175,66 @@ TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
   const std::string first = peer_.Receive();
   ASSERT_TRUE(Register(id_, 61) && Register(id_, 62));
   EXPECT_EQ(peer_.Receive(100ms), "");
-  peer_.Answer(first, 200);
+  Answer(first, 200);
   EXPECT_EQ(handler_.Next(), Reported(26, " 200"));
   const std::string second = peer_.Receive();
-  EXPECT_TRUE(Header(second, "Contact").ends_with(";expires=62")) << second;
+  EXPECT_TRUE(HeaderLine(second, "Contact").ends_with(";expires=62")) << second;
   EXPECT_GT(CSeq(second), CSeq(first));
 
   // Released with one in flight and one waiting: both finish, and nothing is reported.
   ASSERT_TRUE(Send(id_, std::move(removal)));
   Release(id_);
   EXPECT_EQ(sivra::EntryCount(), 1U);
-  peer_.Answer(second, 200);
+  Answer(second, 200);
   const std::string third = peer_.Receive();
-  EXPECT_TRUE(Header(third, "Contact").ends_with(">;expires=0")) << third;
-  EXPECT_EQ(Header(third, "Expires"), "0");
-  EXPECT_EQ(Header(third, "Call-ID"), Header(first, "Call-ID"));
+  EXPECT_TRUE(HeaderLine(third, "Contact").ends_with(">;expires=0")) << third;
+  EXPECT_EQ(HeaderLine(third, "Expires"), "0");
+  EXPECT_EQ(HeaderLine(third, "Call-ID"), HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(third), CSeq(second));
-  peer_.Answer(third, 401, Challenge("n1"));
+  Answer(third, 401, Challenge("n1"));
   const std::string fourth = peer_.Receive();
-  EXPECT_TRUE(Has(Header(fourth, "Authorization"), "nonce=\"n1\"")) << fourth;
-  EXPECT_EQ(Header(fourth, "Contact"), Header(third, "Contact"));
-  peer_.Answer(fourth, 200);
+  EXPECT_TRUE(Has(HeaderLine(fourth, "Authorization"), "nonce=\"n1\"")) << fourth;
+  EXPECT_EQ(HeaderLine(fourth, "Contact"), HeaderLine(third, "Contact"));
+  Answer(fourth, 200);
   EXPECT_EQ(handler_.Next(100ms), "");
-  for (int i = 0; i < 500 && sivra::EntryCount() != 0; ++i) std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(sivra::EntryCount(), 0U);
+  EXPECT_TRUE(sip_test::Eventually([] { return sivra::EntryCount() == 0; }));
 }
 
 TEST_F(SivraTest, Challenges) {
   ASSERT_TRUE(Register(id_));
   const std::string bare = peer_.Receive();
-  EXPECT_EQ(Header(bare, "Authorization"), "");
-  peer_.Answer(bare, 401, Challenge("n1"));
+  EXPECT_EQ(HeaderLine(bare, "Authorization"), "");
+  Answer(bare, 401, Challenge("n1"));
   const std::string first = peer_.Receive();
-  EXPECT_TRUE(Header(first, "Authorization").starts_with("Digest username=\"alice\"")) << first;
+  EXPECT_TRUE(HeaderLine(first, "Authorization").starts_with("Digest username=\"alice\"")) << first;
   EXPECT_GT(CSeq(first), CSeq(bare));
   // Other devices stand in the list too, one even at our address.
-  const std::string own = Header(first, "Contact");
-  peer_.Answer(first, 200,
-               "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" +
-                   peer_.address() + ">;expires=2, " + own + "\r\n");
+  const std::string own = HeaderLine(first, "Contact");
+  Answer(first, 200,
+         "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" +
+             sipcarrier::LocalEndpoints().at(0) + ">;expires=2, " + own + "\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 200 " + own));
 
   // Under an associated URI: same Contact, Call-ID and account; authorised in advance.
   EXPECT_EQ(SetInfo(id_, "sip:+4930@example.com", registrar_), id_);
   ASSERT_TRUE(Register(id_));
   const std::string refresh = peer_.Receive();
-  EXPECT_TRUE(Has(Header(refresh, "Authorization"), "nc=00000002")) << refresh;
-  EXPECT_TRUE(Has(Header(refresh, "To"), "sip:+4930@example.com")) << refresh;
-  EXPECT_EQ(Header(refresh, "Contact"), own);
-  EXPECT_EQ(Header(refresh, "Call-ID"), Header(first, "Call-ID"));
+  EXPECT_TRUE(Has(HeaderLine(refresh, "Authorization"), "nc=00000002")) << refresh;
+  EXPECT_TRUE(Has(HeaderLine(refresh, "To"), "sip:+4930@example.com")) << refresh;
+  EXPECT_EQ(HeaderLine(refresh, "Contact"), own);
+  EXPECT_EQ(HeaderLine(refresh, "Call-ID"), HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(refresh), CSeq(first));
-  peer_.Answer(refresh, 401, Challenge("n2", ",stale=true"));
+  Answer(refresh, 401, Challenge("n2", ",stale=true"));
   const std::string again = peer_.Receive();
-  EXPECT_TRUE(Has(Header(again, "Authorization"), "nonce=\"n2\"")) << again;
-  peer_.Answer(again, 401, Challenge("n3"));  // the password has changed
+  EXPECT_TRUE(Has(HeaderLine(again, "Authorization"), "nonce=\"n2\"")) << again;
+  Answer(again, 401, Challenge("n3"));  // the password has changed
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
 
   // A server that asks for a new realm each time does not keep us sending.
   ASSERT_TRUE(Register(id_));
   int sent = 0;
   for (std::string request; sent < 10 && !(request = peer_.Receive(200ms)).empty(); ++sent) {
-    peer_.Answer(request, 401,
-                 "WWW-Authenticate: Digest realm=" + std::to_string(sent) + ",nonce=n\r\n");
+    Answer(request, 401, "WWW-Authenticate: Digest realm=" + std::to_string(sent) + ",nonce=n\r\n");
   }
   EXPECT_EQ(sent, 4);
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
@@ -301,19 +255,23 @@ TEST_F(SivraTest, NoAnswerUnsentAndStop) {
   for (const long entry : {id_, released}) ASSERT_TRUE(Register(entry) && Register(entry, 0));
   Release(released);
   MessagePtr late = Build(id_);
+  MessagePtr early = Build(id_);
   sipcarrier::Stop(0s);
   EXPECT_EQ(sivra::EntryCount(), 1U);
   EXPECT_FALSE(Send(id_, std::move(late)));
   EXPECT_FALSE(Build(id_));
-  // The entry is not stuck: it goes on with the next run of the stack, its numbers rising.
+  // The entry is not stuck: it goes on with the next run of the stack, its numbers rising, and from
+  // the new port, whatever was known when the request was built.
   while (!peer_.Receive(0ms).empty()) {
   }
   config_.t1 = 2s;
   StartStack();
-  ASSERT_TRUE(Register(id_));
+  ASSERT_TRUE(Send(id_, std::move(early)));
   const std::string request = peer_.Receive();
   EXPECT_GT(CSeq(request), 2);
-  peer_.Answer(request, 200);
+  EXPECT_TRUE(Has(HeaderLine(request, "Contact"), "@" + sipcarrier::LocalEndpoints().at(0) + ";"))
+      << request;
+  Answer(request, 200);
   std::string event = handler_.Next();  // some may be left of the run before
   while (event == Reported(74) || event == Reported(78)) event = handler_.Next();
   EXPECT_EQ(event, Reported(26, " 200"));

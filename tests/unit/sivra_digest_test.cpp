@@ -83,11 +83,11 @@ TEST(Challenge, Choice) {
               www + "Digest realm=a,nonce=3,algorithm=SHA-256-sess",
               www + "Digest realm=a,nonce=4,algorithm=SHA-3"}),
       " a:SHA-256");
-  EXPECT_EQ(Chosen({www + "Basic realm=\"x, Digest realm=y\", Digest realm=\"a, \\\"b\\\" c\", "
+  EXPECT_EQ(Chosen({www + "Basic realm=\"x, Digest realm=y\", Digest realm=\"a, \\\"b c\", "
                           "nonce=\"1\", qop = \"auth-int , AUTH\", Negotiate, "
                           "digest nonce=2 , realm=b,algorithm=MD5-sess",
                     "Proxy-Authenticate: Digest realm=b,nonce=3,algorithm=SHA-512-256"}),
-            " a, \"b\" c:MD5 b:MD5-sess P:b:SHA-512-256");
+            " a, \"b c:MD5 b:MD5-sess P:b:SHA-512-256");
   EXPECT_EQ(Chosen({www + "Digest realm=a,nonce=1,qop=\"auth-int\"", www + "Digest realm=a",
                     www + "Digest nonce=1", www + "Digest realm=a,nonce=\"\"", www + "\"",
                     www + "Digest realm=a,nonce=" + std::string(kMaxChallengeText + 1, 'n')}),
