@@ -81,12 +81,10 @@ class Peer {
   std::string Receive(std::chrono::milliseconds wait = 3s) {
     pollfd ready{fd_, POLLIN, 0};
     if (::poll(&ready, 1, static_cast<int>(wait.count())) <= 0) return {};
-    std::string text(65536, '\0');
     sender_size_ = sizeof sender_;
-    const auto size = ::recvfrom(fd_, text.data(), text.size(), 0,
+    const auto size = ::recvfrom(fd_, buffer_.data(), buffer_.size(), 0,
                                  reinterpret_cast<sockaddr*>(&sender_), &sender_size_);
-    text.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return text;
+    return size < 0 ? std::string() : std::string(buffer_.data(), static_cast<std::size_t>(size));
   }
   // To where the last datagram came from.
   void Send(std::string_view text) {
@@ -97,6 +95,7 @@ class Peer {
   int fd_;
   bool bound_ = false;
   int port_ = 0;
+  std::vector<char> buffer_ = std::vector<char>(65536);
   sockaddr_storage sender_{};
   socklen_t sender_size_ = 0;
 };
@@ -177,7 +176,7 @@ inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri) {
 }
 
 inline std::shared_ptr<Result> Send(std::unique_ptr<nsip_message> request,
-                                    sipcarrier::PrepareFn prepare = nullptr) {
+                                    const sipcarrier::PrepareFn& prepare = nullptr) {
   auto result = std::make_shared<Result>();
   auto held = std::make_shared<std::unique_ptr<nsip_message>>(std::move(request));
   EXPECT_TRUE(sipcarrier::RunOnIoThread([held, prepare, result] {

@@ -64,23 +64,5 @@ TEST(TimerQueue, FiresWhatIsDueInOrderWhateverIsMovedOrCancelled) {
   }
 }
 
-TEST(TimerQueue, ATimerThatIsSetWhileFiringWaitsForTheNextRun) {
-  struct Again final : TimerSink {
-    void OnTimer(Timer& timer) noexcept override {
-      ++fired;
-      queue.Set(timer, Clock::time_point{});
-    }
-    TimerQueue queue;
-    int fired = 0;
-  } again;
-  Timer timer(again);
-  again.queue.Attach(timer);
-  again.queue.Set(timer, Clock::time_point{});
-  again.queue.Run(Clock::now());
-  EXPECT_EQ(again.fired, 1);
-  again.queue.Run(Clock::now());
-  EXPECT_EQ(again.fired, 2);
-}
-
 }  // namespace
 }  // namespace sipcarrier
