@@ -119,7 +119,9 @@ std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& 
   std::string text;
   if (nsip_message_to_str(*message, text) != 0) return {};
   std::string lines;
-  for (const auto& [name, value] : answer.headers) lines += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : answer.headers) {
+    lines.append(name).append(": ").append(value).append("\r\n");
+  }
   // Scripted headers may be ones that a message keeps in fields of its own, or wrong on purpose, so
   // they go into the text.
   const std::size_t end = text.find("\r\n\r\n");
