@@ -133,8 +133,8 @@ void CLogOne::CheckLogSize() noexcept {
 
 void CLogOne::FlushFile() noexcept {
   if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) return;
-  // What could not be written is dropped here; kept, it would come out later as a piece of a
-  // record.
+  // Nothing says whether a stream keeps what it could not write; kept, it would come out later as
+  // a piece of a record.
   __fpurge(m_fp);
   std::clearerr(m_fp);
 }

@@ -20,7 +20,10 @@ std::atomic<std::uint64_t> g_nLastThread{0};
 
 LOG_THREAD_RECORD* CLogThreads::Find() noexcept {
   if (t_nThread == 0) t_nThread = ++g_nLastThread;
-  const pid_t nId = gettid();
+  return Find(gettid(), t_nThread);
+}
+
+LOG_THREAD_RECORD* CLogThreads::Find(pid_t nId, std::uint64_t nThread) noexcept {
   auto itRecord = m_mapRecord.find(nId);
   if (itRecord == m_mapRecord.end()) {
     if (m_mapRecord.size() >= m_nSweepAt) Sweep();
@@ -31,9 +34,9 @@ LOG_THREAD_RECORD* CLogThreads::Find() noexcept {
     }
   }
   LOG_THREAD_RECORD& stRecord = itRecord->second;
-  if (stRecord.nThread != t_nThread) {
+  if (stRecord.nThread != nThread) {
     stRecord = LOG_THREAD_RECORD{};
-    stRecord.nThread = t_nThread;
+    stRecord.nThread = nThread;
   }
   return &stRecord;
 }

@@ -27,6 +27,8 @@ class CLogThreads {
  public:
   // The calling thread's record; null when memory runs out.
   LOG_THREAD_RECORD* Find() noexcept;
+  // That of the thread with this id of the system and this number of ours.
+  LOG_THREAD_RECORD* Find(pid_t nId, std::uint64_t nThread) noexcept;
   [[nodiscard]] std::size_t Count() const noexcept { return m_mapRecord.size(); }
 
   static constexpr std::size_t MIN_SWEEP = 64;
