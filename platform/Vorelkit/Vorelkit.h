@@ -42,14 +42,14 @@ class TOLVANE_PUBLIC VkStrBuilder {
 };
 
 namespace vorelkit {
-// For tests: the next `nth` vktNew from now (1: the very next) of this process gives null, as if memory
-// had run out; 0 switches that off. `count` many in a row fail from there on.
+// For tests: the next `nth` vktNew from now (1: the very next) of this process gives null, as if
+// memory had run out; 0 switches that off. `count` many in a row fail from there on.
 TOLVANE_PUBLIC void FailAllocation(std::size_t nth, std::size_t count = 1);
 [[nodiscard]] TOLVANE_PUBLIC bool AllocationShallFail() noexcept;  // for vktNew only
 }  // namespace vorelkit
 
-// A new T, or null when memory is exhausted, also when the constructor throws std::bad_alloc. Any other
-// exception of the constructor is passed on.
+// A new T, or null when memory is exhausted, also when the constructor throws std::bad_alloc. Any
+// other exception of the constructor is passed on.
 template <typename T, typename... Args>
 [[nodiscard]] T* vktNew(Args&&... args) {
   if (vorelkit::AllocationShallFail()) return nullptr;
