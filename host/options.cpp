@@ -252,7 +252,7 @@ std::optional<std::string> CheckRegisterOptions(RawOptions& raw) {
     if (auto wrong = at("--local", ParseLocal(raw.local, o.local_address, o.local_port)))
       return wrong;
   }
-  if (const auto wrong = CheckFamilies(o)) return wrong;
+  if (auto wrong = CheckFamilies(o)) return wrong;
   return CheckCredentials(raw);
 }
 
