@@ -102,7 +102,7 @@ bool Tree::Append(std::int32_t parent, std::string_view name, std::string_view t
     source.insert(position, markup);
     above.content_end = position + static_cast<std::uint32_t>(markup.size());
     above.end = behind + grown;
-    MoveBehind(parent, closed ? behind : position, grown);
+    MoveBehind(parent, position, grown);
     (above.last_child == kNone ? above.first_child
                                : nodes[static_cast<std::size_t>(above.last_child)].next) = added;
     above.last_child = added;
