@@ -66,13 +66,9 @@ bool Tree::Append(std::int32_t parent, std::string_view name, std::string_view t
   std::string markup;
   markup.append("<").append(name);
   const std::size_t tag = markup.size();
-  if (value.markup.empty()) {
-    markup.append("/>");
-  } else {
-    markup.append(">").append(value.markup).append("</").append(name).append(">");
-  }
+  markup.append(">").append(value.markup).append("</").append(name).append(">");
 
-  // <parent/> becomes <parent></parent> first.
+  // A <parent/> that was read becomes <parent></parent> first.
   const bool closed = parent != kNone && At(parent).content_end == At(parent).end;
   std::string end_tag;
   if (closed) end_tag.append("</").append(Name(At(parent))).append(">");
@@ -112,9 +108,7 @@ bool Tree::Append(std::int32_t parent, std::string_view name, std::string_view t
   node.begin = position;
   node.end = position + static_cast<std::uint32_t>(markup.size());
   node.name_length = static_cast<std::uint32_t>(name.size());
-  node.content_end = value.markup.empty()
-                         ? node.end
-                         : position + static_cast<std::uint32_t>(tag + 1 + value.markup.size());
+  node.content_end = position + static_cast<std::uint32_t>(tag + 1 + value.markup.size());
   node.text = {static_cast<std::uint32_t>(values.size()),
                static_cast<std::uint32_t>(value.text.size())};
   node.first_attr = static_cast<std::uint32_t>(attrs.size());

@@ -27,11 +27,11 @@ constexpr char kSuccess[] =
     "1000 <reg><id>$</id><result>0</result><uri>sip:alice@example.com</uri></reg>";
 constexpr char kFailed[] =
     "1000 <reg><id>$</id><result>-1</result><errorcode>#</errorcode><warncode>0</warncode>"
-    "<warntext/></reg>";
+    "<warntext></warntext></reg>";
 constexpr char kFailedLater[] =
     "1000 <reg><id>$</id><result>-1</result><errorcode>#</errorcode><warncode>0</warncode>"
-    "<warntext/><retry-after>30</retry-after></reg>";
-constexpr char kGone[] = "1001 <reg><id>$</id><result>0</result><uri/></reg>";
+    "<warntext></warntext><retry-after>30</retry-after></reg>";
+constexpr char kGone[] = "1001 <reg><id>$</id><result>0</result><uri></uri></reg>";
 constexpr char kLost[] =
     "1002 <reg><id>$</id><state>Terminate</state><event>refreshed</event></reg>";
 constexpr char kLostLater[] =
@@ -200,9 +200,9 @@ TEST(ComponentStates, WarningGoesToTheClient) {
   const std::pair<const char*, const char*> cases[] = {
       {"Warning: 399 host \"come back later\"\r\n",
        "<warncode>399</warncode><warntext>come back later</warntext>"},
-      {"Warning: abc\r\n", "<warncode>0</warncode><warntext/>"},
-      {"Warning: 399 host \"cut\r\n", "<warncode>399</warncode><warntext/>"},
-      {"", "<warncode>0</warncode><warntext/>"},
+      {"Warning: abc\r\n", "<warncode>0</warncode><warntext></warntext>"},
+      {"Warning: 399 host \"cut\r\n", "<warncode>399</warncode><warntext></warntext>"},
+      {"", "<warncode>0</warncode><warntext></warntext>"},
   };
   for (const auto& [header, expected] : cases) {
     FrontDoor door;

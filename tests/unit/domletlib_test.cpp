@@ -167,7 +167,7 @@ TEST(Write, IsReadLikeAParsedDocument) {
   for (const char* name : {"", "1a", "-a", "a b", "a>", "a/", "\xC3\xBC", ":a"}) {
     EXPECT_EQ(xml.AddChildElem(name, "", 0), 0) << name;
   }
-  EXPECT_EQ(xml.GetDoc(), "<r><ret>0</ret><id>-2147483648</id><_n-1.b:c/></r>");
+  EXPECT_EQ(xml.GetDoc(), "<r><ret>0</ret><id>-2147483648</id><_n-1.b:c></_n-1.b:c></r>");
   xml.ResetPos();
   EXPECT_EQ(Next(xml, "id"), "<id>-2147483648</id>");
   EXPECT_EQ(Next(xml, "/r"), "");
