@@ -1,261 +1,149 @@
 // The loopback registrar against a client that writes its datagrams by hand.
 #include "registrar/registrar.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
+#include "sipcarrier_peer.h"
 
 namespace {
 
-using std::chrono::milliseconds;
+using registrar::Options;
+using sip_test::Peer;
+using namespace std::chrono_literals;
+
+using Parts = std::vector<std::string>;
 
 constexpr char kAor[] = "sip:alice@example.com";
+const std::string kPhone = "Contact: <sip:alice@127.0.0.1:7001>\r\n";
 
-// A UDP client that is bound to 127.0.0.1 or ::1 and talks to one port there.
-class Client {
- public:
-  explicit Client(std::uint16_t port, bool v6 = false) : v6_(v6) {
-    fd_ = socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_storage address{};
-    const socklen_t size = Fill(address, 0);
-    socklen_t length = sizeof address;
-    bound_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-             getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-    sockaddr_in in{};
-    std::memcpy(&in, &address, sizeof in);
-    port_ = ntohs(in.sin_port);
-    target_size_ = Fill(target_, port);
-  }
-  ~Client() { close(fd_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  [[nodiscard]] bool bound() const { return bound_; }
-  [[nodiscard]] std::string host() const { return v6_ ? "[::1]" : "127.0.0.1"; }
-  [[nodiscard]] std::uint16_t port() const { return port_; }
-
-  void Send(const std::string& text) const {
-    ASSERT_EQ(sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&target_),
-                     target_size_),
-              static_cast<ssize_t>(text.size()));
-  }
-  // Empty: nothing came in time.
-  [[nodiscard]] std::string Receive(milliseconds limit = milliseconds(5000)) const {
-    pollfd fd{fd_, POLLIN, 0};
-    if (poll(&fd, 1, static_cast<int>(limit.count())) != 1) return {};
-    std::string text(65535, '\0');
-    const ssize_t size = recv(fd_, text.data(), text.size(), 0);
-    text.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return text;
-  }
-  [[nodiscard]] std::string Ask(const std::string& text) const {
-    Send(text);
-    return Receive();
-  }
-
- private:
-  socklen_t Fill(sockaddr_storage& address, std::uint16_t port) const {
-    if (v6_) {
-      sockaddr_in6 in{};
-      in.sin6_family = AF_INET6;
-      in.sin6_addr = in6addr_loopback;
-      in.sin6_port = htons(port);
-      std::memcpy(&address, &in, sizeof in);
-      return sizeof in;
-    }
-    sockaddr_in in{};
-    in.sin_family = AF_INET;
-    in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    in.sin_port = htons(port);
-    std::memcpy(&address, &in, sizeof in);
-    return sizeof in;
-  }
-
-  bool v6_;
-  int fd_ = -1;
-  bool bound_ = false;
-  std::uint16_t port_ = 0;
-  sockaddr_storage target_{};
-  socklen_t target_size_ = 0;
-};
-
-// A REGISTER of alice; `rest` holds Contact and further header lines.
-std::string Request(const Client& client, int cseq, const std::string& rest,
-                    const std::string& call_id = "one", const std::string& via_params = ";rport") {
-  static int branch = 0;
-  const std::string place = client.host() + ":" + std::to_string(client.port());
-  return "REGISTER sip:example.com SIP/2.0\r\nVia: SIP/2.0/UDP " + place + ";branch=z9hG4bK" +
-         std::to_string(++branch) + via_params + "\r\nMax-Forwards: 70\r\nFrom: <" + kAor +
-         ">;tag=f\r\nTo: <" + kAor + ">\r\nCall-ID: " + call_id +
-         "\r\nCSeq: " + std::to_string(cseq) + " REGISTER\r\n" + rest + "Content-Length: 0\r\n\r\n";
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
 }
 
-int Status(const std::string& answer) {
-  return answer.starts_with("SIP/2.0 ") ? std::atoi(answer.c_str() + 8) : 0;
-}
-
-bool Has(const std::string& answer, const std::string& text) {
-  return answer.find(text) != std::string::npos;
-}
-
+// A registrar, and a client of it.
 struct Service {
-  explicit Service(registrar::Options options = {}) : registrar(std::move(options)) {
+  explicit Service(Options options = {})
+      : registrar(std::move(options)), client(AF_INET, Start()) {}
+  int Start() {
     std::string error;
     EXPECT_TRUE(registrar.Start(error)) << error;
+    return registrar.port();
   }
+  // A REGISTER of alice; `rest` holds Contact and further header lines.
+  std::string Request(int cseq, const std::string& rest, const std::string& rport = ";rport") {
+    return "REGISTER sip:example.com SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1:" +
+           std::to_string(client.port()) + ";branch=z9hG4bK" + std::to_string(++branch) + rport +
+           "\r\nFrom: <" + kAor + ">;tag=f\r\nTo: <" + kAor + ">\r\nCall-ID: " + call_id +
+           "\r\nCSeq: " + std::to_string(cseq) + " REGISTER\r\n" + rest + "\r\n";
+  }
+  // Sends it; the answer must have the status and the parts, but none behind a "!".
+  std::string Ask(const std::string& request, int status, const Parts& parts = {}) {
+    client.Send(request);
+    const std::string answer = client.Receive();
+    EXPECT_TRUE(answer.starts_with("SIP/2.0 " + std::to_string(status))) << request << answer;
+    for (const std::string& part : parts) {
+      EXPECT_NE(Has(answer, part.substr(part[0] == '!')), part[0] == '!') << part << answer;
+    }
+    return answer;
+  }
+  std::string Register(int cseq, const std::string& rest, int status, const Parts& parts = {}) {
+    return Ask(Request(cseq, rest), status, parts);
+  }
+
   registrar::Registrar registrar;
+  Peer client;
+  std::string call_id = "one";
+  int branch = 0;
 };
 
 TEST(RegistrarTest, BindingsFollowTheOrderOfRequests) {
-  registrar::Options options;
+  Options options;
   options.max_expires = 100;
   options.p_associated_uri = {"<sip:alice@example.com>", "<tel:+1555>"};
   Service service(options);
-  const Client client(service.registrar.port());
-  const std::string phone = "Contact: <sip:alice@127.0.0.1:7001>;expires=60;q=0.5\r\n";
+  const std::string gone = "Contact: <sip:alice@127.0.0.1:7001>;expires=0\r\n";
+  const std::string star = "Contact: *\r\nExpires: 0\r\n";
   const std::string desk = "Contact: \"Desk\" <sip:alice@127.0.0.1:7002>\r\nExpires: 900\r\n";
-
-  std::string answer = client.Ask(Request(client, 5, phone));
-  EXPECT_EQ(Status(answer), 200) << answer;
-  EXPECT_TRUE(Has(answer, "<sip:alice@127.0.0.1:7001>;q=0.5;expires=60")) << answer;
-  EXPECT_TRUE(Has(answer, "P-Associated-URI: <tel:+1555>\r\n")) << answer;
-  answer = client.Ask(Request(client, 1, desk, "two"));
-  EXPECT_TRUE(Has(answer, ":7001>") && Has(answer, ":7002>;expires=100")) << answer;
-
+  service.Register(5, kPhone, 200, {":7001>;expires=100", "P-Associated-URI: <tel:+1555>\r\n"});
+  service.call_id = "two";
+  service.Register(1, desk, 200, {":7001>", ":7002>;expires=100"});
+  service.call_id = "one";
   // The same Call-ID with a CSeq that does not rise changes nothing, not even beside a good
   // Contact.
   for (const int cseq : {5, 4}) {
-    EXPECT_EQ(Status(client.Ask(Request(client, cseq,
-                                        "Contact: <sip:alice@127.0.0.1:7003>;expires=60\r\n"
-                                        "Contact: <sip:alice@127.0.0.1:7001>;expires=0\r\n"))),
-              500);
+    service.Register(cseq, "Contact: <sip:alice@127.0.0.1:7003>;expires=60\r\n" + gone, 500);
   }
-  EXPECT_EQ(Status(client.Ask(Request(client, 5, "Contact: *\r\nExpires: 0\r\n"))), 500);
-  EXPECT_EQ(Status(client.Ask(Request(client, 6, "Contact: *\r\n"))), 400);
+  service.Register(5, star, 500);
+  service.Register(6, "Contact: *\r\n", 400);
   EXPECT_EQ(service.registrar.Bindings("sip:%61lice@EXAMPLE.com;x=y").size(), 2U);
-
   // A query lists and changes nothing; removal takes the one binding, the star takes what is left.
-  EXPECT_TRUE(Has(client.Ask(Request(client, 6, "")), ":7002>"));
-  answer = client.Ask(Request(client, 6, "Contact: <sip:alice@127.0.0.1:7001>;expires=0\r\n"));
-  EXPECT_TRUE(Status(answer) == 200 && !Has(answer, ":7001>") && Has(answer, ":7002>")) << answer;
-  answer = client.Ask(Request(client, 7, "Contact: *\r\nExpires: 0\r\n"));
-  EXPECT_TRUE(Status(answer) == 200 && !Has(answer, "Contact")) << answer;
-  EXPECT_TRUE(service.registrar.Bindings().empty());
+  service.Register(6, "", 200, {":7001>", ":7002>", "!:7003>"});
+  service.Register(6, gone, 200, {"!:7001>", ":7002>"});
+  service.Register(7, star, 200, {"!Contact"});
 }
 
 TEST(RegistrarTest, ShortWishesGet423AndBindingsExpire) {
-  registrar::Options options;
+  Options options;
   options.min_expires = 2;
   Service service(options);
-  const Client client(service.registrar.port());
-  const std::string contact = "Contact: <sip:alice@127.0.0.1:7001>";
-  std::string answer = client.Ask(Request(client, 1, contact + ";expires=1\r\n"));
-  EXPECT_TRUE(Status(answer) == 423 && Has(answer, "Min-Expires: 2\r\n")) << answer;
-  EXPECT_TRUE(service.registrar.Bindings().empty());
-  EXPECT_EQ(Status(client.Ask(Request(client, 2, contact + ";expires=0\r\n"))), 200);
-  EXPECT_EQ(Status(client.Ask(Request(client, 3, contact + ";expires=2\r\n"))), 200);
-  ASSERT_EQ(service.registrar.Bindings(kAor).size(), 1U);
-  EXPECT_EQ(service.registrar.Bindings(kAor).front().expires, 2);
-  std::this_thread::sleep_for(milliseconds(2100));
-  EXPECT_TRUE(service.registrar.Bindings(kAor).empty());
-  EXPECT_FALSE(Has(client.Ask(Request(client, 4, "")), "Contact"));
+  const std::string contact = "Contact: <sip:alice@127.0.0.1:7001>;expires=";
+  service.Register(1, contact + "1\r\n", 423, {"Min-Expires: 2\r\n"});
+  service.Register(2, contact + "0\r\n", 200, {"!Contact"});
+  service.Register(3, contact + "2\r\n", 200, {";expires=2"});
+  std::this_thread::sleep_for(2100ms);
+  service.Register(4, "", 200, {"!Contact"});
 }
 
-TEST(RegistrarTest, RetransmissionsGetTheSameAnswer) {
+TEST(RegistrarTest, RetransmissionsAndScriptedAnswers) {
   Service service;
-  const Client client(service.registrar.port());
-  const std::string contact = "Contact: <sip:alice@127.0.0.1:7001>\r\n";
-  const std::string request = Request(client, 1, contact);
-  const std::string answer = client.Ask(request);
-  EXPECT_EQ(Status(answer), 200);
-  EXPECT_EQ(client.Ask(request), answer);  // the To tag included
+  const std::string first = service.Request(1, kPhone);
+  const std::string answer = service.Ask(first, 200);
+  EXPECT_EQ(service.Ask(first, 200), answer);  // the To tag included
 
-  // While the answer waits a retransmission gets nothing; then both copies come, then what was
-  // asked for.
-  registrar::Script slow;
-  slow.delay = milliseconds(300);
-  slow.copies = 2;
-  service.registrar.Add(slow);
-  const std::string second = Request(client, 2, contact);
-  const auto begin = std::chrono::steady_clock::now();
-  client.Send(second);
-  client.Send(second);
-  const std::string late = client.Receive();
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(290));
-  EXPECT_EQ(Status(late), 200);
-  EXPECT_EQ(client.Receive(), late);
-  EXPECT_EQ(client.Receive(milliseconds(150)), "");
+  // While the answer waits a retransmission gets nothing; then both copies come.
+  registrar::Script script;
+  script.delay = 500ms;
+  script.copies = 2;
+  service.registrar.Add(script);
+  const std::string second = service.Request(2, kPhone);
+  const auto began = sip_test::Clock::now();
+  service.client.Send(second);
+  const std::string late = service.Ask(second, 200);
+  EXPECT_GE(sip_test::Clock::now() - began, 490ms);
+  EXPECT_EQ(service.client.Receive(), late);
 
-  registrar::Script lost;
-  lost.drop = true;
-  service.registrar.Add(lost);
-  const std::string third = Request(client, 3, contact);
-  client.Send(third);
-  client.Send(third);
-  EXPECT_EQ(client.Receive(milliseconds(150)), "");
+  script = {};
+  script.drop = true;
+  service.registrar.Add(script);
+  const std::string third = service.Request(3, kPhone);
+  for (int i = 0; i < 2; ++i) service.client.Send(third);
+  EXPECT_EQ(service.client.Receive(150ms), "");
   EXPECT_EQ(service.registrar.Bindings().front().cseq, 2U);
 
-  registrar::Script odd;
-  odd.aor = kAor;
-  odd.status = 503;
-  odd.headers = {{"Retry-After", "7"}, {"Contact", "not a contact"}};
-  service.registrar.Add(odd);
-  const std::string refused = client.Ask(Request(client, 4, contact));
-  EXPECT_TRUE(Status(refused) == 503 &&
-              Has(refused, "Retry-After: 7\r\nContact: not a contact\r\n"))
-      << refused;
-  const registrar::Counters counters = service.registrar.GetCounters();
-  EXPECT_EQ(counters.requests, 4U);
-  EXPECT_EQ(counters.retransmissions, 3U);
+  script = {};
+  script.aor = kAor;
+  script.status = 503;
+  script.headers = {{"Retry-After", "7"}, {"Contact", "none"}};
+  service.registrar.Add(script);
+  service.Register(4, kPhone, 503, {"Retry-After: 7\r\nContact: none\r\n"});
+  EXPECT_EQ(service.registrar.GetCounters().requests, 4U);
+  EXPECT_EQ(service.registrar.GetCounters().retransmissions, 3U);
 }
 
-TEST(RegistrarTest, AnswersGoWhereTheViaSays) {
-  for (const bool v6 : {false, true}) {
-    if (v6 && !Client(1, v6).bound()) continue;  // a machine without IPv6
-    registrar::Options options;
-    if (v6) options.address = "::1";
-    Service service(options);
-    const Client client(service.registrar.port(), v6);
-    const std::string address = v6 ? "::1" : "127.0.0.1";
-    std::string answer = client.Ask(Request(client, 1, ""));
-    EXPECT_TRUE(Has(answer, "received=" + address) &&
-                Has(answer, "rport=" + std::to_string(client.port())))
-        << answer;
-    // Without rport the port of the Via counts, not the one that the request came from.
-    const Client other(service.registrar.port(), v6);
-    other.Send(Request(client, 2, "", "one", ""));
-    answer = client.Receive();
-    EXPECT_TRUE(Status(answer) == 200 && !Has(answer, "rport")) << answer;
-  }
-}
-
-TEST(RegistrarTest, GarbageIsCountedAndStrangersAreTurnedAway) {
+TEST(RegistrarTest, AnswersGoWhereTheViaSaysAndStrangersAreTurnedAway) {
   Service service;
-  const Client client(service.registrar.port());
-  client.Send("\r\n\r\n");
-  client.Send("REGISTER sip:example.com SIP/2.0\r\nVia: nonsense\r\n\r\n");
-  client.Send("SIP/2.0 200 OK\r\n\r\n");
-  client.Send("");
-  std::string other = Request(client, 1, "");
-  for (std::size_t at; (at = other.find("REGISTER")) != std::string::npos;) {
-    other.replace(at, 8, "MESSAGE");
+  for (const char* garbage : {"\r\n\r\n", "REGISTER sip:a SIP/2.0\r\nVia: b\r\n\r\n", ""}) {
+    service.client.Send(garbage);
   }
-  const std::string answer = client.Ask(other);
-  EXPECT_TRUE(Status(answer) == 405 && Has(answer, "Allow: REGISTER")) << answer;
-  EXPECT_EQ(Status(client.Ask(Request(client, 1, "Require: gruu\r\n"))), 420);
-  EXPECT_EQ(service.registrar.GetCounters().garbage, 4U);
+  service.Register(1, "", 200, {"rport=" + std::to_string(service.client.port())});
+  EXPECT_EQ(service.registrar.GetCounters().garbage, 3U);
+  // Without rport the port of the Via counts, not the one that the request came from.
+  Peer(AF_INET, service.registrar.port()).Send(service.Request(2, "", ""));
+  EXPECT_TRUE(service.client.Receive().starts_with("SIP/2.0 200"));
+  std::string other = service.Request(1, "");
+  other.replace(other.rfind("REGISTER"), 8, "MESSAGE").replace(0, 8, "MESSAGE");
+  service.Ask(other, 405, {"Allow: REGISTER"});
+  service.Register(1, "Require: gruu\r\n", 420);
 }
 
 std::string Hash(const char* algorithm, const std::string& text) {
@@ -263,10 +151,8 @@ std::string Hash(const char* algorithm, const std::string& text) {
   unsigned int size = 0;
   EVP_Digest(text.data(), text.size(), bytes, &size, EVP_get_digestbyname(algorithm), nullptr);
   std::string hex;
-  for (unsigned int i = 0; i < size; ++i) {
-    char pair[3];
-    std::snprintf(pair, sizeof pair, "%02x", bytes[i]);
-    hex += pair;
+  for (unsigned int i = 0; i < 2 * size; ++i) {
+    hex += "0123456789abcdef"[(bytes[i / 2] >> (i % 2 == 0 ? 4 : 0)) & 15];
   }
   return hex;
 }
@@ -277,122 +163,87 @@ struct Login {
   const char* hash = "MD5";  // as OpenSSL calls it
   std::string password = "secret";
   std::string uri = "sip:example.com";
-  std::string cnonce = "c1";
-  std::string session_cnonce = "c1";
   std::string nc = "00000001";  // empty: the form of RFC 2069
 
-  [[nodiscard]] std::string Header(const std::string& challenge) const {
+  [[nodiscard]] std::string Lines(const std::string& challenge) const {
     const std::size_t at = challenge.find("nonce=\"") + 7;
     const std::string nonce = challenge.substr(at, challenge.find('"', at) - at);
     std::string a1 = Hash(hash, "alice:r:" + password);
-    if (name.ends_with("-sess")) a1 = Hash(hash, a1 + ":" + nonce + ":" + session_cnonce);
-    const std::string a2 = Hash(hash, "REGISTER:" + uri);
-    const std::string middle = nc.empty() ? "" : nc + ":" + cnonce + ":auth:";
-    std::string text = "Authorization: Digest username=\"alice\", realm=\"r\", nonce=\"" + nonce +
-                       "\", uri=\"" + uri + "\", algorithm=" + name +
-                       ", opaque=\"5f1e\", response=\"" +
-                       Hash(hash, a1 + ":" + nonce + ":" + middle + a2) + "\"";
-    if (!nc.empty()) text += ", qop=auth, nc=" + nc + ", cnonce=\"" + cnonce + "\"";
-    return text + "\r\n";
+    if (name.ends_with("-sess")) a1 = Hash(hash, a1 + ":" + nonce + ":c1");
+    a1 += ":" + nonce + ":" + (nc.empty() ? "" : nc + ":c1:auth:");
+    return "Authorization: Digest username=\"alice\", realm=\"r\", nonce=\"" + nonce +
+           "\", uri=\"" + uri + "\", opaque=\"5f1e\", algorithm=" + name + ", response=\"" +
+           Hash(hash, a1 + Hash(hash, "REGISTER:" + uri)) + "\"" +
+           (nc.empty() ? "" : ", qop=auth, cnonce=\"c1\", nc=" + nc) + "\r\n" + kPhone;
   }
 };
 
-registrar::Options Guarded(std::vector<std::string> algorithms) {
-  registrar::Options options;
+Options Guarded(const std::vector<std::string>& algorithms) {
+  Options options;
   options.users = {{"alice", "secret"}};
   options.realm = "r";
-  options.algorithms = std::move(algorithms);
+  options.algorithms = algorithms;
   return options;
 }
 
-constexpr char kContact[] = "Contact: <sip:alice@127.0.0.1:7001>\r\n";
-
 TEST(RegistrarTest, DigestLetsInWhoKnowsThePassword) {
-  const std::pair<const char*, const char*> algorithms[] = {
+  const std::pair<std::string, const char*> algorithms[] = {
       {"MD5", "MD5"},      {"SHA-256", "SHA256"},      {"SHA-512-256", "SHA512-256"},
       {"MD5-sess", "MD5"}, {"SHA-256-sess", "SHA256"}, {"SHA-512-256-sess", "SHA512-256"}};
   for (const auto& [name, hash] : algorithms) {
-    SCOPED_TRACE(name);
     Service service(Guarded({name}));
-    const Client client(service.registrar.port());
-    const std::string challenge = client.Ask(Request(client, 1, kContact));
-    ASSERT_TRUE(Status(challenge) == 401 &&
-                Has(challenge, std::string("algorithm=") + name + ", qop=\"auth\""))
-        << challenge;
-    Login login{name, hash};
-    Login wrong = login;
-    wrong.password = "guess";
-    EXPECT_EQ(Status(client.Ask(Request(client, 2, kContact + wrong.Header(challenge)))), 401);
+    const std::string challenge = service.Register(1, kPhone, 401, {"algorithm=" + name + ","});
+    Login login{.name = name, .hash = hash, .password = "guess"};
+    service.Register(2, login.Lines(challenge), 401);
     EXPECT_TRUE(service.registrar.Bindings().empty());
-    EXPECT_EQ(Status(client.Ask(Request(client, 3, kContact + login.Header(challenge)))), 200);
-    // In advance, with a count that rises; the session key keeps the first cnonce.
-    login.nc = "00000003";
-    login.cnonce = "c2";
-    EXPECT_EQ(Status(client.Ask(Request(client, 4, kContact + login.Header(challenge)))), 200);
-    EXPECT_EQ(Status(client.Ask(Request(client, 5, kContact + login.Header(challenge)))), 401);
+    login.password = "secret";
+    service.Register(3, login.Lines(challenge), 200);
+    login.nc = "00000003";  // in advance, with a count that rises
+    service.Register(4, login.Lines(challenge), 200);
+    service.Register(5, login.Lines(challenge), 401);
   }
 }
 
 TEST(RegistrarTest, DigestChecksUriNonceAndForm) {
-  registrar::Options options = Guarded({"SHA-256", "MD5"});
+  Options options = Guarded({"SHA-256", "MD5"});
   options.nonce_uses = 1;
-  options.challenge_with_407 = false;
   Service service(options);
-  const Client client(service.registrar.port());
-  const std::string challenge = client.Ask(Request(client, 1, kContact));
+  const std::string challenge = service.Register(1, kPhone, 401);
   EXPECT_LT(challenge.find("SHA-256"), challenge.find("MD5"));
-  Login elsewhere;
-  elsewhere.uri = "sip:example.org";
-  std::string answer = client.Ask(Request(client, 2, kContact + elsewhere.Header(challenge)));
-  EXPECT_TRUE(Status(answer) == 401 && !Has(answer, "stale")) << answer;
-  Login old_form;
-  old_form.nc.clear();
-  EXPECT_EQ(Status(client.Ask(Request(client, 3, kContact + old_form.Header(challenge)))), 401);
+  service.Register(2, Login{.uri = "sip:example.org"}.Lines(challenge), 401, {"!stale"});
+  service.Register(3, Login{.nc = ""}.Lines(challenge), 401);
+  service.Register(4, Login{}.Lines(challenge), 200);
+  service.Register(5, Login{.nc = "00000002"}.Lines(challenge), 401, {"stale=true"});
+  service.Register(6, Login{}.Lines("nonce=\"made-up\""), 401, {"stale=true"});
 
-  Login login;
-  EXPECT_EQ(Status(client.Ask(Request(client, 4, kContact + login.Header(challenge)))), 200);
-  login.nc = "00000002";
-  answer = client.Ask(Request(client, 5, kContact + login.Header(challenge)));
-  EXPECT_TRUE(Status(answer) == 401 && Has(answer, "stale=true")) << answer;
-  answer = client.Ask(Request(client, 6, kContact + Login{}.Header("nonce=\"made-up\"")));
-  EXPECT_TRUE(Status(answer) == 401 && Has(answer, "stale=true")) << answer;
-
-  registrar::Options bare = Guarded({"MD5"});
-  bare.qop.clear();
-  bare.challenge_with_407 = true;
-  Service plain(bare);
-  const Client guest(plain.registrar.port());
-  const std::string proxy = guest.Ask(Request(guest, 1, kContact));
-  EXPECT_TRUE(Status(proxy) == 407 && Has(proxy, "Proxy-Authenticate: ") && !Has(proxy, "qop"));
-  EXPECT_EQ(Status(guest.Ask(
-                Request(guest, 2, std::string(kContact) + "Proxy-" + old_form.Header(proxy)))),
-            200);
+  options = Guarded({"MD5"});
+  options.qop.clear();
+  options.challenge_with_407 = true;
+  Service plain(options);
+  const std::string proxy = plain.Register(1, kPhone, 407, {"Proxy-Authenticate: ", "!qop"});
+  plain.Register(2, "Proxy-" + Login{.nc = ""}.Lines(proxy), 200);
 }
 
 TEST(RegistrarTest, ListensOnLoopbackOnlyAndComesBackOnItsPort) {
-  std::string error;
-  for (const char* address : {"0.0.0.0", "::", "192.0.2.1", "localhost", ""}) {
-    registrar::Options options;
-    options.address = address;
-    registrar::Registrar far(options);
-    EXPECT_FALSE(far.Start(error)) << address;
-    EXPECT_TRUE(Has(error, "loopback")) << error;
+  const auto expect_refusal = [](const std::string& why, const Options& options) {
+    std::string error;
+    EXPECT_FALSE(registrar::Registrar(options).Start(error)) << why;
+    EXPECT_TRUE(Has(error, why)) << error;
+  };
+  Options options;
+  for (const char* far : {"0.0.0.0", "::", "192.0.2.1", "localhost", ""}) {
+    options.address = far;
+    expect_refusal("loopback", options);
   }
+  expect_refusal("SHA-1", Guarded({"SHA-1"}));
   Service service;
-  registrar::Options same;
-  same.port = service.registrar.port();
-  registrar::Registrar second(same);
-  EXPECT_FALSE(second.Start(error));
-  EXPECT_TRUE(Has(error, "choose another port")) << error;
-
-  const Client client(service.registrar.port());
-  EXPECT_EQ(Status(client.Ask(Request(client, 1, kContact))), 200);
+  options = {};
+  options.port = service.registrar.port();
+  expect_refusal("another port", options);
+  service.Register(1, kPhone, 200);
   service.registrar.Stop();
-  ASSERT_TRUE(service.registrar.Start(error)) << error;
-  EXPECT_TRUE(Has(client.Ask(Request(client, 2, "")), ":7001>"));
-  registrar::Registrar odd(Guarded({"SHA-1"}));
-  EXPECT_FALSE(odd.Start(error));
-  EXPECT_TRUE(Has(error, "SHA-1")) << error;
+  service.Start();
+  service.Register(2, "", 200, {":7001>"});
 }
 
 }  // namespace

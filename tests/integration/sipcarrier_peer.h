@@ -10,8 +10,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,6 +23,7 @@
 namespace sip_test {
 
 using namespace std::chrono_literals;
+using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 using Kind = sipcarrier::Outcome::Kind;
 
@@ -48,150 +48,57 @@ inline std::string ResponseTo(std::string_view request, const std::string& statu
 inline std::string Replaced(std::string text, std::string_view from, std::string_view to) {
   const auto at = text.find(from);
   EXPECT_NE(at, std::string::npos) << from;
-  if (at != std::string::npos) text.replace(at, from.size(), to);
-  return text;
+  return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
+// A socket on 127.0.0.1 or ::1. It sends to `target`, or to where the last datagram came from.
 class Peer {
  public:
-  explicit Peer(int family = AF_INET) : fd_(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    int size = 8 << 20;
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_addr = in6addr_loopback;
-    bound_ = family == AF_INET ? ::bind(fd_, reinterpret_cast<sockaddr*>(&v4), sizeof v4) == 0
-                               : ::bind(fd_, reinterpret_cast<sockaddr*>(&v6), sizeof v6) == 0;
-    sockaddr_in6 name{};
-    socklen_t length = sizeof name;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&name), &length);
-    port_ = ntohs(name.sin6_port);
+  explicit Peer(int family = AF_INET, int target = 0)
+      : fd_(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const int room = 8 << 20;
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    if (family == AF_INET) other_.v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (family == AF_INET6) other_.v6.sin6_addr = in6addr_loopback;
+    other_.any.sa_family = static_cast<sa_family_t>(family);
+    ::bind(fd_, &other_.any, size_);
+    ::getsockname(fd_, &other_.any, &size_);
+    port_ = ntohs(other_.v4.sin_port);
+    other_.v4.sin_port = htons(static_cast<std::uint16_t>(target));
   }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
   ~Peer() { ::close(fd_); }
 
-  [[nodiscard]] bool bound() const { return bound_; }
-  [[nodiscard]] int port() const { return port_; }
+  [[nodiscard]] int port() const { return port_; }  // 0: the machine lacks the family
 
   // Empty when nothing came in time.
-  std::string Receive(std::chrono::milliseconds wait = 3s) {
+  std::string Receive(milliseconds wait = 10s) {
     pollfd ready{fd_, POLLIN, 0};
     if (::poll(&ready, 1, static_cast<int>(wait.count())) <= 0) return {};
-    sender_size_ = sizeof sender_;
-    const auto size = ::recvfrom(fd_, buffer_.data(), buffer_.size(), 0,
-                                 reinterpret_cast<sockaddr*>(&sender_), &sender_size_);
-    return size < 0 ? std::string() : std::string(buffer_.data(), static_cast<std::size_t>(size));
+    size_ = sizeof other_;
+    std::string text(65536, '\0');
+    const auto size = ::recvfrom(fd_, text.data(), text.size(), 0, &other_.any, &size_);
+    text.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return text;
   }
-  // To where the last datagram came from.
   void Send(std::string_view text) {
-    ::sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&sender_), sender_size_);
+    ::sendto(fd_, text.data(), text.size(), 0, &other_.any, size_);
   }
 
  private:
   int fd_;
-  bool bound_ = false;
   int port_ = 0;
-  std::vector<char> buffer_ = std::vector<char>(65536);
-  sockaddr_storage sender_{};
-  socklen_t sender_size_ = 0;
+  union {
+    sockaddr_in6 v6;
+    sockaddr_in v4;  // its port is where that of v6 is
+    sockaddr any;
+  } other_{};
+  socklen_t size_ = sizeof other_;
 };
-
-// A peer that gives every request this answer, in a thread of its own.
-class AnsweringPeer {
- public:
-  explicit AnsweringPeer(std::string status)
-      : status_(std::move(status)), thread_([this] {
-          while (!ending_) {
-            const std::string request = peer_.Receive(20ms);
-            if (!request.empty()) peer_.Send(ResponseTo(request, status_));
-          }
-        }) {}
-  AnsweringPeer(const AnsweringPeer&) = delete;
-  AnsweringPeer& operator=(const AnsweringPeer&) = delete;
-  ~AnsweringPeer() {
-    ending_ = true;
-    thread_.join();
-  }
-  [[nodiscard]] int port() const { return peer_.port(); }
-
- private:
-  std::string status_;
-  Peer peer_;
-  std::atomic<bool> ending_{false};
-  std::thread thread_;
-};
-
-// What became of one request; shared with its `done`.
-class Result {
- public:
-  void Set(sipcarrier::Outcome outcome) {
-    const std::lock_guard lock(mutex_);
-    ++calls_;
-    outcome_ = std::move(outcome);
-    at_ = Clock::now();
-    changed_.notify_all();
-  }
-  // Whether the outcome came in time, and once.
-  bool Wait(std::chrono::milliseconds limit = 5s) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [this] { return calls_ > 0; }) && calls_ == 1;
-  }
-  [[nodiscard]] int calls() {
-    const std::lock_guard lock(mutex_);
-    return calls_;
-  }
-  // Once it has come.
-  [[nodiscard]] Kind kind() const { return outcome_.kind; }
-  [[nodiscard]] int status() const {
-    return outcome_.response == nullptr ? 0 : outcome_.response->status_code;
-  }
-  [[nodiscard]] const std::string& reason() const { return outcome_.reason; }
-  [[nodiscard]] Clock::time_point at() const { return at_; }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int calls_ = 0;
-  sipcarrier::Outcome outcome_;
-  Clock::time_point at_;
-};
-
-inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri) {
-  auto request = std::make_unique<nsip_message>();
-  request->sip_method = request->cseq_method = "REGISTER";
-  request->req_uri = std::make_unique<nsip_uri>();
-  EXPECT_TRUE(nsip_uri_parse(uri, *request->req_uri)) << uri;
-  request->from = std::make_unique<nsip_from>();
-  request->to = std::make_unique<nsip_to>();
-  EXPECT_TRUE(nsip_from_parse("<sip:alice@example.com>;tag=1", *request->from));
-  EXPECT_TRUE(nsip_from_parse("<sip:alice@example.com>", *request->to));
-  request->call_id = "call@example.com";
-  request->cseq_number = 7;
-  request->max_forwards = 70;
-  return request;
-}
-
-inline std::shared_ptr<Result> Send(std::unique_ptr<nsip_message> request,
-                                    const sipcarrier::PrepareFn& prepare = nullptr) {
-  auto result = std::make_shared<Result>();
-  auto held = std::make_shared<std::unique_ptr<nsip_message>>(std::move(request));
-  EXPECT_TRUE(sipcarrier::RunOnIoThread([held, prepare, result] {
-    sipcarrier::SendRequest(std::move(*held), prepare, [result](sipcarrier::Outcome outcome) {
-      result->Set(std::move(outcome));
-    });
-    EXPECT_EQ(result->calls(), 0) << "done ran inside SendRequest";
-  }));
-  return result;
-}
-
-inline std::shared_ptr<Result> Send(const std::string& uri) { return Send(MakeRequest(uri)); }
 
 template <class Condition>
-bool Eventually(Condition condition, std::chrono::milliseconds limit = 3s) {
+bool Eventually(Condition condition, milliseconds limit = 20s) {
   const auto end = Clock::now() + limit;
   while (!condition()) {
     if (Clock::now() > end) return false;
@@ -200,15 +107,119 @@ bool Eventually(Condition condition, std::chrono::milliseconds limit = 3s) {
   return true;
 }
 
+// What became of one request; shared with its `done`.
+struct Result {
+  void Set(sipcarrier::Outcome given) {
+    outcome = std::move(given);
+    ++calls;
+  }
+  // Whether the outcome came in time, and once.
+  bool Wait() {
+    return Eventually([this] { return calls > 0; }) && calls == 1;
+  }
+  [[nodiscard]] int status() const {
+    return outcome.response == nullptr ? 0 : outcome.response->status_code;
+  }
+  std::atomic<int> calls{0};
+  sipcarrier::Outcome outcome;  // once it has come
+};
+using ResultPtr = std::shared_ptr<Result>;
+
+inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri) {
+  std::string why;
+  auto request = nsip_message_parse(
+      "REGISTER " + uri +
+          " SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:alice@example.com>;tag=1\r\n"
+          "To: <sip:alice@example.com>\r\nCall-ID: call@example.com\r\nCSeq: 7 REGISTER\r\n"
+          "Max-Forwards: 70\r\n\r\n",
+      why);
+  EXPECT_TRUE(request) << uri << " " << why;
+  request->vias.clear();
+  return request;
+}
+
+// On the I/O thread; `then` runs there behind the outcome.
+inline void Ask(const ResultPtr& result, std::unique_ptr<nsip_message> request,
+                const sipcarrier::PrepareFn& prepare, const std::function<void()>& then) {
+  sipcarrier::SendRequest(std::move(request), prepare, [=](sipcarrier::Outcome outcome) {
+    result->Set(std::move(outcome));
+    if (then) then();
+  });
+  EXPECT_EQ(result->calls, 0) << "done ran inside SendRequest";
+}
+inline ResultPtr Send(std::unique_ptr<nsip_message> request,
+                      const sipcarrier::PrepareFn& prepare = nullptr,
+                      const std::function<void()>& then = nullptr) {
+  auto result = std::make_shared<Result>();
+  auto held = std::make_shared<std::unique_ptr<nsip_message>>(std::move(request));
+  EXPECT_TRUE(sipcarrier::RunOnIoThread([=] { Ask(result, std::move(*held), prepare, then); }));
+  return result;
+}
+inline ResultPtr Send(const std::string& uri) { return Send(MakeRequest(uri)); }
+
+// Answers all that comes until this request has its outcome; the last one that came.
+inline std::string Answer(Peer& peer, const ResultPtr& result) {
+  std::string last;
+  for (const auto end = Clock::now() + 60s; result->calls == 0 && Clock::now() < end;) {
+    const std::string request = peer.Receive(5ms);
+    if (!request.empty()) peer.Send(ResponseTo(last = request, "200 OK"));
+  }
+  return last;
+}
+inline std::string Complete(Peer& peer, const ResultPtr& result) {
+  const std::string request = Answer(peer, result);
+  EXPECT_EQ(result->calls, 1);
+  EXPECT_EQ(result->status(), 200) << result->outcome.reason;
+  return request;
+}
+
+// Notes "EVENT #ENTRY STATUS FIRST-CONTACT" of each event, once `action` has run in the call.
+class Handler : public ISipStackEvent {
+ public:
+  using Action = std::function<void(const SipStackEvent&)>;
+  explicit Handler(Action action = nullptr) : action_(std::move(action)) {}
+  int OnStackEvent(SipStackEvent* event) override {
+    if (action_) action_(*event);
+    std::string text = std::to_string(event->nEventId) + " #" + std::to_string(event->nStackId);
+    if (const nsip_message* message = event->pMessage) {
+      text += " " + std::to_string(message->status_code);
+      if (!message->contacts.empty()) text += " " + nsip_from_text(*message->contacts.front());
+    }
+    const std::lock_guard lock(mutex_);
+    seen_.push_back(text);
+    return 0;
+  }
+  std::string GetServiceName() override { return "test"; }
+  std::vector<std::string> seen() {
+    const std::lock_guard lock(mutex_);
+    return seen_;
+  }
+  // The first that has not been asked for yet; empty when there is none in time.
+  std::string Next(milliseconds wait = 20s) {
+    return Eventually([this] { return seen().size() > taken_; }, wait) ? seen()[taken_++] : "";
+  }
+
+ private:
+  Action action_;
+  std::mutex mutex_;
+  std::vector<std::string> seen_;
+  std::size_t taken_ = 0;
+};
+
 class StackTest : public testing::Test {
  protected:
-  // T1 20 ms makes timer F 1.28 s.
-  static sipcarrier::Config Quick() {
+  // Timer F is 64 T1: at 100 ms a busy machine answers before it.
+  sipcarrier::Config Quick(milliseconds t1 = 100ms) {
     sipcarrier::Config config;
     config.local_address = "127.0.0.1";
-    config.t1 = 20ms;
-    config.t2 = 80ms;
+    config.t1 = t1;
+    config.t2 = 4 * t1;
     config.t4 = 60ms;
+    config.trace = [this](const sipcarrier::TraceRecord& record) {
+      const std::lock_guard lock(mutex_);
+      shown_[record.sent].push_back(
+          {Clock::now(), std::string(record.text), record.local, record.remote});
+    };
     return config;
   }
   static void StartWith(const sipcarrier::Config& config) {
@@ -220,6 +231,20 @@ class StackTest : public testing::Test {
   static std::string UriOf(const Peer& peer) {
     return "sip:127.0.0.1:" + std::to_string(peer.port());
   }
+
+  struct Shown {
+    Clock::time_point at;
+    std::string text, local, remote;
+  };
+  // What the trace has shown.
+  [[nodiscard]] std::vector<Shown> Trace(bool sent) {
+    const std::lock_guard lock(mutex_);
+    return shown_[sent];
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<Shown> shown_[2];
 };
 
 }  // namespace sip_test
