@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <array>
 #include <thread>
 
 #include "failing_new.h"
@@ -5,42 +7,28 @@
 
 namespace {
 
-class Memory : public KdTest {
- protected:
-  // One thread's whole life with so many allocations; how many of the calls have worked.
-  int Live(long limit) {
-    int done = 0;
-    const auto touch = [](const KDEvent* event) { ++*static_cast<int*>(event->userptr); };
+using Memory = KdTest;
+
+TEST_F(Memory, EveryAllocationOfAThreadMayFailAndNothingLeaks) {
+  const auto touch = [](const KDEvent* event) { ++*static_cast<int*>(event->userptr); };
+  long alive = 0;
+  long limit = -1;  // the round without a limit makes what is made once in the process
+  for (bool worked = false; limit <= 0 || (!worked && limit < 100); ++limit) {
     std::thread([&] {
       failing_new::Limit(limit);
-      done += kdThreadSelf() != nullptr ? 1 : 0;
-      done += kdInstallCallback(touch, KD_EVENT_USER, &a) == 0 ? 1 : 0;
-      done += kdSetTimer(1, KD_TIMER_PERIODIC_AVERAGE, &b) != nullptr ? 1 : 0;
-      if (KDEvent* event = kdCreateEvent(); event != nullptr) {
-        event->userptr = &done;
-        done += kdPostThreadEvent(event, kdThreadSelf()) == 0 ? 1 : 0;
-      }
-      kdPumpEvents();
+      const std::array calls = {kdThreadSelf() != nullptr, kdInstallCallback(touch, kOne, &a) == 0,
+                                kdSetTimer(1, KD_TIMER_PERIODIC_AVERAGE, &b) != nullptr,
+                                Post(kTwo, &limit) == 0, kdPumpEvents() == 0};
       failing_new::Limit(-1);
+      worked = std::ranges::count(calls, false) == 0;
       // With memory again everything works, on what the failures have left.
-      EXPECT_EQ(kdInstallCallback(touch, KD_EVENT_USER, &a), 0);
-      EXPECT_EQ(Post(KD_EVENT_USER, &a), 0);
-      kdPumpEvents();
+      EXPECT_EQ(kdInstallCallback(touch, kOne, &a) + Post(kOne, &a) + kdPumpEvents(), 0);
     }).join();
-    return done;
-  }
-};
-
-TEST_F(Memory, EveryAllocationMayFailAndNothingLeaks) {
-  ASSERT_EQ(Live(-1), 4);  // makes what is made once in the process
-  const long alive = failing_new::Alive();
-  long limit = 0;
-  for (int done = 0; done < 4 && limit < 100; ++limit) {
-    done = Live(limit);
-    EXPECT_EQ(failing_new::Alive(), alive) << "with " << limit << " allocations";
     EXPECT_EQ(a, limit + 2);
+    if (limit < 0) alive = failing_new::Alive();
+    EXPECT_EQ(failing_new::Alive(), alive) << "with " << limit << " allocations";
   }
-  EXPECT_GT(limit, 8) << "hardly an allocation failed";
+  EXPECT_TRUE(limit > 8 && limit < 100) << limit;
 }
 
 }  // namespace

@@ -20,8 +20,7 @@ class KdTest : public testing::Test {
   }
   static KDint Post(KDint type, void* userptr, KDThread* thread = kdThreadSelf()) {
     KDEvent* event = kdCreateEvent();
-    event->type = type;
-    event->userptr = userptr;
+    if (event != nullptr) *event = KDEvent{0, type, userptr};
     return kdPostThreadEvent(event, thread);
   }
   static void Record(const KDEvent* event) { delivered.push_back(*event); }

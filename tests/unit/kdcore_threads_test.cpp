@@ -1,10 +1,8 @@
-// Several threads, on the system's clock; the deadlines are those of a test that hangs.
+// Several threads, on the system's clock. A wait that is not ended runs into the test's time limit.
 #include <sys/resource.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -13,35 +11,25 @@
 
 namespace {
 
-using std::chrono::seconds;
-using std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
 class Threads : public KdTest {
  protected:
   // A thread that prepares and then runs its loop until it is stopped.
-  class Looper {
-   public:
-    explicit Looper(const std::function<void()>& prepare) {
-      std::promise<KDThread*> ready;
-      thread_ = std::thread([&ready, prepare] {
-        prepare();
-        ready.set_value(kdThreadSelf());
-        const auto end = steady_clock::now() + seconds(20);
-        for (const KDEvent* event = nullptr; event == nullptr || event->type != kTwo;) {
-          event = kdWaitEvent(30 * kSecond);
-        }
-        EXPECT_LT(steady_clock::now(), end) << "a post did not end the wait";
-      });
-      handle = ready.get_future().get();
-    }
+  struct Looper {
+    explicit Looper(auto prepare)
+        : thread([this, prepare] {
+            prepare();
+            ready.set_value(kdThreadSelf());
+            while (kdWaitEvent(-1)->type != kTwo) continue;
+          }) {}
     ~Looper() {
       EXPECT_EQ(Post(kTwo, nullptr, handle), 0);
-      thread_.join();
+      thread.join();
     }
-    KDThread* handle;
-
-   private:
-    std::thread thread_;
+    std::promise<KDThread*> ready;
+    std::thread thread;
+    KDThread* handle = ready.get_future().get();
   };
 };
 
@@ -51,47 +39,46 @@ TEST_F(Threads, AnEndedThreadTakesNothingAndItsHandleIsNotReused) {
   for (int round = 0; round < 20; ++round) {
     std::promise<KDThread*> started;
     std::thread ends([&] {
-      started.set_value(kdThreadSelf());
-      EXPECT_EQ(Post(kOne, &a), 0);  // freed with the thread
-      EXPECT_NE(kdSetTimer(1, KD_TIMER_PERIODIC_AVERAGE, &a), nullptr);
       EXPECT_EQ(kdCancelTimer(mine), -1);
+      EXPECT_NE(kdSetTimer(1, KD_TIMER_PERIODIC_AVERAGE, &a), nullptr);
+      EXPECT_EQ(Post(kOne, &a), 0);  // freed with the thread
+      started.set_value(kdThreadSelf());
     });
     KDThread* handle = started.get_future().get();
-    EXPECT_NE(handle, last);
+    EXPECT_NE(handle, std::exchange(last, handle));
     while (Post(kOne, &a, handle) == 0) std::this_thread::yield();  // it ends meanwhile
     EXPECT_EQ(kdGetError(), KD_ESRCH);
-    EXPECT_EQ(kdThreadEnded(handle), 1);
-    EXPECT_EQ(kdForgetUserPtr(handle, &a), 0);
+    EXPECT_TRUE(kdThreadEnded(handle) == 1 && kdForgetUserPtr(handle, &a) == 0);
     ends.join();
-    last = handle;
   }
-  EXPECT_EQ(kdThreadEnded(kdThreadSelf()), 0);
-  EXPECT_EQ(kdCancelTimer(mine), 0);
+  EXPECT_TRUE(kdThreadEnded(kdThreadSelf()) == 0 && kdCancelTimer(mine) == 0);
 }
 
-TEST_F(Threads, AWaitKeepsItsLimitAndServesTimersMeanwhile) {
-  kdInstallCallback(Record, KD_EVENT_TIMER_FIRED, &a);
-  kdSetTimer(kSecond / 20, KD_TIMER_PERIODIC_AVERAGE, &a);
-  const auto begin = steady_clock::now();
-  EXPECT_EQ(kdWaitEvent(kSecond / 4), nullptr);
-  const auto took = steady_clock::now() - begin;
-  EXPECT_TRUE(took >= std::chrono::milliseconds(245) && took < seconds(2));
-  EXPECT_TRUE(!delivered.empty() && delivered.size() * std::chrono::milliseconds(50) <= took);
-  kdSetTimer(kSecond / 50, KD_TIMER_ONESHOT, &b);
-  EXPECT_EQ(kdWaitEvent(-1)->userptr, &b);  // without a limit: the timer ends it
-}
-
-TEST_F(Threads, WithoutDescriptorsAWaitStillEndsInTime) {
-  std::thread([&] {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none{0, limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    EXPECT_EQ(kdWaitEvent(kSecond / 20), nullptr);
-    kdSetTimer(kSecond / 20, KD_TIMER_ONESHOT, &a);
-    EXPECT_EQ(kdWaitEvent(-1)->userptr, &a);
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }).join();
+TEST_F(Threads, WaitsKeepTheirLimitAndServeTimersAndPostsAlsoWithoutDescriptors) {
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  for (const rlim_t descriptors : {usual.rlim_cur, rlim_t{0}}) {
+    const rlimit limit{descriptors, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::thread([&] {
+      kdInstallCallback(Record, KD_EVENT_TIMER_FIRED, &a);
+      kdSetTimer(kSecond / 20, KD_TIMER_PERIODIC_AVERAGE, &a);
+      const auto begin = std::chrono::steady_clock::now();
+      EXPECT_EQ(kdWaitEvent(kSecond / 4), nullptr);
+      const auto took = std::chrono::steady_clock::now() - begin;
+      EXPECT_TRUE(took >= 245ms && !delivered.empty() && delivered.size() * 50ms <= took);
+      kdForgetUserPtr(kdThreadSelf(), &a);
+      std::thread poster([self = kdThreadSelf()] {
+        std::this_thread::sleep_for(20ms);
+        Post(kOne, nullptr, self);
+      });
+      EXPECT_EQ(kdWaitEvent(-1)->type, kOne);
+      poster.join();
+      kdSetTimer(kSecond / 50, KD_TIMER_ONESHOT, &b);
+      EXPECT_EQ(kdWaitEvent(-1)->userptr, &b);
+    }).join();
+  }
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
 }
 
 TEST_F(Threads, TakingBackIsRefusedWhileACallbackRunsElsewhere) {
@@ -105,8 +92,7 @@ TEST_F(Threads, TakingBackIsRefusedWhileACallbackRunsElsewhere) {
   const Looper loop([stay] { kdInstallCallback(stay, kOne, nullptr); });
   Post(kOne, &a, loop.handle);
   entered.get_future().wait();
-  Post(kOne, &a, loop.handle);  // would break the promise if it were delivered
-  Post(kOne, &b, loop.handle);
+  for (int* user : {&a, &b}) Post(kOne, user, loop.handle);  // would break the promise
   EXPECT_EQ(kdForgetUserPtr(loop.handle, &a), -1);
   EXPECT_EQ(kdGetError(), KD_EBUSY);
   EXPECT_EQ(kdForgetUserPtr(loop.handle, &b), 0) << "another user pointer is no reason";
@@ -118,26 +104,20 @@ TEST_F(Threads, TakingBackIsRefusedWhileACallbackRunsElsewhere) {
 // sanitizers watch that nothing is touched afterwards.
 TEST_F(Threads, PostersKeepTheirOrderBesideTakingBack) {
   constexpr int kEach = 5000;
-  struct Poster {
-    std::atomic<int> seen{0};
-    bool in_order = true;
-    std::thread thread;
-  };
   const auto count = [](const KDEvent* event) {
-    auto* poster = static_cast<Poster*>(event->userptr);
-    kdCancelTimer(kdSetTimer(1000, KD_TIMER_PERIODIC_AVERAGE, poster));
-    if (event->type != kTwo + 1 + poster->seen) poster->in_order = false;
-    ++poster->seen;
+    kdCancelTimer(kdSetTimer(1000, KD_TIMER_PERIODIC_AVERAGE, event->userptr));
+    EXPECT_EQ(event->type, kTwo + ++*static_cast<std::atomic<int>*>(event->userptr));
   };
   const auto touch = [](const KDEvent* event) { ++*static_cast<int*>(event->userptr); };
-  std::array<Poster, 3> posters;
+  std::atomic<int> seen[3] = {};
+  std::vector<std::thread> posters;
   const Looper loop([=] {
     for (int n = 1; n <= kEach; ++n) kdInstallCallback(count, kTwo + n, nullptr);
     kdInstallCallback(touch, kOne, nullptr);
   });
-  for (Poster& poster : posters) {
-    poster.thread = std::thread([&poster, &loop] {
-      for (int n = 1; n <= kEach; ++n) ASSERT_EQ(Post(kTwo + n, &poster, loop.handle), 0);
+  for (std::atomic<int>& mine : seen) {
+    posters.emplace_back([&mine, &loop] {
+      for (int n = 1; n <= kEach; ++n) ASSERT_EQ(Post(kTwo + n, &mine, loop.handle), 0);
     });
   }
   for (int i = 0; i < kEach; ++i) {
@@ -145,11 +125,8 @@ TEST_F(Threads, PostersKeepTheirOrderBesideTakingBack) {
     for (int n = 0; n < 3; ++n) Post(kOne, counter.get(), loop.handle);
     while (kdForgetUserPtr(loop.handle, counter.get()) != 0) std::this_thread::yield();
   }
-  for (Poster& poster : posters) {
-    poster.thread.join();
-    while (poster.seen < kEach) std::this_thread::yield();
-    EXPECT_TRUE(poster.in_order);
-  }
+  for (std::thread& poster : posters) poster.join();
+  while (seen[0] + seen[1] + seen[2] < 3 * kEach) std::this_thread::yield();
 }
 
 }  // namespace
