@@ -68,6 +68,7 @@ TEST_F(LogTest, RecordsByteForByte) {
   log->PrintAt(0, "G", "dir/", 4, "a file without a name");
   log->SetLocation("H", "c.cpp", 5, E_LOG_INFO);
   log->TraceAt("I", "d.cpp", 6, 1);
+  log->TraceAt("", "d.cpp", 6, 0);
   log->TraceAt(nullptr, "d.cpp", 6, 0);
   log->Trace(0);
   EXPECT_EQ(Body("sub/Tolvane.log"),

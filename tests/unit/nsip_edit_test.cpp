@@ -88,6 +88,7 @@ TEST(NsipMessage, HeaderByName) {
   EXPECT_EQ(nsip_message_header_get_byname(&msg, "Warning", 3, &header), -1);
   EXPECT_EQ(header, nullptr);
   EXPECT_EQ(nsip_message_header_get_byname(&msg, "Warn", 0, nullptr), -1);
+  EXPECT_EQ(nsip_message_header_get_byname(nullptr, "Warning", 0, &header), -1);
 }
 
 // Each entry as written: "-" for one that cannot be read.
