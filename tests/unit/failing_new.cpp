@@ -12,17 +12,14 @@ std::atomic<long> g_alive{0};
 
 void* Allocate(std::size_t size) noexcept {
   if (t_left == 0) return nullptr;
-  void* memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) return nullptr;
   if (t_left > 0) --t_left;
   ++t_count;
-  g_alive.fetch_add(1, std::memory_order_relaxed);
-  return memory;
+  ++g_alive;
+  return std::malloc(size == 0 ? 1 : size);
 }
 
 void Free(void* memory) noexcept {
-  if (memory == nullptr) return;
-  g_alive.fetch_sub(1, std::memory_order_relaxed);
+  if (memory != nullptr) --g_alive;
   std::free(memory);
 }
 
@@ -31,14 +28,13 @@ void Free(void* memory) noexcept {
 namespace failing_new {
 void Limit(long left) noexcept { t_left = left; }
 std::size_t Allocations() noexcept { return t_count; }
-long Alive() noexcept { return g_alive.load(std::memory_order_relaxed); }
+long Alive() noexcept { return g_alive; }
 }  // namespace failing_new
 
 // The array forms and the ones that do not throw end here too.
 void* operator new(std::size_t size) {
-  void* memory = Allocate(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
+  if (void* memory = Allocate(size)) return memory;
+  throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   return Allocate(size);

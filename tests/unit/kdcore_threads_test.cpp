@@ -13,25 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class Threads : public KdTest {
- protected:
-  // A thread that prepares and then runs its loop until it is stopped.
-  struct Looper {
-    explicit Looper(auto prepare)
-        : thread([this, prepare] {
-            prepare();
-            ready.set_value(kdThreadSelf());
-            while (kdWaitEvent(-1)->type != kTwo) continue;
-          }) {}
-    ~Looper() {
-      EXPECT_EQ(Post(kTwo, nullptr, handle), 0);
-      thread.join();
-    }
-    std::promise<KDThread*> ready;
-    std::thread thread;
-    KDThread* handle = ready.get_future().get();
-  };
-};
+using Threads = KdTest;
 
 TEST_F(Threads, AnEndedThreadTakesNothingAndItsHandleIsNotReused) {
   KDTimer* mine = kdSetTimer(3600 * kSecond, KD_TIMER_ONESHOT, &a);
@@ -82,22 +64,25 @@ TEST_F(Threads, WaitsKeepTheirLimitAndServeTimersAndPostsAlsoWithoutDescriptors)
 }
 
 TEST_F(Threads, TakingBackIsRefusedWhileACallbackRunsElsewhere) {
-  static std::promise<void> entered;
+  static std::promise<KDThread*> entered;
   static std::promise<void> leave;
-  const auto stay = [](const KDEvent*) {
-    entered.set_value();
-    leave.get_future().wait();
-  };
-  // Installed for all user pointers: what counts is the event's.
-  const Looper loop([stay] { kdInstallCallback(stay, kOne, nullptr); });
-  Post(kOne, &a, loop.handle);
-  entered.get_future().wait();
-  for (int* user : {&a, &b}) Post(kOne, user, loop.handle);  // would break the promise
-  EXPECT_EQ(kdForgetUserPtr(loop.handle, &a), -1);
+  std::thread other([&] {
+    const auto stay = [](const KDEvent*) {
+      entered.set_value(kdThreadSelf());
+      leave.get_future().wait();
+    };
+    kdInstallCallback(stay, kOne, nullptr);  // for all user pointers: what counts is the event's
+    Post(kOne, &a);
+    for (int pump = 0; pump < 2; ++pump) kdPumpEvents();
+  });
+  KDThread* handle = entered.get_future().get();
+  for (int* user : {&a, &b}) Post(kOne, user, handle);  // would break the promise
+  EXPECT_EQ(kdForgetUserPtr(handle, &a), -1);
   EXPECT_EQ(kdGetError(), KD_EBUSY);
-  EXPECT_EQ(kdForgetUserPtr(loop.handle, &b), 0) << "another user pointer is no reason";
+  EXPECT_EQ(kdForgetUserPtr(handle, &b), 0) << "another user pointer is no reason";
   leave.set_value();
-  while (kdForgetUserPtr(loop.handle, &a) != 0) std::this_thread::yield();
+  while (kdForgetUserPtr(handle, &a) != 0) std::this_thread::yield();
+  other.join();
 }
 
 // Posters that number their events, beside one that takes user pointers back and frees them: the
@@ -111,22 +96,28 @@ TEST_F(Threads, PostersKeepTheirOrderBesideTakingBack) {
   const auto touch = [](const KDEvent* event) { ++*static_cast<int*>(event->userptr); };
   std::atomic<int> seen[3] = {};
   std::vector<std::thread> posters;
-  const Looper loop([=] {
+  std::promise<KDThread*> ready;
+  std::thread loop([&] {
     for (int n = 1; n <= kEach; ++n) kdInstallCallback(count, kTwo + n, nullptr);
     kdInstallCallback(touch, kOne, nullptr);
+    ready.set_value(kdThreadSelf());
+    while (kdWaitEvent(-1)->type != kTwo) continue;
   });
+  KDThread* handle = ready.get_future().get();
   for (std::atomic<int>& mine : seen) {
-    posters.emplace_back([&mine, &loop] {
-      for (int n = 1; n <= kEach; ++n) ASSERT_EQ(Post(kTwo + n, &mine, loop.handle), 0);
+    posters.emplace_back([&mine, handle] {
+      for (int n = 1; n <= kEach; ++n) ASSERT_EQ(Post(kTwo + n, &mine, handle), 0);
     });
   }
   for (int i = 0; i < kEach; ++i) {
     const auto counter = std::make_unique<int>(0);
-    for (int n = 0; n < 3; ++n) Post(kOne, counter.get(), loop.handle);
-    while (kdForgetUserPtr(loop.handle, counter.get()) != 0) std::this_thread::yield();
+    for (int n = 0; n < 3; ++n) Post(kOne, counter.get(), handle);
+    while (kdForgetUserPtr(handle, counter.get()) != 0) std::this_thread::yield();
   }
   for (std::thread& poster : posters) poster.join();
   while (seen[0] + seen[1] + seen[2] < 3 * kEach) std::this_thread::yield();
+  Post(kTwo, nullptr, handle);
+  loop.join();
 }
 
 }  // namespace
