@@ -72,10 +72,10 @@ class MemoryTest : public StackTest {
       sipcarrier::SendRequest(std::unique_ptr<nsip_message>(raw), nullptr, std::move(done));
     }));
     const int events = events_;
-    Answer(peer_, result);
+    SCOPED_TRACE(std::to_string(first) + " to " + std::to_string(last));
+    Complete(peer_, result, true);
     Eventually([&] { return events_ > events; }, last > first ? 0ms : 20ms);
     g_armed = false;
-    EXPECT_EQ(result->calls, 1) << "failing from " << first << " to " << last;
     return g_count;
   }
 

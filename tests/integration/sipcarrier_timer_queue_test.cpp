@@ -4,6 +4,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include "Sipcarrier/timer_queue.h"
@@ -21,46 +22,36 @@ TEST(TimerQueue, FiresWhatIsDueInOrderWhateverIsMovedOrCancelled) {
   const auto below = [&](unsigned n) { return random() % n; };
   TimerQueue queue;
   Recorder recorder;
-  std::vector<std::unique_ptr<Timer>> timers;
-  for (int i = 0; i < 300; ++i) {
-    timers.push_back(std::make_unique<Timer>(recorder));
-    queue.Attach(*timers.back());
-  }
-  using Key = std::pair<Clock::time_point, std::uint64_t>;
-  std::set<std::pair<Key, Timer*>> model;
-  const auto forget = [&](Timer* timer) {
-    std::erase_if(model, [&](const auto& entry) { return entry.second == timer; });
-  };
-  std::uint64_t order = 0;
+  std::vector<std::unique_ptr<Timer>> timers(300);
+  std::set<std::tuple<Clock::time_point, int, Timer*>> model;
   Clock::time_point now{};
   for (int step = 0; step < 20000; ++step) {
     auto& slot = timers[below(300)];
     const unsigned choice = below(100);
-    if (choice < 60) {
-      const auto due = now + std::chrono::milliseconds(below(50));
-      forget(slot.get());
-      model.insert({{due, order++}, slot.get()});
-      queue.Set(*slot, due);
-    } else if (choice < 75) {
-      forget(slot.get());
-      queue.Cancel(*slot);
-    } else if (choice < 80) {
-      forget(slot.get());
-      slot = std::make_unique<Timer>(recorder);  // one that is destroyed while set
-      queue.Attach(*slot);
-    } else {
+    if (choice < 20) {
       now += std::chrono::milliseconds(below(4));
       recorder.fired.clear();
       queue.Run(now);
       std::vector<Timer*> expected;
-      while (!model.empty() && model.begin()->first.first <= now) {
-        expected.push_back(model.begin()->second);
-        model.erase(model.begin());
+      for (; !model.empty() && std::get<0>(*model.begin()) <= now; model.erase(model.begin())) {
+        expected.push_back(std::get<2>(*model.begin()));
       }
       ASSERT_EQ(recorder.fired, expected);
+    } else {
+      std::erase_if(model, [&](const auto& entry) { return std::get<2>(entry) == slot.get(); });
+      if (slot == nullptr || choice < 25) {
+        slot = std::make_unique<Timer>(recorder);  // one that is destroyed while set
+        queue.Attach(*slot);
+      } else if (choice < 40) {
+        queue.Cancel(*slot);
+      } else {
+        const auto due = now + std::chrono::milliseconds(below(50));
+        model.insert({due, step, slot.get()});
+        queue.Set(*slot, due);
+      }
     }
     ASSERT_EQ(queue.NextDue(),
-              model.empty() ? Clock::time_point::max() : model.begin()->first.first);
+              model.empty() ? Clock::time_point::max() : std::get<0>(*model.begin()));
   }
 }
 

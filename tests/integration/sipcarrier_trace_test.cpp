@@ -15,7 +15,8 @@ const Masking kRequests[] = {
     {"Authorization",
      R"(Digest username="alice", realm="r", nonce="n", uri="sip:e", response="0123abcd", cnonce="c0", nc=00000001)",
      R"(Digest username="alice", realm="r", nonce="n", uri="sip:e", response="***", cnonce="***", nc=00000001)"},
-    {"Proxy-Authorization", R"(digest RESPONSE = "a\"b",x=1,CNONCE=token)", R"(digest RESPONSE = "***",x=1,CNONCE=***)"},
+    {"Proxy-Authorization", R"(digest RESPONSE = "a\"b",x=1,CNONCE=token)",
+                            R"(digest RESPONSE = "***",x=1,CNONCE=***)"},
     // The words inside quotes and other names are no parameters.
     {"Authorization", R"(Digest realm="a, response=\"x\", y", xresponse="kept", response-x="kept",response="s")",
                       R"(Digest realm="a, response=\"x\", y", xresponse="kept", response-x="kept",response="***")"},
