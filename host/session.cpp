@@ -91,6 +91,8 @@ void Session::Loop() {
   }
 }
 
+void Session::EndIn(std::chrono::milliseconds time) { end_at_ = After(time); }
+
 void Session::DrainInbox() {
   InboxItem item;
   while (inbox_.Pop(item)) Handle(item);

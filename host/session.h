@@ -32,8 +32,8 @@ class Session {
 
   // The exit status of the program.
   [[nodiscard]] int Run();
-  // As the first SIGINT: deregister and end. May be called from the listener.
-  void RequestEnd() { end_requested_ = true; }
+  // As the end of --duration: deregister and end, so much later. May be called from the listener.
+  void EndIn(std::chrono::milliseconds time);
 
  private:
   enum class Phase { kRegistering, kRegistered, kLost, kEnding, kDone };
@@ -67,7 +67,7 @@ class Session {
   std::uint64_t timeouts_seen_ = 0;
   std::uint64_t received_at_end_ = 0;
   // On the clock of the KD timers; nothing: no such deadline.
-  std::optional<std::int64_t> end_at_;      // --duration is over
+  std::optional<std::int64_t> end_at_;      // --duration is over, or the listener has seen enough
   std::optional<std::int64_t> give_up_at_;  // the wait for the deregistration's answer
   std::optional<std::int64_t> patience_at_;
   std::optional<std::int64_t> again_at_;  // a lost registration is asked for again
