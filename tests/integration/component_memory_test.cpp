@@ -4,50 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
 
+#include "failing_new.h"
 #include "LiveComponent.h"
 #include "Register.h"
 #include "sivra/sivra.h"
 #include "VorelKDCore/VorelKDCore.h"
 #include "WirePeer.h"
-
-namespace {
-
-std::atomic<long> g_countdown{0};    // the allocation that fails; 0: none
-std::atomic<long> g_live{0};         // blocks allocated and not freed
-thread_local bool t_spared = false;  // the test's own memory never runs out
-
-void* Allocate(std::size_t size) noexcept {
-  if (!t_spared && g_countdown.load(std::memory_order_relaxed) > 0 && --g_countdown == 0)
-    return nullptr;
-  void* block = std::malloc(size == 0 ? 1 : size);
-  if (block != nullptr) ++g_live;
-  return block;
-}
-
-void Free(void* block) noexcept {
-  if (block != nullptr) --g_live;
-  std::free(block);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* block = Allocate(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void operator delete(void* block) noexcept { Free(block); }
-void operator delete[](void* block) noexcept { Free(block); }
-void operator delete(void* block, std::size_t) noexcept { Free(block); }
-void operator delete[](void* block, std::size_t) noexcept { Free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { Free(block); }
 
 namespace {
 
@@ -90,9 +53,10 @@ void Road(WirePeer& peer, Clock& clock, bool must_work) {
 }
 
 TEST(ComponentMemory, RunsOutAtEveryPlaceOfTheRoad) {
-  t_spared = true;
-  LiveComponent::on_call = [](bool inside) { t_spared = !inside; };
-  WirePeer::on_thread_start = [] { t_spared = true; };
+  failing_new::TakePartByDefault(true);
+  failing_new::TakePart(false);  // the test's own memory never runs out
+  LiveComponent::on_call = failing_new::TakePart;
+  WirePeer::on_thread_start = [] { failing_new::TakePart(false); };
   WirePeer peer;
   Clock clock;
   vorelkd::SetClock(&clock);
@@ -106,10 +70,9 @@ TEST(ComponentMemory, RunsOutAtEveryPlaceOfTheRoad) {
       Road(peer, clock, true);
       if (round == 1) {
         for (long n = 1;; ++n) {
-          g_countdown = n;
+          failing_new::Fail(n, n);
           Road(peer, clock, false);
-          const bool reached = g_countdown.exchange(0) <= 0;
-          if (!reached) break;
+          if (failing_new::Fail(0, 0) < n) break;
           allocations = n;
           if (n % 10 == 0) Road(peer, clock, true);
           if (testing::Test::HasFailure()) break;
@@ -119,11 +82,11 @@ TEST(ComponentMemory, RunsOutAtEveryPlaceOfTheRoad) {
     }
     EXPECT_EQ(CRegister::s_nAlive, 0);
     EXPECT_EQ(sivra::EntryCount(), 0u);
-    if (round == 0) live_at_first = g_live;
+    if (round == 0) live_at_first = failing_new::Alive();
   }
   vorelkd::SetClock(nullptr);
   EXPECT_GT(allocations, 200);
-  EXPECT_LE(g_live, live_at_first);
+  EXPECT_LE(failing_new::Alive(), live_at_first);
   std::printf("allocations on the road: %ld\n", allocations);
 }
 

@@ -7,4 +7,4 @@ tolvane_test(sipcarrier_test
                      ${PROJECT_SOURCE_DIR}/platform/Sipcarrier/timer_queue.cpp
              LIBS Sipcarrier)
 # A program of its own: it replaces operator new.
-tolvane_test(sipcarrier_memory_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/sipcarrier_memory_test.cpp LIBS Sipcarrier)
+tolvane_test(sipcarrier_memory_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/sipcarrier_memory_test.cpp ${FAILING_NEW} LIBS Sipcarrier)

@@ -32,15 +32,15 @@ TEST(ComponentCommands, InformationRecord) {
 }
 
 TEST(ComponentCommands, RegisterDocuments) {
-  const struct {
+  struct Case {
     const char* document;
     int result;
     const char* answer;  // $ for a new id
-  } cases[] = {
+  };
+  // clang-format off
+  const Case cases[] = {
       {"<reg><aor>sip:a@b</aor><registrar>sip:b</registrar></reg>", 0, "$"},
-      {"<reg>\n "
-       "<require/><registrar>sip:b</registrar>text<aor>sip:a@b</aor><expires>x</expires></reg>",
-       0, "$"},
+      {"<reg>\n <require/><registrar>sip:b</registrar>text<aor>sip:a@b</aor><expires>x</expires></reg>", 0, "$"},
       {"<reg><id>0</id><aor>sip:a@b</aor><registrar>sip:b</registrar></reg>", 0, "$"},
       {"<reg><id>-3</id><aor>sip:a@b</aor><registrar>sip:b</registrar></reg>", 0, "$"},
       {"<reg><id>abc</id><aor>sip:a@b</aor><registrar>sip:b</registrar></reg>", 0, "$"},
@@ -51,6 +51,7 @@ TEST(ComponentCommands, RegisterDocuments) {
       {"", -1, "<reg><ret>-1</ret></reg>"},
       {"<reg><id>9999</id><aor/></reg>", -1, ""},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.document);
     FrontDoor door;
@@ -67,28 +68,27 @@ TEST(ComponentCommands, RegisterDocuments) {
 }
 
 TEST(ComponentCommands, WhatTheRegisterCommandPutsOnTheWire) {
-  const struct {
+  struct Case {
     const char* children;
     const char* from;
     const char* registrar;
     const char* expires;
     const char* user_agent;
-  } cases[] = {
-      {"<aor>sip:alice@x</aor><registrar>y</registrar><displayname>Alice</displayname><expires>90</"
-       "expires>"
-       "<user-agent>Phone/1</user-agent>",
-       "Alice<sip:alice@x>", "sip:y", "90", "Phone/1"},
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"<aor>sip:alice@x</aor><registrar>y</registrar><displayname>Alice</displayname><expires>90</expires>"
+       "<user-agent>Phone/1</user-agent>", "Alice<sip:alice@x>", "sip:y", "90", "Phone/1"},
       {"<aor>alice@x</aor><registrar>sip:y</registrar>", "sip:alice@x", "sip:y", "", ""},
       {"<aor>sips:alice</aor><registrar>sip:y</registrar>", "sip:sips:alice", "sip:y", "", ""},
       {"<aor>tel:123</aor><registrar>sip:y</registrar>", "sip:tel:123", "sip:y", "", ""},
-      {"<aor>xsip:alice</aor><registrar>sip:y</registrar><contact-param>q</"
-       "contact-param><require>r</require>",
+      {"<aor>xsip:alice</aor><registrar>sip:y</registrar><contact-param>q</contact-param><require>r</require>",
        "xsip:alice", "sip:y", "", ""},
       // Nothing that would end a header line gets into one.
-      {"<aor>sip:a</aor><registrar>sip:y</registrar><user-agent>A&#13;&#10;X-Injected: "
-       "1</user-agent>",
+      {"<aor>sip:a</aor><registrar>sip:y</registrar><user-agent>A&#13;&#10;X-Injected: 1</user-agent>",
        "sip:a", "sip:y", "", ""},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.children);
     FrontDoor door;

@@ -6,13 +6,27 @@
 
 namespace {
 
+enum class Part { kDefault, kYes, kNo };
+
 thread_local long t_left = -1;
 thread_local std::size_t t_count = 0;
+thread_local Part t_part = Part::kDefault;
+std::atomic<bool> g_default_part{false};
+std::atomic<long> g_number{0};
+std::atomic<long> g_first{0};
+std::atomic<long> g_last{0};
 std::atomic<long> g_alive{0};
 
-void* Allocate(std::size_t size) noexcept {
-  if (t_left == 0) return nullptr;
+bool ShallFail() noexcept {
+  if (t_left == 0) return true;
   if (t_left > 0) --t_left;
+  if (t_part == Part::kNo || (t_part == Part::kDefault && !g_default_part)) return false;
+  const long number = ++g_number;
+  return number >= g_first && number <= g_last;
+}
+
+void* Allocate(std::size_t size) noexcept {
+  if (ShallFail()) return nullptr;
   ++t_count;
   ++g_alive;
   return std::malloc(size == 0 ? 1 : size);
@@ -29,6 +43,13 @@ namespace failing_new {
 void Limit(long left) noexcept { t_left = left; }
 std::size_t Allocations() noexcept { return t_count; }
 long Alive() noexcept { return g_alive; }
+long Fail(long first, long last) noexcept {
+  g_first = first;
+  g_last = last;
+  return g_number.exchange(0);
+}
+void TakePart(bool part) noexcept { t_part = part ? Part::kYes : Part::kNo; }
+void TakePartByDefault(bool part) noexcept { g_default_part = part; }
 }  // namespace failing_new
 
 // The array forms and the ones that do not throw end here too.
