@@ -15,12 +15,12 @@ FakeSip& FakeSip::Get() {
 
 int FakeSip::Answer(long stack_id, int status, const std::string& headers) {
   std::string why;
-  const std::unique_ptr<nsip_message> message = nsip_message_parse(
-      "SIP/2.0 " + std::to_string(status) +
-          " Reason\r\nVia: SIP/2.0/UDP 127.0.0.1:5060;branch=z9hG4bK1\r\nFrom: <sip:a@b>;tag=1\r\n"
-          "To: <sip:a@b>;tag=2\r\nCall-ID: 1\r\nCSeq: 1 REGISTER\r\n" +
-          headers + "Content-Length: 0\r\n\r\n",
-      why);
+  const std::unique_ptr<nsip_message> message =
+      nsip_message_parse("SIP/2.0 " + std::to_string(status) +
+                             " Reason\r\nVia: SIP/2.0/UDP 127.0.0.1:5060;branch=z9hG4bK1\r\nFrom: <sip:a@b>;tag=1\r\n"
+                             "To: <sip:a@b>;tag=2\r\nCall-ID: 1\r\nCSeq: 1 REGISTER\r\n" +
+                             headers + "Content-Length: 0\r\n\r\n",
+                         why);
   EXPECT_NE(message, nullptr) << why;
   SipStackEvent event{SIP_EVENT_REGISTER_RESPONSE, message.get(), 0, nullptr, stack_id};
   return handler->OnStackEvent(&event);
@@ -41,8 +41,7 @@ void sivra_lock() {
 }
 void sivra_unlock() { FakeSip::Get().locked = false; }
 
-long sivra_register_set_info(long id, const std::string& from, const std::string& to,
-                             const std::string& registrar) {
+long sivra_register_set_info(long id, const std::string& from, const std::string& to, const std::string& registrar) {
   FakeSip& sip = FakeSip::Get();
   EXPECT_TRUE(sip.locked);
   EXPECT_EQ(from, to);
@@ -75,8 +74,8 @@ int sivra_register_send_register(long id, nsip_message* msg) {
     nsip_message_header_get_byname(msg, name, 0, &found);
     return found != nullptr ? found->hvalue : std::string();
   };
-  sip.sent.push_back({id, static_cast<int>(msg->cseq_number), sip.entries.at(id),
-                      sip.registrars.at(id), header("Expires"), header("User-Agent")});
+  sip.sent.push_back({id, static_cast<int>(msg->cseq_number), sip.entries.at(id), sip.registrars.at(id),
+                      header("Expires"), header("User-Agent")});
   return 0;
 }
 

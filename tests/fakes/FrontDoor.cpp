@@ -32,8 +32,7 @@ Answer FrontDoor::Command(int id, const std::string& document) {
 int FrontDoor::Register(const std::string& children) {
   const Answer answer = Command(3, "<reg>" + children + "</reg>");
   const auto at = answer.document.find("<id>");
-  return answer.result == 0 && at != std::string::npos ? std::stoi(answer.document.substr(at + 4))
-                                                       : -1;
+  return answer.result == 0 && at != std::string::npos ? std::stoi(answer.document.substr(at + 4)) : -1;
 }
 
 Answer FrontDoor::Deregister(int id, const std::string& children) {

@@ -67,13 +67,10 @@ LiveComponent::~LiveComponent() {
 
 int LiveComponent::Register(const std::string& registrar, int expires, bool reregister) {
   CXML in;
-  in.SetDoc(
-      "<reg><aor>sip:alice@example.com</aor><registrar>" + registrar + "</registrar><expires>" +
-      std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>" +
-      (reregister
-           ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>"
-           : "") +
-      "</reg>");
+  in.SetDoc("<reg><aor>sip:alice@example.com</aor><registrar>" + registrar + "</registrar><expires>" +
+            std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>" +
+            (reregister ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>" : "") +
+            "</reg>");
   CXML out;
   if (Command(3, in, out) != 0) return -1;
   out.ResetPos();
@@ -84,8 +81,7 @@ int LiveComponent::Register(const std::string& registrar, int expires, bool rere
 
 int LiveComponent::Deregister(int id, bool no_send) {
   CXML in;
-  in.SetDoc("<reg><id>" + std::to_string(id) + "</id><nosend>" + (no_send ? "1" : "0") +
-            "</nosend></reg>");
+  in.SetDoc("<reg><id>" + std::to_string(id) + "</id><nosend>" + (no_send ? "1" : "0") + "</nosend></reg>");
   CXML out;
   return Command(4, in, out);
 }

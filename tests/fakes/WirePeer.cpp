@@ -16,8 +16,7 @@ namespace fakes {
 namespace {
 
 std::int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
       .count();
 }
 
@@ -77,8 +76,8 @@ void WirePeer::Run() {
     sockaddr_in from{};
     socklen_t from_size = sizeof from;
     for (;;) {
-      const ssize_t size = recvfrom(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                    reinterpret_cast<sockaddr*>(&from), &from_size);
+      const ssize_t size =
+          recvfrom(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &from_size);
       if (size <= 0) break;
       Take({buffer.data(), static_cast<std::size_t>(size)}, &from, from_size);
     }
@@ -124,11 +123,10 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
   const std::string_view from_line = Line(request, "From:");
   const std::string_view to_line = Line(request, "To:");
   const std::string_view cseq_line = Line(request, "CSeq:");
-  const int size = std::snprintf(
-      text.data(), text.size(),
-      "SIP/2.0 %s%.*s%.*s%.*s%.*s%.*sExpires: 2\r\nContent-Length: 0\r\n\r\n", status, part(via),
-      via.data(), part(from_line), from_line.data(), part(to_line), to_line.data(), part(call_id),
-      call_id.data(), part(cseq_line), cseq_line.data());
+  const int size =
+      std::snprintf(text.data(), text.size(), "SIP/2.0 %s%.*s%.*s%.*s%.*s%.*sExpires: 2\r\nContent-Length: 0\r\n\r\n",
+                    status, part(via), via.data(), part(from_line), from_line.data(), part(to_line), to_line.data(),
+                    part(call_id), call_id.data(), part(cseq_line), cseq_line.data());
   if (size <= 0 || size >= static_cast<int>(text.size())) std::abort();
   const std::string_view answer(text.data(), static_cast<std::size_t>(size));
   if (Percent() < manners_.late) {

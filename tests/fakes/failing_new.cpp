@@ -57,9 +57,7 @@ void* operator new(std::size_t size) {
   if (void* memory = Allocate(size)) return memory;
   throw std::bad_alloc();
 }
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return Allocate(size);
-}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept { return Allocate(size); }
 void operator delete(void* memory) noexcept { Free(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { Free(memory); }
 void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { Free(memory); }

@@ -29,8 +29,7 @@ void Walk(const std::string& text, int& budget) {
     xml.ResetPos();
     while (budget > 0 && xml.FindChildElem(name.c_str()) != 0) {
       const std::string child = xml.GetChildSubDoc();
-      Must(text.find(child) != std::string::npos && child.rfind("<" + name, 0) == 0,
-           "it is a part");
+      Must(text.find(child) != std::string::npos && child.rfind("<" + name, 0) == 0, "it is a part");
       Walk(child, budget);
     }
     if (xml.FindElem(name.c_str()) == 0) continue;

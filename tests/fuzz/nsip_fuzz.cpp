@@ -13,9 +13,7 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-std::string Address(const nsip_from& address) {
-  return address.displayname + '\n' + nsip_from_text(address) + '\n';
-}
+std::string Address(const nsip_from& address) { return address.displayname + '\n' + nsip_from_text(address) + '\n'; }
 
 // Everything that a message says, one fact a line; no header value holds a line end.
 std::string Meaning(nsip_message& msg) {

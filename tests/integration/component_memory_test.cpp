@@ -32,8 +32,7 @@ void Road(WirePeer& peer, Clock& clock, bool must_work) {
   const int gone = LiveComponent::heard[1];
   const int refreshes = peer.refreshes;
   const int id = LiveComponent::Register(peer.Uri(), 2);
-  const bool registered =
-      id > 0 && LiveComponent::PumpUntil([&] { return LiveComponent::succeeded > good; }, limit);
+  const bool registered = id > 0 && LiveComponent::PumpUntil([&] { return LiveComponent::succeeded > good; }, limit);
   bool refreshed = false;
   if (registered) {
     LiveComponent::PumpFor(0ms);

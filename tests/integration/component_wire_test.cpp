@@ -124,14 +124,12 @@ TEST(ComponentWire, GarbageDisturbsNobody) {
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  to.sin_port =
-      htons(static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1))));
+  to.sin_port = htons(static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1))));
   const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const std::string valid =
-      "SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP " + endpoint +
-      ";branch=z9hG4bKnobody\r\nFrom: <sip:a@b>;tag=1\r\n"
-      "To: <sip:a@b>;tag=2\r\nCall-ID: x\r\nCSeq: 1 REGISTER\r\nContact: <sip:a@b>;expires=1\r\n"
-      "Content-Length: 0\r\n\r\n";
+  const std::string valid = "SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP " + endpoint +
+                            ";branch=z9hG4bKnobody\r\nFrom: <sip:a@b>;tag=1\r\n"
+                            "To: <sip:a@b>;tag=2\r\nCall-ID: x\r\nCSeq: 1 REGISTER\r\nContact: <sip:a@b>;expires=1\r\n"
+                            "Content-Length: 0\r\n\r\n";
   std::minstd_rand random(7);
   constexpr int kDatagrams = 20000;
   int sent = 0;
@@ -151,17 +149,14 @@ TEST(ComponentWire, GarbageDisturbsNobody) {
       default:
         break;
     }
-    if (sendto(sender, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >=
-        0)
-      ++sent;
+    if (sendto(sender, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >= 0) ++sent;
     if (i % 64 == 0) LiveComponent::PumpFor(1ms);  // at a pace that the receive buffer holds
   }
   close(sender);
   EXPECT_TRUE(LiveComponent::PumpUntil(
       [&] {
         const sipcarrier::Counters counters = sipcarrier::GetCounters();
-        return counters.dropped_garbage + counters.dropped_stray >=
-               static_cast<std::uint64_t>(sent) * 9 / 10;
+        return counters.dropped_garbage + counters.dropped_stray >= static_cast<std::uint64_t>(sent) * 9 / 10;
       },
       5s));
   EXPECT_GT(sipcarrier::GetCounters().dropped_garbage, 5000u);

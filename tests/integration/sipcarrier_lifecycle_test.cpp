@@ -30,9 +30,8 @@ TEST_F(StackTest, StopEndsWhatIsInFlightAtTheDeadline) {
   const std::string endpoint = sipcarrier::LocalEndpoints().at(0);
   Peer peer;
   auto follow_up = std::make_shared<Result>();  // of one whose `done` asks for more at the end
-  const auto sent = Send(MakeRequest(UriOf(peer)), nullptr, [follow_up, uri = UriOf(peer)] {
-    Ask(follow_up, MakeRequest(uri), nullptr, nullptr);
-  });
+  const auto sent = Send(MakeRequest(UriOf(peer)), nullptr,
+                         [follow_up, uri = UriOf(peer)] { Ask(follow_up, MakeRequest(uri), nullptr, nullptr); });
   ASSERT_FALSE(peer.Receive().empty());
   const auto began = Clock::now();
   sipcarrier::Stop(150ms);
@@ -46,8 +45,7 @@ TEST_F(StackTest, StopEndsWhatIsInFlightAtTheDeadline) {
   EXPECT_TRUE(sipcarrier::LocalEndpoints().empty());
 
   // The port is free again, and the next run knows nothing of this one.
-  config.local_port =
-      static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.find(':') + 1)));
+  config.local_port = static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.find(':') + 1)));
   StartWith(config);
   EXPECT_EQ(sipcarrier::GetCounters().sent, 0U);
 }
@@ -70,8 +68,7 @@ TEST_F(StackTest, AcceptedTasksRunInOrderAlsoAtStop) {
 TEST_F(StackTest, StartTellsWhatIsWrong) {
   Peer holder;
   const std::string taken = ":" + std::to_string(holder.port()) + ": Address already in use";
-  const auto expect_refusal = [this](const char* address, int port, const char* aor,
-                                     const std::string& why) {
+  const auto expect_refusal = [this](const char* address, int port, const char* aor, const std::string& why) {
     auto config = Quick();
     config.local_address = address;
     config.local_port = static_cast<std::uint16_t>(port);

@@ -22,9 +22,8 @@ class MemoryTest : public StackTest {
   int Road(int first, int last) {
     const auto result = std::make_shared<Result>();
     // A name of its own, so that every road has its lookup.
-    nsip_message* raw = MakeRequest("sip:n" + std::to_string(++names_) +
-                                    ".localhost:" + std::to_string(peer_.port()))
-                            .release();
+    nsip_message* raw =
+        MakeRequest("sip:n" + std::to_string(++names_) + ".localhost:" + std::to_string(peer_.port())).release();
     EXPECT_TRUE(sipcarrier::RunOnIoThread([=] {
       sipcarrier::OutcomeFn done = [result](sipcarrier::Outcome outcome) {
         sipcarrier::PostStackEvent(SIP_EVENT_REGISTER_RESPONSE, std::move(outcome.response), {}, 1);

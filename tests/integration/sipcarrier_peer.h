@@ -54,8 +54,7 @@ inline std::string Replaced(std::string text, std::string_view from, std::string
 // A socket on 127.0.0.1 or ::1. It sends to `target`, or to where the last datagram came from.
 class Peer {
  public:
-  explicit Peer(int family = AF_INET, int target = 0)
-      : fd_(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  explicit Peer(int family = AF_INET, int target = 0) : fd_(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     const int room = 8 << 20;
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     if (family == AF_INET) other_.v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -82,9 +81,7 @@ class Peer {
     text.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
     return text;
   }
-  void Send(std::string_view text) {
-    ::sendto(fd_, text.data(), text.size(), 0, &other_.any, size_);
-  }
+  void Send(std::string_view text) { ::sendto(fd_, text.data(), text.size(), 0, &other_.any, size_); }
 
  private:
   int fd_;
@@ -117,9 +114,7 @@ struct Result {
   bool Wait() {
     return Eventually([this] { return calls > 0; }) && calls == 1;
   }
-  [[nodiscard]] int status() const {
-    return outcome.response == nullptr ? 0 : outcome.response->status_code;
-  }
+  [[nodiscard]] int status() const { return outcome.response == nullptr ? 0 : outcome.response->status_code; }
   std::atomic<int> calls{0};
   sipcarrier::Outcome outcome;  // once it has come
 };
@@ -127,28 +122,27 @@ using ResultPtr = std::shared_ptr<Result>;
 
 inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri) {
   std::string why;
-  auto request = nsip_message_parse(
-      "REGISTER " + uri +
-          " SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:alice@example.com>;tag=1\r\n"
-          "To: <sip:alice@example.com>\r\nCall-ID: call@example.com\r\nCSeq: 7 REGISTER\r\n"
-          "Max-Forwards: 70\r\n\r\n",
-      why);
+  auto request =
+      nsip_message_parse("REGISTER " + uri +
+                             " SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:alice@example.com>;tag=1\r\n"
+                             "To: <sip:alice@example.com>\r\nCall-ID: call@example.com\r\nCSeq: 7 REGISTER\r\n"
+                             "Max-Forwards: 70\r\n\r\n",
+                         why);
   EXPECT_TRUE(request) << uri << " " << why;
   request->vias.clear();
   return request;
 }
 
 // On the I/O thread; `then` runs there behind the outcome.
-inline void Ask(const ResultPtr& result, std::unique_ptr<nsip_message> request,
-                const sipcarrier::PrepareFn& prepare, const std::function<void()>& then) {
+inline void Ask(const ResultPtr& result, std::unique_ptr<nsip_message> request, const sipcarrier::PrepareFn& prepare,
+                const std::function<void()>& then) {
   sipcarrier::SendRequest(std::move(request), prepare, [=](sipcarrier::Outcome outcome) {
     result->Set(std::move(outcome));
     if (then) then();
   });
   EXPECT_EQ(result->calls, 0) << "done ran inside SendRequest";
 }
-inline ResultPtr Send(std::unique_ptr<nsip_message> request,
-                      const sipcarrier::PrepareFn& prepare = nullptr,
+inline ResultPtr Send(std::unique_ptr<nsip_message> request, const sipcarrier::PrepareFn& prepare = nullptr,
                       const std::function<void()>& then = nullptr) {
   auto result = std::make_shared<Result>();
   auto held = std::make_shared<std::unique_ptr<nsip_message>>(std::move(request));
@@ -213,8 +207,7 @@ class StackTest : public testing::Test {
     config.t4 = 60ms;
     config.trace = [this](const sipcarrier::TraceRecord& record) {
       const std::lock_guard lock(mutex_);
-      shown_[record.sent].push_back(
-          {Clock::now(), std::string(record.text), record.local, record.remote});
+      shown_[record.sent].push_back({Clock::now(), std::string(record.text), record.local, record.remote});
     };
     return config;
   }
@@ -224,9 +217,7 @@ class StackTest : public testing::Test {
   }
   void TearDown() override { sipcarrier::Stop(0ms); }
 
-  static std::string UriOf(const Peer& peer) {
-    return "sip:127.0.0.1:" + std::to_string(peer.port());
-  }
+  static std::string UriOf(const Peer& peer) { return "sip:127.0.0.1:" + std::to_string(peer.port()); }
 
   struct Shown {
     Clock::time_point at;

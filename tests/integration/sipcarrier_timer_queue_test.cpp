@@ -50,8 +50,7 @@ TEST(TimerQueue, FiresWhatIsDueInOrderWhateverIsMovedOrCancelled) {
         queue.Set(*slot, due);
       }
     }
-    ASSERT_EQ(queue.NextDue(),
-              model.empty() ? Clock::time_point::max() : std::get<0>(*model.begin()));
+    ASSERT_EQ(queue.NextDue(), model.empty() ? Clock::time_point::max() : std::get<0>(*model.begin()));
   }
 }
 

@@ -63,8 +63,7 @@ TEST_F(StackTest, TheTraceMasksTheSecretsAndNothingElse) {
   std::size_t before = Trace(false).size();
   for (const Masking& c : kAnswers) {
     const auto with = [&](const char* value) {
-      return Replaced(answer, "\r\nContent-Length",
-                      "\r\n" + std::string(c.name) + ": " + value + "\r\nContent-Length");
+      return Replaced(answer, "\r\nContent-Length", "\r\n" + std::string(c.name) + ": " + value + "\r\nContent-Length");
     };
     peer.Send(with(c.value));
     ASSERT_TRUE(Eventually([&] { return Trace(false).size() > before; })) << c.value;

@@ -15,9 +15,7 @@ constexpr const char* kAor = "Alice<sip:alice@example.com>";
 
 int CSeq(const std::string& request) { return std::atoi(HeaderLine(request, "CSeq").c_str()); }
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // Under the library's lock.
 template <class Call>
@@ -97,8 +95,8 @@ TEST_F(SivraTest, TheRequest) {
   EXPECT_TRUE(HeaderLine(request, "To").ends_with(" <sip:alice@example.com>")) << request;
   EXPECT_EQ(HeaderLine(request, "From"), built_from);
   EXPECT_TRUE(Has(built_from, HeaderLine(request, "To") + ";tag="));
-  EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
-                                                ";line=" + std::to_string(id_) + ">;expires=60");
+  EXPECT_EQ(HeaderLine(request, "Contact"),
+            "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ";line=" + std::to_string(id_) + ">;expires=60");
   EXPECT_EQ(HeaderLine(request, "Contact"), built_contact);
   EXPECT_TRUE(Has(request, "\r\nCSeq: 1 REGISTER\r\n") && Has(request, "\r\nUser-Agent: kept\r\n"));
   EXPECT_FALSE(Has(request, "\r\nExpires:"));
@@ -169,8 +167,8 @@ TEST_F(SivraTest, Challenges) {
   // Other devices stand in the list too, one even at our address.
   const std::string own = HeaderLine(first, "Contact");
   Answer(first, 200,
-         "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" +
-             sipcarrier::LocalEndpoints().at(0) + ">;expires=2, " + own + "\r\n");
+         "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
+             ">;expires=2, " + own + "\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 200 " + own));
 
   // Under an associated URI: same Contact, Call-ID and account; authorised in advance.
@@ -191,8 +189,7 @@ TEST_F(SivraTest, Challenges) {
   // A server that asks for a new realm each time does not keep us sending.
   ASSERT_TRUE(Register(id_));
   for (const char* realm : {"1", "2", "3", "4"}) {
-    Answer(peer_.Receive(), 401,
-           std::string("WWW-Authenticate: Digest realm=") + realm + ",nonce=n\r\n");
+    Answer(peer_.Receive(), 401, std::string("WWW-Authenticate: Digest realm=") + realm + ",nonce=n\r\n");
   }
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
 }
@@ -226,8 +223,7 @@ TEST_F(SivraTest, NoAnswerUnsentAndStop) {
   ASSERT_TRUE(Send(id_, std::move(early)));
   const std::string request = peer_.Receive();
   EXPECT_GT(CSeq(request), 2);
-  EXPECT_TRUE(Has(HeaderLine(request, "Contact"), "@" + sipcarrier::LocalEndpoints().at(0) + ";"))
-      << request;
+  EXPECT_TRUE(Has(HeaderLine(request, "Contact"), "@" + sipcarrier::LocalEndpoints().at(0) + ";")) << request;
   Answer(request, 200);
   // Some may be left of the run before.
   EXPECT_TRUE(sip_test::Eventually([&] { return handler_.seen().back() == Reported(26, " 200"); }));

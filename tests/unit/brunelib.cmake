@@ -10,5 +10,5 @@ tolvane_bus_plugin(BusPluginTwin BUS_IDENTITY="{A}")
 tolvane_bus_plugin(BusPluginNameless BUS_IDENTITY="")
 tolvane_bus_plugin(BusPluginFailing BUS_IDENTITY="{F}" BUS_INITIALIZE=7)
 
-tolvane_test(brunelib_test SOURCES brunelib_test.cpp ${FAILING_NEW} LIBS Brunelib)
+tolvane_test(brunelib_test SOURCES brunelib_test.cpp LIBS Brunelib)
 add_dependencies(brunelib_test BusPluginA BusPluginB BusPluginTwin BusPluginNameless BusPluginFailing)

@@ -9,8 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "failing_new.h"
-
 namespace {
 
 using namespace std::chrono_literals;
@@ -99,12 +97,6 @@ TEST_F(BusTest, LoadErrorsSayWhatFailed) {
 }
 
 TEST_F(BusTest, NotificationsKeepTheirOrderAndTheirDocuments) {
-  const std::string longest(39, 'x');
-  EXPECT_EQ(XSSubNotify(longest.c_str(), 1, &Record), XS_OK);
-  EXPECT_EQ(XSSubNotify((longest + "x").c_str(), 1, &Record), XS_E_INVALID);
-  EXPECT_EQ(XSSubNotify("{T}", 1, nullptr), XS_E_INVALID);
-  EXPECT_EQ(XSExpressNotify(nullptr, 1, nullptr, nullptr), XS_E_INVALID);
-
   XSSubNotify("{N}", 1, [](const char*, int, CXML* document, void* extra) {
     document->SetDoc("<mine/>");
     g_seen.push_back("first" + std::to_string(*static_cast<int*>(extra)));
@@ -173,8 +165,7 @@ TEST_F(BusTest, UnsubscribingWaitsForTheCallThatIsUnderWay) {
     return ++*static_cast<std::atomic<int>*>(counter);
   };
   std::jthread sender([&](const std::stop_token& stop) {
-    for (; !stop.stop_requested(); std::this_thread::yield())
-      XSExpressNotify("{T}", 1, nullptr, &calls);
+    for (; !stop.stop_requested(); std::this_thread::yield()) XSExpressNotify("{T}", 1, nullptr, &calls);
   });
   for (int round = 0; round < 200; ++round) {
     subscribed = true;
@@ -204,38 +195,6 @@ TEST_F(BusTest, UnloadingWaitsForCommandsAndGoesBackwards) {
   ASSERT_EQ(Load("BusPluginB"), "{B}");
   brunelib::Shutdown(10s);
   EXPECT_EQ(Seen(), (Texts{"{B}2", "{A}2"}));
-}
-
-// The n-th allocation fails, for every n until nothing fails any more.
-template <typename Attempt>
-void Sweep(Attempt attempt) {
-  bool done = false;
-  for (int left = 0; !done; ++left) {
-    failing_new::Limit(left);
-    done = attempt();
-    failing_new::Limit(-1);
-    EXPECT_FALSE(left == 0 && done);
-  }
-}
-
-TEST_F(BusTest, OutOfMemoryLosesNothingThatWasQueued) {
-  const std::string source(39, 'm');  // long enough to be allocated
-  CXML document;
-  document.SetDoc("<d/>");
-  Sweep([&] { return XSSubNotify(source.c_str(), 1, &Record) != XS_E_NO_MEMORY; });
-  const auto express = [&] { return XSExpressNotify(source.c_str(), 1, &document, nullptr); };
-  for (int round = 0; round < 2; ++round) {  // the first one starts the thread
-    Sweep([&] { return express() != XS_E_NO_MEMORY; });
-  }
-  EXPECT_EQ(Seen(), Texts(2, source + "1<d/>"));
-
-  std::string error;
-  Sweep([&, name = std::string("BusPluginA"), prefix = std::string("BUS")] {
-    const bool loaded = !brunelib::LoadComponent(name, prefix, error).empty();
-    EXPECT_EQ(Execute("{A}", 3), loaded ? 0 : XS_E_UNKNOWN);
-    return loaded;
-  });
-  EXPECT_EQ(error, "out of memory");  // of the attempt before the last
 }
 
 }  // namespace

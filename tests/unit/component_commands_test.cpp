@@ -157,9 +157,7 @@ TEST(ComponentCommands, UnknownCommandsAndNotifications) {
   FrontDoor door;
   EXPECT_EQ(door.Command(5, "<reg/>").result, -1);
   EXPECT_EQ(door.Command(5, "<reg/>").document, "");
-  EXPECT_EQ(
-      TOLVANE_XSCNtfCallBack("{00000000-0000-0000-0000-000000000000}", 0x1003, nullptr, nullptr),
-      -1);
+  EXPECT_EQ(TOLVANE_XSCNtfCallBack("{00000000-0000-0000-0000-000000000000}", 0x1003, nullptr, nullptr), -1);
   EXPECT_EQ(TOLVANE_XSCNtfCallBack(nullptr, 0x1003, nullptr, nullptr), -1);
 }
 

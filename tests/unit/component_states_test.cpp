@@ -23,8 +23,7 @@ std::string Replace(std::string text, const std::string& what, const std::string
 
 // $ stands for the registration's id, # for the status.
 constexpr char kNone[] = "";
-constexpr char kSuccess[] =
-    "1000 <reg><id>$</id><result>0</result><uri>sip:alice@example.com</uri></reg>";
+constexpr char kSuccess[] = "1000 <reg><id>$</id><result>0</result><uri>sip:alice@example.com</uri></reg>";
 constexpr char kFailed[] =
     "1000 <reg><id>$</id><result>-1</result><errorcode>#</errorcode><warncode>0</warncode>"
     "<warntext></warntext></reg>";
@@ -32,13 +31,11 @@ constexpr char kFailedLater[] =
     "1000 <reg><id>$</id><result>-1</result><errorcode>#</errorcode><warncode>0</warncode>"
     "<warntext></warntext><retry-after>30</retry-after></reg>";
 constexpr char kGone[] = "1001 <reg><id>$</id><result>0</result><uri></uri></reg>";
-constexpr char kLost[] =
-    "1002 <reg><id>$</id><state>Terminate</state><event>refreshed</event></reg>";
+constexpr char kLost[] = "1002 <reg><id>$</id><state>Terminate</state><event>refreshed</event></reg>";
 constexpr char kLostLater[] =
     "1002 <reg><id>$</id><state>Terminate</state><event>refreshed</event>"
     "<retry-after>30</retry-after></reg>";
-constexpr char kTimeout[] =
-    "1002 <reg><id>$</id><state>Terminate</state><event>timeout</event></reg>";
+constexpr char kTimeout[] = "1002 <reg><id>$</id><state>Terminate</state><event>timeout</event></reg>";
 constexpr char kServiceLost[] = "1003 <reg><id>$</id></reg>";
 
 // What a deregistration then finds: nothing ('-'), no binding (U), a binding or an attempt (A), one
@@ -54,8 +51,7 @@ char Probe(FrontDoor& door, int id) {
 }
 
 enum State { kReging, kReged, kDereging, kUnreg, kUnregTimer, kStates };
-const char* const kStateNames[] = {"REGING", "REGED", "DEREGING", "UNREG",
-                                   "UNREG, re-register timer"};
+const char* const kStateNames[] = {"REGING", "REGED", "DEREGING", "UNREG", "UNREG, re-register timer"};
 
 int Reach(FrontDoor& door, State state) {
   const bool lost = state == kUnreg || state == kUnregTimer;
@@ -118,8 +114,7 @@ TEST(ComponentStates, EveryStateMeetsEveryAnswer) {
     for (const int status : kind.statuses) {
       for (int state = 0; state < kStates; ++state) {
         const Expect& expect = kind.expect[state];
-        SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(status) + " in " +
-                     kStateNames[state]);
+        SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(status) + " in " + kStateNames[state]);
         FrontDoor door;
         const int id = Reach(door, static_cast<State>(state));
         const long stack_id = door.LastStackId();
@@ -198,8 +193,7 @@ TEST(ComponentStates, AFailedRefreshKeepsARegistrationThatReregistersButSendsNot
 
 TEST(ComponentStates, WarningGoesToTheClient) {
   const std::pair<const char*, const char*> cases[] = {
-      {"Warning: 399 host \"come back later\"\r\n",
-       "<warncode>399</warncode><warntext>come back later</warntext>"},
+      {"Warning: 399 host \"come back later\"\r\n", "<warncode>399</warncode><warntext>come back later</warntext>"},
       {"Warning: abc\r\n", "<warncode>0</warncode><warntext></warntext>"},
       {"Warning: 399 host \"cut\r\n", "<warncode>399</warncode><warntext></warntext>"},
       {"", "<warncode>0</warncode><warntext></warntext>"},
@@ -246,11 +240,9 @@ TEST(ComponentStates, PAssociatedUriMovesTheRegistration) {
   const int id = door.Register(fakes::kAlice);
   const long stack_id = door.LastStackId();
   // Without the address of record among them the first one is registered from now on.
-  door.sip.Answer(stack_id, 200,
-                  "P-Associated-URI: \"A\" <sip:alice@public.example>;x=1, <tel:+1>\r\n");
-  EXPECT_EQ(door.Notifications(),
-            Texts{"1000 <reg><id>" + std::to_string(id) +
-                  "</id><result>0</result><uri>sip:alice@public.example</uri></reg>"});
+  door.sip.Answer(stack_id, 200, "P-Associated-URI: \"A\" <sip:alice@public.example>;x=1, <tel:+1>\r\n");
+  EXPECT_EQ(door.Notifications(), Texts{"1000 <reg><id>" + std::to_string(id) +
+                                        "</id><result>0</result><uri>sip:alice@public.example</uri></reg>"});
   EXPECT_EQ(door.sip.entries[stack_id], "sip:alice@public.example");
   // With it among them, at any place, the report is the address of record again; the entry is not
   // touched.

@@ -16,8 +16,8 @@ using fakes::FrontDoor;
 using std::chrono::seconds;
 
 std::string Alice(int expires) {
-  return "<aor>sip:alice@example.com</aor><registrar>sip:example.com</registrar><expires>" +
-         std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>";
+  return "<aor>sip:alice@example.com</aor><registrar>sip:example.com</registrar><expires>" + std::to_string(expires) +
+         "</expires><auto-refresh>true</auto-refresh>";
 }
 
 // On another thread, as the stack does it.

@@ -19,8 +19,8 @@ TEST(Memory, EveryAllocationMayFailAndNothingLeaks) {
   const std::string before = Document(1);
   // Attribute values beyond the parser's own buffers make it grow them.
   for (const std::string& text :
-       {Document(30), "<r a='" + std::string(9000, 'x') + "&amp;'/>",
-        std::string("<r><not well formed at all></r>"), std::string("a value, no short one <&>")}) {
+       {Document(30), "<r a='" + std::string(9000, 'x') + "&amp;'/>", std::string("<r><not well formed at all></r>"),
+        std::string("a value, no short one <&>")}) {
     long limit = 0;
     for (bool done = false; !done && limit < 1000; ++limit) {
       const long alive = failing_new::Alive();

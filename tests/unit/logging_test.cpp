@@ -24,8 +24,7 @@ const std::string kStamp = "2024-01-31 09:05:07.008";
 const std::string kBegin = "Begin Time:" + kStamp + "\r\n";
 const std::string kHead = "[" + kStamp + "][P:4711/T:99]";
 
-std::string Record(const std::string& text, const char* word = "Inf",
-                   const std::string& place = "f.cpp:1 F") {
+std::string Record(const std::string& text, const char* word = "Inf", const std::string& place = "f.cpp:1 F") {
   return kHead + "[" + place + "()][" + word + "]\r\nContent:\r\n" + text + "\r\n";
 }
 
@@ -72,12 +71,10 @@ TEST_F(LogTest, RecordsByteForByte) {
   log->TraceAt(nullptr, "d.cpp", 6, 0);
   log->Trace(0);
   EXPECT_EQ(Body("sub/Tolvane.log"),
-            Record("id 7\n") + Record("caf\xc3\xa9", "Err", "a.cpp:1 A::B") +
-                Record("there", "Err", "a.cpp:1 A::B") +
+            Record("id 7\n") + Record("caf\xc3\xa9", "Err", "a.cpp:1 A::B") + Record("there", "Err", "a.cpp:1 A::B") +
                 Record("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd\x35", "", "b.cpp:2 G") +
-                Record("a word up to this level", "Inf", "b.cpp:2 G") +
-                Record("four", "", "b.cpp:3 G") + kHead + "[d.cpp:6 I()][Enter]\r\n" + kHead +
-                "[c.cpp:5 H()][Leave]\r\n");
+                Record("a word up to this level", "Inf", "b.cpp:2 G") + Record("four", "", "b.cpp:3 G") + kHead +
+                "[d.cpp:6 I()][Enter]\r\n" + kHead + "[c.cpp:5 H()][Leave]\r\n");
 }
 
 TEST_F(LogTest, LevelsAndMaskFilter) {
@@ -118,8 +115,7 @@ TEST_F(LogTest, RotationIsARingOfCopies) {
       log->Print("%d", n);
       log->Trace(1);  // rotates and is not written
       EXPECT_EQ(ReadFile(dir_ / name), "");
-      EXPECT_EQ(Body(std::to_string(n % count + 1) + "_" + name),
-                Record(filler) + Record(std::to_string(n)));
+      EXPECT_EQ(Body(std::to_string(n % count + 1) + "_" + name), Record(filler) + Record(std::to_string(n)));
     }
     EXPECT_FALSE(fs::exists(dir_ / (std::to_string(count + 1) + "_" + name)));
     log->Print("%s-", filler.c_str());  // the limit itself is one
@@ -146,8 +142,7 @@ TEST_F(LogTest, FailedCopiesAndVanishedDirectoriesCostOnlyRecords) {
   ILogOne* log = Open("T.log");
   log->SetMaxSize(0);
   const std::string dir = dir_.string();
-  const std::string failed =
-      kStamp + " rename [" + dir + "/T.log] to [" + dir + "/1_T.log] failed code[";
+  const std::string failed = kStamp + " rename [" + dir + "/T.log] to [" + dir + "/1_T.log] failed code[";
   testing::internal::CaptureStdout();
   log->Print("lost");
   log->Print("kept");
@@ -201,8 +196,7 @@ TEST_F(LogTest, LongMessagesAndHeadsAreCut) {
   for (std::size_t n = 0; n < most.size() / 2; ++n) wide += "\xc3\xa9";
   log->PrintAt(2, std::string(600, 'f').c_str(), "f.cpp", 1, "long head");
   const std::string head = (kHead + "[f.cpp:1 " + std::string(600, 'f')).substr(0, 259);
-  EXPECT_EQ(Body("T.log"), Record(most) + Record(most) + Record(wide) + head +
-                               "[Inf]\r\nContent:\r\nlong head\r\n");
+  EXPECT_EQ(Body("T.log"), Record(most) + Record(most) + Record(wide) + head + "[Inf]\r\nContent:\r\nlong head\r\n");
 }
 
 TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {

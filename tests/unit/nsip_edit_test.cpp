@@ -109,8 +109,7 @@ TEST(NsipMessage, AssociatedUris) {
   Add(msg.headers, "p-associated-uri", "junk,<sip:d@e>,,\"open <sip:f@g>, <sip:h@i>");
   Add(msg.headers, "P-Associated-URI", "");
   Add(msg.headers, "P-Associated-URI", "<sip:z@z>");
-  const Texts expected = {
-      "\"a, b\" <sip:a,b@c>", "<tel:+1>;x=\",\"", "-", "<sip:d@e>", "-", "-", "<sip:z@z>"};
+  const Texts expected = {"\"a, b\" <sip:a,b@c>", "<tel:+1>;x=\",\"", "-", "<sip:d@e>", "-", "-", "<sip:z@z>"};
   EXPECT_EQ(Associated(msg), expected);
   EXPECT_EQ(nsip_message_get_p_associated_uri(&msg, -1, nullptr), -1);
   EXPECT_EQ(nsip_message_get_p_associated_uri(nullptr, 0, nullptr), -1);

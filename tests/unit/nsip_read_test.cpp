@@ -71,8 +71,7 @@ TEST(NsipRead, RequestInOddButValidForm) {
 }
 
 TEST(NsipRead, Responses) {
-  const auto msg = Read("SIP/2.0 499 \xE5\xA5\xBD : ok\r\n"s + kMandatory +
-                        "Contact: *\r\n\r\nall\r\n\r\n of it");
+  const auto msg = Read("SIP/2.0 499 \xE5\xA5\xBD : ok\r\n"s + kMandatory + "Contact: *\r\n\r\nall\r\n\r\n of it");
   EXPECT_EQ(msg->status_code, 499);
   EXPECT_EQ(msg->reason_phrase, "\xE5\xA5\xBD : ok");
   EXPECT_TRUE(msg->contact_star);
@@ -136,8 +135,7 @@ TEST(NsipRead, MandatoryHeaders) {
     EXPECT_EQ(Reason(before + name + ":\r\n" + all.substr(end) + "\r\n"), "bad " + name);
   }
   const std::string head = kStatus + all.substr(0, all.find("CSeq")) + "CSeq: ";
-  for (const char* cseq :
-       {"4294967296 A", "-1 A", "1", "A", "1 A B", "1A", "99999999999999999999 A"}) {
+  for (const char* cseq : {"4294967296 A", "-1 A", "1", "A", "1 A B", "1A", "99999999999999999999 A"}) {
     EXPECT_EQ(Reason(head + cseq + "\r\n\r\n"), "bad CSeq") << cseq;
   }
   EXPECT_EQ(Read(head + "4294967295 A\r\n\r\n")->cseq_number, 4294967295U);

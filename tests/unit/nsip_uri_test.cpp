@@ -29,8 +29,7 @@ TEST(NsipUri, ReadAndWrittenIsTheSame) {
   // clang-format on
   for (const char* text : texts) EXPECT_EQ(nsip_uri_text(Uri(text)), text);
   EXPECT_EQ(Uri("sip:alice").host, "alice");
-  const nsip_uri uri =
-      Uri("SIPS:al%40ice;x=1?:s3cr&t@[2001:db8::1]:5071;lr;transport=TCP?Subject=a%20b&to=");
+  const nsip_uri uri = Uri("SIPS:al%40ice;x=1?:s3cr&t@[2001:db8::1]:5071;lr;transport=TCP?Subject=a%20b&to=");
   EXPECT_EQ(uri.scheme + ' ' + uri.user + ' ' + uri.password + ' ' + uri.host,
             "sips al%40ice;x=1? s3cr&t [2001:db8::1]");
   EXPECT_EQ(uri.port, 5071);

@@ -40,15 +40,12 @@ TEST(Digest, PublishedValues) {
       {"SHA-512-256-sess", "3f2a34f923c38b0fb26dce2fdfc2ce326c23cecf86fbb1444f3e51fbbc2cb92e"},
   };
   for (const auto& [algorithm, value] : kValues) {
-    EXPECT_EQ(Response(algorithm, "Mufasa", "http-auth@example.org", "Circle of Life", input),
-              value)
-        << algorithm;
+    EXPECT_EQ(Response(algorithm, "Mufasa", "http-auth@example.org", "Circle of Life", input), value) << algorithm;
   }
   // RFC 2617 §3.5, without qop (§3.2.2.1).
-  EXPECT_EQ(
-      Response("MD5", "Mufasa", "testrealm@host.com", "Circle Of Life",
-               {"GET", "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093", "", "", false}),
-      "670fd8c2df070c60b045671b8b24ff02");
+  EXPECT_EQ(Response("MD5", "Mufasa", "testrealm@host.com", "Circle Of Life",
+                     {"GET", "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093", "", "", false}),
+            "670fd8c2df070c60b045671b8b24ff02");
   // Not the value printed in RFC 7616 §3.9.2, which comes from SHA-512 cut short instead of
   // SHA-512/256.
   HashValue user;
@@ -60,8 +57,8 @@ struct Answer : nsip_message {
   explicit Answer(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
       const std::size_t colon = line.find(": ");
-      headers.items.push_back(std::make_unique<nsip_header>(
-          nsip_header{line.substr(0, colon), line.substr(colon + 2)}));
+      headers.items.push_back(
+          std::make_unique<nsip_header>(nsip_header{line.substr(0, colon), line.substr(colon + 2)}));
     }
   }
 };
@@ -79,16 +76,15 @@ std::string Chosen(const std::vector<std::string>& headers) {
 TEST(Challenge, Choice) {
   const std::string www = "WWW-Authenticate: ";
   const std::string a = www + "Digest realm=a,nonce=";
-  EXPECT_EQ(Chosen({a + "1", a + "2,algorithm=SHA-256", a + "3,algorithm=SHA-256-sess",
-                    a + "4,algorithm=SHA-3"}),
+  EXPECT_EQ(Chosen({a + "1", a + "2,algorithm=SHA-256", a + "3,algorithm=SHA-256-sess", a + "4,algorithm=SHA-3"}),
             " a:SHA-256");
   EXPECT_EQ(Chosen({www + "Basic realm=\"x, Digest realm=y\", Digest realm=\"a, \\\"b c\", "
                           "nonce=\"1\", qop = \"auth-int , AUTH\", Negotiate, "
                           "digest nonce=2 , realm=b,algorithm=MD5-sess",
                     "Proxy-Authenticate: Digest realm=b,nonce=3,algorithm=SHA-512-256"}),
             " a, \"b c:MD5 b:MD5-sess P:b:SHA-512-256");
-  EXPECT_EQ(Chosen({a + "1,qop=\"auth-int\"", a + "\"\"", www + "Digest realm=a", www + "\"",
-                    www + "Digest nonce=1", a + std::string(kMaxChallengeText + 1, 'n')}),
+  EXPECT_EQ(Chosen({a + "1,qop=\"auth-int\"", a + "\"\"", www + "Digest realm=a", www + "\"", www + "Digest nonce=1",
+                    a + std::string(kMaxChallengeText + 1, 'n')}),
             "");
   std::vector<std::string> flood(kMaxChallenges, www + "Basic realm=a");
   flood.push_back(a + "1");
@@ -132,9 +128,8 @@ class AuthenticatorTest : public ::testing::Test {
       opaque_ = get("opaque");
       username_ = get("username");
       const std::string algorithm = get("algorithm").empty() ? "MD5" : get("algorithm");
-      EXPECT_EQ(get("response"),
-                Response(algorithm, "alice", "r\"1", "secret",
-                         {"REGISTER", "sip:example.com;lr", nonce, nc, cnonce_, !nc.empty()}))
+      EXPECT_EQ(get("response"), Response(algorithm, "alice", "r\"1", "secret",
+                                          {"REGISTER", "sip:example.com;lr", nonce, nc, cnonce_, !nc.empty()}))
           << header->hvalue;
       text.append(header->hname == "Authorization" ? " " : " P:").append(nonce);
       text.append("/").append(nc);
@@ -180,8 +175,7 @@ TEST_F(AuthenticatorTest, GivesUpWhenTheCredentialsAreWrong) {
   ASSERT_TRUE(Challenge("nonce=n6"));
   authenticator_.Start();
   EXPECT_FALSE(Challenge("nonce=n6")) << "the nonce just used";
-  EXPECT_FALSE(
-      authenticator_.Answer(Answer({"WWW-Authenticate: Digest realm=foreign,nonce=n7"}), Lookup));
+  EXPECT_FALSE(authenticator_.Answer(Answer({"WWW-Authenticate: Digest realm=foreign,nonce=n7"}), Lookup));
   EXPECT_FALSE(authenticator_.Answer(Answer({}), Lookup));
 }
 
