@@ -5,33 +5,10 @@
 namespace sipcarrier {
 namespace {
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// RFC 3261 §19.1.4: an escaped character equals the character.
-std::string Unescape(std::string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && HexDigit(text[i + 1]) >= 0 &&
-        HexDigit(text[i + 2]) >= 0) {
-      result.push_back(static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2])));
-      i += 2;
-    } else {
-      result.push_back(text[i]);
-    }
-  }
-  return result;
-}
-
 std::string KeyOf(const nsip_uri& uri) {
   if (!uri.opaque.empty())
     return uri.scheme + ":" + LowerCase(uri.opaque.substr(0, uri.opaque.find(';')));
-  return uri.scheme + ":" + Unescape(uri.user) + "@" + LowerCase(uri.host);
+  return uri.scheme + ":" + nsip_uri_normal(uri.user) + "@" + LowerCase(uri.host);
 }
 
 }  // namespace

@@ -159,6 +159,9 @@ TOLVANE_PUBLIC void nsip_free(void* text);  // accepts null
 // Empty when a part is not well-formed.
 [[nodiscard]] TOLVANE_PUBLIC std::string nsip_uri_text(const nsip_uri& uri);
 [[nodiscard]] TOLVANE_PUBLIC std::string nsip_from_text(const nsip_from& from);
+// One spelling for all texts of a URI's part that mean the same (RFC 3261 §19.1.4): an escaped
+// character is equal to the bare one unless it is reserved.
+[[nodiscard]] TOLVANE_PUBLIC std::string nsip_uri_normal(std::string_view text);
 // RFC 3261 §19.1.4.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_uri_equal(const nsip_uri& a, const nsip_uri& b);
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_is_token(std::string_view text);

@@ -12,12 +12,9 @@
 #include "nsip/params.h"
 #include "nsip/uri.h"
 
-namespace nsip {
-namespace {
-
-// One spelling for all texts that mean the same: an escaped character is equal to the bare one
-// unless it is reserved. '%' itself stays escaped, or "%2541" would become "%41".
-std::string normalise(std::string_view text) {
+// '%' itself stays escaped, or "%2541" would become "%41".
+std::string nsip_uri_normal(std::string_view text) {
+  using namespace nsip;
   constexpr std::string_view kHex = "0123456789ABCDEF";
   std::string result;
   result.reserve(text.size());
@@ -41,12 +38,15 @@ std::string normalise(std::string_view text) {
   return result;
 }
 
+namespace nsip {
+namespace {
+
 bool equal_with_case(std::string_view a, std::string_view b) {
-  return a == b || normalise(a) == normalise(b);
+  return a == b || nsip_uri_normal(a) == nsip_uri_normal(b);
 }
 
 bool equal_without_case(std::string_view a, std::string_view b) {
-  return iequals(a, b) || iequals(normalise(a), normalise(b));
+  return iequals(a, b) || iequals(nsip_uri_normal(a), nsip_uri_normal(b));
 }
 
 const nsip_generic_param* find_equal_name(const nsip_param_list& params, std::string_view name) {
@@ -82,7 +82,7 @@ std::vector<std::string> sorted_headers(std::string_view text) {
   std::vector<std::string> headers;
   while (!text.empty()) {
     const std::string_view header = text.substr(0, text.find('&'));
-    headers.push_back(lower(normalise(header)));
+    headers.push_back(lower(nsip_uri_normal(header)));
     text.remove_prefix(std::min(text.size(), header.size() + 1));
   }
   std::sort(headers.begin(), headers.end());

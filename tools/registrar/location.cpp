@@ -22,27 +22,6 @@ std::string Lower(std::string text) {
   return text;
 }
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string Unescape(std::string_view text) {
-  std::string plain;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && HexDigit(text[i + 1]) >= 0 &&
-        HexDigit(text[i + 2]) >= 0) {
-      plain += static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2]));
-      i += 2;
-    } else {
-      plain += text[i];
-    }
-  }
-  return plain;
-}
-
 int ParseExpires(std::string_view text) {
   int seconds = 0;
   const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), seconds);
@@ -71,7 +50,7 @@ bool IsExpires(const nsip_generic_param& param) { return Lower(param.name) == "e
 std::string CanonicalAor(const nsip_uri& uri) {
   if (uri.scheme != "sip" && uri.scheme != "sips") return uri.scheme + ":" + uri.opaque;
   std::string aor = uri.scheme + ":";
-  if (!uri.user.empty()) aor += Unescape(uri.user) + "@";
+  if (!uri.user.empty()) aor += nsip_uri_normal(uri.user) + "@";
   aor += Lower(uri.host);
   if (uri.port != 0) aor += ":" + std::to_string(uri.port);
   return aor;
