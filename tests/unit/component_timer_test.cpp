@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_new.h"
 #include "FrontDoor.h"
 #include "Register.h"
 
@@ -123,11 +124,12 @@ TEST(ComponentTimer, NoRefreshAfterDeregister) {
       door.Advance(seconds(3000));
       EXPECT_EQ(door.Deregister(id).document, "<reg><ret>0</ret></reg>");
       EXPECT_TRUE(door.SentExpiries().empty());
-      door.sip.Answer(door.LastStackId(), 200);
+      Answer(door, 200);
+      door.Pump();
+      EXPECT_EQ(CRegister::s_nAlive, 0) << "a timer was left";
       door.Advance(seconds(3000));
       EXPECT_TRUE(door.SentExpiries().empty());
       EXPECT_TRUE(door.sip.entries.empty());
-      EXPECT_EQ(CRegister::s_nAlive, 0);
     }
   }
 }
@@ -148,6 +150,30 @@ TEST(ComponentTimer, AnObjectIsFreedHoweverItEnds) {
     Answer(door, 200);
     Answer(door, 403);
     EXPECT_EQ(CRegister::s_nAlive, 0);
+    // At once, when it is given up while it waits to be brought back.
+    const int id = door.Register(fakes::kAliceReregister);
+    Answer(door, 200);
+    door.sip.Error(door.LastStackId(), SIP_EVENT_REGISTER_TIMEOUT);
+    door.Pump();
+    EXPECT_EQ(door.Deregister(id).document, "<reg><ret>-1</ret></reg>");
+    EXPECT_EQ(CRegister::s_nAlive, 0);
+  }
+  // At its next firing, when no memory was left for the STOP or for the event that ends it.
+  for (long left = 0; left < 60; ++left) {
+    FrontDoor door;
+    const int id = door.Register(Alice(600));
+    Answer(door, 200);
+    door.Pump();
+    std::thread([&] {
+      SipStackEvent event{SIP_EVENT_REGISTER_TIMEOUT, nullptr, 0, nullptr, door.LastStackId()};
+      failing_new::Limit(left);
+      door.sip.handler->OnStackEvent(&event);
+      failing_new::Limit(-1);
+    }).join();
+    door.Jump(seconds(600));
+    std::thread([&] { door.Deregister(id, "<nosend>1</nosend>"); }).join();
+    door.Jump(seconds(600));
+    EXPECT_EQ(CRegister::s_nAlive, 0) << left;
   }
   // After its thread has ended, the STOP still in the queue or refused: at the next registration.
   for (const bool stop_queued : {false, true}) {
