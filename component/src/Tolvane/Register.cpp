@@ -51,10 +51,10 @@ int CRegister::Deregister(int bNoSend) {
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REFRESH, this);
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REREG, this);
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_STOP, this);
+  // On the timer's own thread nobody is left to receive a STOP, so the timer ends here.
+  StopTimerOnOwnThread();
 
   if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
-    // On the timer's own thread nobody is left to receive a STOP, so the timer ends here.
-    StopTimerOnOwnThread();
     if (m_eRegState == E_REG_STATE_REGED && m_bRefreshTimerOn != 0) {
       m_bRefreshTimerOn = 0;
       PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
