@@ -84,7 +84,6 @@ void CRegister::Release() {
   if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
     if (Deregister(0) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
   }
-  StopTimerOnOwnThread();
   if (m_bRefreshTimerOn != 0 || m_bReregTimerOn != 0) {
     PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
   }
