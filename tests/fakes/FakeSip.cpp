@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
 
 #include "sivra/sivra.h"
 
@@ -36,6 +37,7 @@ int FakeSip::Error(long stack_id, int event_id) {
 using fakes::FakeSip;
 
 void sivra_lock() {
+  if (const auto hook = std::exchange(FakeSip::Get().before_lock, nullptr)) hook();
   EXPECT_FALSE(FakeSip::Get().locked);
   FakeSip::Get().locked = true;
 }

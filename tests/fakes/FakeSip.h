@@ -2,6 +2,7 @@
 // answer it. It links in place of sivra and Sipcarrier; messages are the real library's.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,6 +34,7 @@ struct FakeSip {
   int send_result = 0;
   bool refuse_addresses = false;
   int register_handler_result = 0;
+  std::function<void()> before_lock;  // once, when somebody is about to take the library's lock
 
   // A final response to this entry's REGISTER; headers are whole lines, each with its CRLF.
   int Answer(long stack_id, int status, const std::string& headers = {});

@@ -134,6 +134,18 @@ TEST(ComponentTimer, NoRefreshAfterDeregister) {
   }
 }
 
+TEST(ComponentTimer, ARefreshThatADeregistrationOvertakesIsNotSent) {
+  FrontDoor door;
+  const int id = door.Register(Alice(600));
+  Answer(door, 200);
+  door.Pump();
+  door.SentExpiries();
+  // The firing has seen a live registration and waits for the lock.
+  door.sip.before_lock = [&] { std::thread([&] { door.Deregister(id); }).join(); };
+  door.Jump(seconds(300));
+  EXPECT_EQ(door.SentExpiries(), std::vector<int>{0});
+}
+
 TEST(ComponentTimer, AnObjectIsFreedHoweverItEnds) {
   // By its STOP, when its timer runs on a live loop.
   {
