@@ -19,7 +19,8 @@ void CRegister::SetRegInfo(const CRegMsg& stRegMsg) {
   m_nRefreshTime = GetRefreshTime(m_stRegInfo.m_nExpires);
   AddSchema(m_stRegInfo.m_strAor);
   AddSchema(m_stRegInfo.m_strRegistrar);
-  Readdress(m_stRegInfo.m_strAor);
+  m_strDefaultUri = m_stRegInfo.m_strAor;
+  Readdress(m_strDefaultUri);
 }
 
 int CRegister::Register() {
@@ -45,9 +46,17 @@ int CRegister::Register() {
 }
 
 int CRegister::Deregister(int bNoSend) {
-  REG_LOG_SCOPE();
   const VkLocker oLocker(g_oRegLock);
+  return DeregisterLocked(bNoSend);
+}
+
+int CRegister::DeregisterLocked(int bNoSend) {
+  REG_LOG_SCOPE();
   int nResult = -1;
+  {
+    const CSivraLocker oSivraLocker;
+    m_bNoRefresh = true;
+  }
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REFRESH, this);
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_START_REREG, this);
   kdInstallCallback(nullptr, E_REG_TIMER_EVENT_STOP, this);
@@ -59,7 +68,7 @@ int CRegister::Deregister(int bNoSend) {
       m_bRefreshTimerOn = 0;
       PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
     }
-    SetExpires(0, true);
+    SetExpires(0);
     if (bNoSend != 0) {
       REG_LOG(E_LOG_INFO, "do not send deregister message");
       nResult = 0;
@@ -80,27 +89,33 @@ int CRegister::Deregister(int bNoSend) {
 
 void CRegister::Release() {
   REG_LOG_SCOPE();
-  if (m_lStackRegId < 1) return;
-  if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
-    if (Deregister(0) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
+  // From the look at the state to the end of the stack id: a Register that comes in between would
+  // leave a binding that nobody owns.
+  const VkLocker oLocker(g_oRegLock);
+  if (m_lStackRegId >= 1) {
+    if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
+      if (DeregisterLocked(0) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
+    }
+    if (m_bRefreshTimerOn != 0 || m_bReregTimerOn != 0) {
+      PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
+    }
   }
-  if (m_bRefreshTimerOn != 0 || m_bReregTimerOn != 0) {
-    PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
-  }
+  // Whoever still names the object finds it uninitialised from here on, sends nothing and gets no
+  // new entry.
   const CSivraLocker oSivraLocker;
-  sivra_register_release(m_lStackRegId);
-  // Whoever still names the object finds it uninitialised from here on, and sends nothing.
-  m_lStackRegId = 0;
+  m_bReleased = true;
+  const long lStackRegId = m_lStackRegId.exchange(0);
+  if (lStackRegId < 1) return;
+  sivra_register_release(lStackRegId);
+  GetRegGlobal().m_pRegisterSipProcess->OnStackIdChanged(this, lStackRegId, 0);
 }
 
-int CRegister::SendRegister() {
-  REG_LOG_SCOPE();
-  return SendRegister(false);
-}
+int CRegister::SendRegister() { return SendRegister(false); }
 
 // bRefresh: a firing asks for it, which must not come behind a deregistration. No exception leaves
 // it.
 int CRegister::SendRegister(bool bRefresh) {
+  REG_LOG_SCOPE();
   if (m_lStackRegId < 1) {
     REG_LOG(E_LOG_WARNING, "Register is not initialized\n");
     return -1;
@@ -170,27 +185,29 @@ long CRegister::InitRegister(long lStackRegId, const std::string& strUri,
   REG_LOG_SCOPE();
   const std::string strFull = ConstructUri(strUri, strDisplayName);
   const CSivraLocker oSivraLocker;
-  return sivra_register_set_info(lStackRegId, strFull, strFull, strRegistrar);
+  // A command may end a registration that another one is still filling.
+  if (m_bReleased) return -1;
+  const long lNew = sivra_register_set_info(lStackRegId, strFull, strFull, strRegistrar);
+  // A URI that the library refuses, say out of a registrar's answer, must not cost an entry that
+  // works.
+  if (lNew >= 1) {
+    m_lStackRegId = lNew;
+    GetRegGlobal().m_pRegisterSipProcess->OnStackIdChanged(this, lStackRegId, lNew);
+  }
+  return lNew;
 }
 
 void CRegister::Readdress(const std::string& strUri) {
-  std::string strOwn = strUri;  // before the entry is made: nothing may fail between the two
-  const long lOld = m_lStackRegId;
+  std::string strOwn = strUri;
   const long lNew =
-      InitRegister(lOld, strUri, m_stRegInfo.m_strDisplayName, m_stRegInfo.m_strRegistrar);
-  // A URI that the library refuses, say out of a registrar's answer, must not cost an entry that
-  // works.
-  if (lNew < 1 && lOld >= 1) return;
-  m_lStackRegId = lNew;
-  m_strDefaultUri.swap(strOwn);
-  GetRegGlobal().m_pRegisterSipProcess->OnStackIdChanged(this, lOld, lNew);
+      InitRegister(m_lStackRegId, strUri, m_stRegInfo.m_strDisplayName, m_stRegInfo.m_strRegistrar);
+  if (lNew >= 1) m_strDefaultUri.swap(strOwn);
 }
 
-// With bLast no refresh leaves any more. A firing reads the expiry with the library lock held.
-void CRegister::SetExpires(int nExpires, bool bLast) {
+// A firing reads the expiry with the library lock held.
+void CRegister::SetExpires(int nExpires) {
   const CSivraLocker oSivraLocker;
   m_stRegInfo.m_nExpires = nExpires;
-  if (bLast) m_bNoRefresh = true;
 }
 
 void CRegister::RememberThread(KDThread* hThread) {

@@ -6,8 +6,8 @@
 //   OnRegRsp, OnRegError                 the stack's delivery thread, under the registry's lock
 //   TimerEvent, TimerProc and below      m_hThread, in its KD event loop
 //   Release                              whoever ends the registration, under the registry's lock
-// g_oRegLock is held by Register, Deregister, OnRegRsp and OnRegError for their whole run; the
-// library lock (sivra_lock) from build to send of a REGISTER. The timer's side takes only the
+// g_oRegLock is held by Register, Deregister, Release, OnRegRsp and OnRegError for their whole run;
+// the library lock (sivra_lock) from build to send of a REGISTER. The timer's side takes only the
 // library lock.
 //
 // Invariants:
@@ -135,15 +135,18 @@ class CRegister {
  private:
   friend class CRegisterEnd;
 
+  // The new stack id, which the object has taken over, as has the manager's index; below 1:
+  // refused, nothing changed.
   long InitRegister(long lStackRegId, const std::string& strUri, const std::string& strDisplayName,
                     const std::string& strRegistrar);
   static std::string ConstructUri(const std::string& strUri, const std::string& strDisplayName);
   static void AddSchema(std::string& strUri);
-  // Registers under this URI from now on; keeps the manager's index of stack ids in step.
+  // Registers under this URI from now on, unless the library refuses it.
   void Readdress(const std::string& strUri);
   int SendRegister(bool bRefresh);
   bool CompleteRegister(nsip_message* pMsg);
-  void SetExpires(int nExpires, bool bLast = false);
+  void SetExpires(int nExpires);
+  int DeregisterLocked(int bNoSend);
   void RememberThread(KDThread* hThread);
   void StopTimerOnOwnThread();
 
@@ -182,13 +185,16 @@ class CRegister {
   int m_nRetryAfter = 0;  // seconds
   int m_bEventPost = 1;
 
-  std::atomic<bool> m_bNoRefresh{false};  // invariant 4; written with the library lock held
+  // Invariant 4; both are written with the library lock held.
+  std::atomic<bool> m_bNoRefresh{false};
+  std::atomic<bool> m_bReleased{false};
 
   // The end of the object; see RegisterEnd.h, whose lock guards these.
   std::vector<KDThread*>
       m_vecThreads;  // where Register ran: nowhere else does a queue or a timer name the object
   int m_nHolds = 0;
   bool m_bRetired = false;
+  bool m_bWasBusy = false;
   CRegister* m_pNextRetired = nullptr;
   CRegister* m_pPrevRetired = nullptr;
 };

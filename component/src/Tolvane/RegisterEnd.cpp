@@ -19,9 +19,10 @@ void CRegisterEnd::Unhold(CRegister* pRegister) {
   {
     const VkLocker oLocker(m_oMutex);
     --pRegister->m_nHolds;
-    if (!pRegister->m_bRetired || !TakeIfFree(pRegister, EReason::Usual)) return;
+    if (!pRegister->m_bRetired || !TakeIfFree(pRegister, EReason::Usual)) pRegister = nullptr;
   }
   vktDelete(pRegister);
+  Sweep();
 }
 
 bool CRegisterEnd::IsRetired(CRegister* pRegister) {
@@ -44,8 +45,8 @@ void CRegisterEnd::Sweep() {
     const VkLocker oLocker(m_oMutex);
     if (m_pOldest == nullptr) return;
     pRegister = m_pOldest;
-    if (!TakeIfFree(pRegister, EReason::Ended)) {
-      // It waits for its STOP; the next sweep looks at the one behind it.
+    if (!TakeIfFree(pRegister, pRegister->m_bWasBusy ? EReason::Usual : EReason::Ended)) {
+      // It waits for its STOP, or is still busy; the next sweep looks at the one behind it.
       Unlink(pRegister);
       Link(pRegister);
       return;

@@ -6,9 +6,9 @@
 #include "RegLog.h"
 
 CRegisterSipProcess::~CRegisterSipProcess() {
-  // A host that unloads without stopping first: timers and queues must not name what goes now.
-  if (!m_mapRegister.empty()) Uninitialize();
-  m_hMainThread = nullptr;
+  // A host that unloads without stopping first: the stack, timers and queues must not name what
+  // goes now.
+  if (m_hMainThread != nullptr) Uninitialize();
 }
 
 int CRegisterSipProcess::Initialize() {
@@ -41,6 +41,7 @@ int CRegisterSipProcess::Uninitialize() {
   // moment now.
   m_oEnd.FreeAll();
   m_mapRegEventName.clear();
+  m_hMainThread = nullptr;
   const CRegMgrLocker oLocker(*this);
   m_mapSubscribe.clear();
   return 0;
@@ -136,9 +137,7 @@ CRegister* CRegisterSipProcess::FindByStackId(long lStackRegId) {
 // With m_oRegMgrMutex held. The object may be freed on return. True when no timer of it runs.
 bool CRegisterSipProcess::Remove(CRegister* pRegister, int nRegId) {
   m_mapSubscribe.erase(pRegister->GetSubscribeId());
-  const long lStackRegId = pRegister->GetStackRegId();
   pRegister->Release();
-  OnStackIdChanged(pRegister, lStackRegId, 0);
   m_mapRegister.erase(nRegId);
   m_oIds.Give(nRegId);
   const bool bFree = pRegister->IsTimerRunning() == 0;
