@@ -169,6 +169,7 @@ void Session::BeginEnd() {
   end_at_.reset();
   again_at_.reset();
   received_at_end_ = sipcarrier::GetCounters().received;
+  timeouts_at_end_ = sipcarrier::GetCounters().timeouts;
   const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Deregister(registration_);
   listener_.OnAnswer(time, answer);
@@ -218,10 +219,11 @@ bool Session::Unanswered(const Notice& notice) {
   return grown;
 }
 
-// The notification does not tell; but when nothing has been received since the command, nobody has
-// answered. The answer to an earlier REGISTER may have caused the notification, so the right one
-// gets a moment to arrive.
+// The notification does not tell; but when a REGISTER has been given up, or nothing has been
+// received since the command, nobody has answered. The answer to an earlier REGISTER may have
+// caused the notification, so the right one gets a moment to arrive.
 bool Session::DeregistrationUnanswered() const {
+  if (sipcarrier::GetCounters().timeouts > timeouts_at_end_) return true;
   for (int i = 0; i < 50; ++i) {
     if (sipcarrier::GetCounters().received != received_at_end_) return false;
     if (hurry_) break;

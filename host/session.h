@@ -66,6 +66,7 @@ class Session {
   bool hurry_ = false;  // a second signal: wait for nobody
   std::uint64_t timeouts_seen_ = 0;
   std::uint64_t received_at_end_ = 0;
+  std::uint64_t timeouts_at_end_ = 0;
   // On the clock of the KD timers; nothing: no such deadline.
   std::optional<std::int64_t> end_at_;      // --duration is over, or the listener has seen enough
   std::optional<std::int64_t> give_up_at_;  // the wait for the deregistration's answer

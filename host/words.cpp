@@ -117,7 +117,7 @@ std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
                "its time is "
                "over.";
       }
-      return "Deregistered: the registrar has answered and the binding is given back.";
+      return "Deregistered: the registrar has answered.";
     case kNotifyState:
       return DescribeState(notice, options);
     case kNotifyServiceLost:

@@ -11,9 +11,9 @@
 namespace sipcarrier {
 namespace {
 
-// Long enough that a burst of registrations to one registrar costs one look, short enough to notice
-// soon that the machine has moved to another network.
-constexpr std::chrono::seconds kKeep{30};
+// Long enough that a burst of registrations to one registrar costs one look, short enough that
+// hardly any binding names an address that the machine has just left.
+constexpr std::chrono::seconds kKeep{1};
 constexpr std::size_t kMaxEntries = 4096;
 
 // Connecting a UDP socket sends nothing: it asks the routing table.

@@ -289,6 +289,12 @@ void TransactionLayer::OnDeadline(ClientTransaction& transaction) noexcept {
       if (transaction.sends == 0) {
         return Fail(transaction, Kind::kUnsent, "the socket took no message in time");
       }
+      // RFC 3263 §4.3: a server that says nothing at all has failed, and the next address has its
+      // turn.
+      if (transaction.state == State::kTrying &&
+          transaction.next_candidate < transaction.candidates.size()) {
+        return TryElsewhere(transaction, "no answer from ", ETIMEDOUT);
+      }
       LiveCounters::Add(counters_.timeouts);
       return Fail(transaction, Kind::kTimeout, "no answer in time");
     case State::kFresh:

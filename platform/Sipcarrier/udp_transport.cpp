@@ -137,9 +137,11 @@ void UdpTransport::Socket::Flush() noexcept {
       return;
     }
     // With error queues on, a call may report what an earlier message to somebody else met; that
-    // report lies in the queue. An error that comes without one is this message's own.
-    if (DrainErrors() > 0 && error != EMSGSIZE && ++attempts < kErrorsPerTurn) continue;
-    if (error == ECONNREFUSED && ++attempts < kErrorsPerTurn) continue;
+    // report lies in the queue, or found no room there. Being told clears the error, so only one
+    // that comes again is this message's own.
+    const bool reported = DrainErrors() > 0;
+    const bool foreign = (reported && error != EMSGSIZE) || error == ECONNREFUSED;
+    if (++attempts < (foreign ? kErrorsPerTurn : 2)) continue;
     attempts = 0;
     if (Outgoing* message = queue_.PopFront()) sink_.OnSendFailed(*message, error);
   }

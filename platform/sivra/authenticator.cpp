@@ -19,7 +19,7 @@ constexpr std::size_t kMaxSessions = 4;
 bool AppendQuoted(std::string& value, std::string_view name, std::string_view text) {
   value.append(name).append("=\"");
   for (const char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+    if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f) {
       return false;
     }
     if (c == '"' || c == '\\') {
@@ -66,6 +66,9 @@ bool Authenticator::Authorize(nsip_message& request) {
     auto header = std::make_unique<nsip_header>();
     header->hname = session.proxy ? "Proxy-Authorization" : "Authorization";
     if (!Credentials(session, request.sip_method, uri, header->hvalue)) {
+      // Kept, they would silence the entry: without a request no challenge comes that replaces
+      // them.
+      sessions_.clear();
       return false;
     }
     // One header line for each realm; they are not joined with commas (RFC 3261 §7.3.1).

@@ -180,6 +180,9 @@ TEST_F(AuthenticatorTest, GivesUpWhenTheCredentialsAreWrong) {
 }
 
 TEST_F(AuthenticatorTest, ProxyAndRegistrarTogether) {
+  ASSERT_TRUE(Challenge("nonce=\"p0\t\"", "Proxy-Authenticate"));  // white space that RFC 3261 §25.1 lets in
+  EXPECT_EQ(Authorize(), " P:p0\t/");
+  authenticator_.Start();
   ASSERT_TRUE(Challenge("nonce=p1,qop=auth", "Proxy-Authenticate"));
   EXPECT_EQ(Authorize(), " P:p1/00000001");
   ASSERT_TRUE(Challenge("nonce=n1,algorithm=MD5-sess,qop=auth"));
