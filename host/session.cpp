@@ -1,6 +1,7 @@
 #include "host/session.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <new>
 #include <thread>
@@ -65,16 +66,26 @@ bool Session::StartStack(std::string& error) {
     // record.
     config.credentials.push_back({{}, {}, options_.auth_user, options_.auth_password});
   }
-  if (options_.trace) {
-    config.trace = [this](const sipcarrier::TraceRecord& record) {
-      try {
-        inbox_.Push(TraceItem{record.sent, record.local, record.remote, std::string(record.text)});
-      } catch (const std::bad_alloc&) {
-        return;  // one message is not shown
-      }
-    };
-  }
+  config.trace = [this](const sipcarrier::TraceRecord& record) {
+    if (!record.sent) NoteStatus(record.text);
+    if (!options_.trace) return;
+    try {
+      inbox_.Push(TraceItem{record.sent, record.local, record.remote, std::string(record.text)});
+    } catch (const std::bad_alloc&) {
+      return;  // one message is not shown
+    }
+  };
   return sipcarrier::Start(config, error) == 0;
+}
+
+// The notification of a deregistration does not say how it was answered; the wire does.
+void Session::NoteStatus(std::string_view message) noexcept {
+  constexpr std::string_view kVersion = "SIP/2.0 ";
+  int status = 0;
+  if (!message.starts_with(kVersion)) return;
+  message.remove_prefix(kVersion.size());
+  std::from_chars(message.data(), message.data() + message.size(), status);
+  if (status >= 200) last_status_ = status;
 }
 
 void Session::Loop() {
@@ -121,9 +132,7 @@ void Session::OnNotice(WallTime time, const NotificationItem& item) {
       OnOutcome(notice);
       break;
     case kNotifyDeregistered:
-      Finish(phase_ == Phase::kEnding && was_registered_ && !DeregistrationUnanswered()
-                 ? kExitOk
-                 : kExitFailed);
+      OnDeregistered();
       break;
     case kNotifyState:
       if (notice.state != "Active") OnLost(notice);
@@ -209,6 +218,17 @@ std::int64_t Session::NextWait() const {
   }
   if (end_requested_ && phase_ != Phase::kEnding) return 0;
   return std::max<std::int64_t>(next - vorelkd::Now(), 0);
+}
+
+void Session::OnDeregistered() {
+  if (phase_ != Phase::kEnding || !was_registered_ || DeregistrationUnanswered()) {
+    return Finish(kExitFailed);
+  }
+  const int status = last_status_;
+  if (status < 300) return Finish(kExitOk);
+  Remark("The registrar refused to take the binding out (" + std::to_string(status) +
+         "); it ends when its time is over.");
+  Finish(kExitFailed);
 }
 
 bool Session::Unanswered(const Notice& notice) {

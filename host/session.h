@@ -1,9 +1,11 @@
 // The main loop: one registration from the command to its end.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "host/bus_client.h"
 #include "host/inbox.h"
@@ -39,6 +41,8 @@ class Session {
   enum class Phase { kRegistering, kRegistered, kLost, kEnding, kDone };
 
   [[nodiscard]] bool StartStack(std::string& error);
+  void NoteStatus(std::string_view message) noexcept;
+  void OnDeregistered();
   void Loop();
   void Handle(const InboxItem& item);
   void OnNotice(WallTime time, const NotificationItem& item);
@@ -67,6 +71,8 @@ class Session {
   std::uint64_t timeouts_seen_ = 0;
   std::uint64_t received_at_end_ = 0;
   std::uint64_t timeouts_at_end_ = 0;
+  std::atomic<int> last_status_{
+      0};  // of the last final response on the wire; written by the stack's thread
   // On the clock of the KD timers; nothing: no such deadline.
   std::optional<std::int64_t> end_at_;      // --duration is over, or the listener has seen enough
   std::optional<std::int64_t> give_up_at_;  // the wait for the deregistration's answer
