@@ -47,10 +47,10 @@ int CRegister::Register() {
 
 int CRegister::Deregister(int bNoSend) {
   const VkLocker oLocker(g_oRegLock);
-  return DeregisterLocked(bNoSend);
+  return Deregister(bNoSend, oLocker);
 }
 
-int CRegister::DeregisterLocked(int bNoSend) {
+int CRegister::Deregister(int bNoSend, const VkLocker& /*oHeld*/) {
   REG_LOG_SCOPE();
   int nResult = -1;
   {
@@ -94,7 +94,7 @@ void CRegister::Release() {
   const VkLocker oLocker(g_oRegLock);
   if (m_lStackRegId >= 1) {
     if (m_eRegState == E_REG_STATE_REGED || m_eRegState == E_REG_STATE_REGING) {
-      if (DeregisterLocked(0) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
+      if (Deregister(0, oLocker) != 0) REG_LOG(E_LOG_WARNING, "Send deregister failed!\n");
     }
     if (m_bRefreshTimerOn != 0 || m_bReregTimerOn != 0) {
       PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);

@@ -146,7 +146,7 @@ class CRegister {
   int SendRegister(bool bRefresh);
   bool CompleteRegister(nsip_message* pMsg);
   void SetExpires(int nExpires);
-  int DeregisterLocked(int bNoSend);
+  int Deregister(int bNoSend, const VkLocker& oHeld);  // with g_oRegLock held
   void RememberThread(KDThread* hThread);
   void StopTimerOnOwnThread();
 

@@ -5,14 +5,12 @@
 // The object has one owner at any time: the registry's map, then the list of the retired here,
 // which frees it when
 //   1. nobody holds it (handlers and running callbacks hold it: CRegisterHold), and
-//   2. its timer has stopped, or the threads that it could run on have ended, or everything is shut
-//   down, and
-//   3. every thread on which Register ran has given back what names it: queued events, callbacks,
-//   timers, also a timer
-//      whose cancelling failed (kdForgetUserPtr).
+//   2. its timer has stopped, or its threads have ended, or everything is shut down, and
+//   3. every thread on which Register ran has given back what names it: queued events, callbacks
+//      and timers, also a timer whose cancelling failed (kdForgetUserPtr).
 // The usual road: Release posts a STOP, the timer's thread handles it, and the object is freed
 // there. A STOP that is lost (no memory, the callback gone) is made up for by the next firing, one
-// that went to a thread that has ended by the next registration that retires or begins.
+// that went to a thread that has ended by the next sweep.
 //
 // Thread-safe. Its mutex is a leaf: taken last of all but the log's and the platform's own, never
 // held while an object is deleted.

@@ -12,8 +12,9 @@
 // Invariants:
 //   1. An object in the registry is alive, and has its stack id in the index whenever that is above
 //   0.
-//   2. An object leaves the registry by Remove alone: subscription out, Release, index and registry
-//   out, retired.
+//   2. An object leaves the registry by Remove alone: subscription out, Release (which takes its
+//   stack
+//      id out of the index), registry out, retired.
 //   3. What GetRegisterById and CreateRegister give is held and stays good until the hold is given
 //   back.
 #pragma once
