@@ -68,6 +68,17 @@ class TOLVANE_PUBLIC CXML {
   // The exact text of the found child, markup included, as it stood in the document that was read.
   [[nodiscard]] std::string GetChildSubDoc() const;
 
+  // For readers that have to know all that stands in a document.
+
+  // The next element on the level, whatever its name; non-zero if there is one.
+  int NextElem();
+  [[nodiscard]] std::string GetName() const;  // of the main element
+  // The line in which the main element begins, from 1, in the document that was read; 0 without
+  // one.
+  [[nodiscard]] int GetLine() const;
+  // The name of the main element's attribute at this place, from 0; empty behind the last.
+  [[nodiscard]] std::string GetAttribName(int nIndex) const;
+
   // Writing. Values are escaped. A null value is an empty one; there are no flags yet. Non-zero on
   // success.
 
@@ -77,8 +88,13 @@ class TOLVANE_PUBLIC CXML {
   int AddChildElem(const char* szName, const char* szValue, int nFlags);
   int AddChildElem(const char* szName, int nValue, int nFlags);
 
+  // A text as it may stand inside an element or between the quotes of an attribute, for who writes
+  // a document by hand.
+  [[nodiscard]] static std::string Escape(std::string_view strText);
+
  private:
   struct Document;
+  [[nodiscard]] std::int32_t NextOnLevel() const noexcept;
   Document& Own();  // for writing
   void Release() noexcept;
   void Swap(CXML& oOther) noexcept;

@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
 #include "Domletlib.h"
+#include "escape.h"
 #include "parser.h"
 #include "tree.h"
 
@@ -109,16 +111,17 @@ void CXML::ResetPos() { m_nParent = m_nMain = m_nChild = kNone; }
 
 void CXML::ResetMainPos() { m_nMain = m_nChild = kNone; }
 
-int CXML::FindElem(const char* szName) {
-  if (m_pDoc == nullptr || m_pDoc->oTree.nodes.empty()) return 0;
+// The element of the level at which a search goes on, or kNone.
+std::int32_t CXML::NextOnLevel() const noexcept {
+  if (m_pDoc == nullptr || m_pDoc->oTree.nodes.empty()) return kNone;
   const domlet::Tree& oTree = m_pDoc->oTree;
-  std::int32_t nFirst = 0;  // of the root level
-  if (m_nMain != kNone) {
-    nFirst = oTree.At(m_nMain).next;
-  } else if (m_nParent != kNone) {
-    nFirst = oTree.At(m_nParent).first_child;
-  }
-  const std::int32_t nFound = oTree.Find(nFirst, View(szName));
+  if (m_nMain != kNone) return oTree.At(m_nMain).next;
+  return m_nParent != kNone ? oTree.At(m_nParent).first_child : 0;
+}
+
+int CXML::FindElem(const char* szName) {
+  const std::int32_t nFirst = NextOnLevel();
+  const std::int32_t nFound = nFirst != kNone ? m_pDoc->oTree.Find(nFirst, View(szName)) : kNone;
   if (nFound == kNone) return 0;
   m_nMain = nFound;
   m_nChild = kNone;
@@ -175,6 +178,36 @@ std::string CXML::GetChildSubDoc() const {
   return oTree.source.substr(oNode.begin, oNode.end - oNode.begin);
 }
 
+int CXML::NextElem() {
+  const std::int32_t nNext = NextOnLevel();
+  if (nNext == kNone) return 0;
+  m_nMain = nNext;
+  m_nChild = kNone;
+  return 1;
+}
+
+std::string CXML::GetName() const {
+  if (m_nMain == kNone) return {};
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  return std::string(oTree.Name(oTree.At(m_nMain)));
+}
+
+int CXML::GetLine() const {
+  if (m_nMain == kNone) return 0;
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  const auto itBegin = oTree.source.begin();
+  return 1 + static_cast<int>(std::count(itBegin, itBegin + oTree.At(m_nMain).begin, '\n'));
+}
+
+std::string CXML::GetAttribName(int nIndex) const {
+  if (m_nMain == kNone || nIndex < 0) return {};
+  const domlet::Tree& oTree = m_pDoc->oTree;
+  const Node& oNode = oTree.At(m_nMain);
+  if (static_cast<std::uint32_t>(nIndex) >= oNode.attr_count) return {};
+  const auto nAttr = oNode.first_attr + static_cast<std::uint32_t>(nIndex);
+  return std::string(oTree.Value(oTree.attrs[nAttr].name));
+}
+
 // --- writing -------------------------------------------------------------------------------------
 
 int CXML::AddElem(const char* szName, const char* szValue, int /*nFlags*/) {
@@ -193,3 +226,5 @@ int CXML::AddChildElem(const char* szName, const char* szValue, int /*nFlags*/) 
 int CXML::AddChildElem(const char* szName, int nValue, int nFlags) {
   return AddChildElem(szName, std::to_string(nValue).c_str(), nFlags);
 }
+
+std::string CXML::Escape(std::string_view strText) { return domlet::Escape(strText).markup; }

@@ -15,8 +15,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "nsip/nsip.h"
@@ -63,6 +65,67 @@ TOLVANE_PUBLIC int Sipcarrier_RegisterHandler(ISipStackEvent* pHandler);
 // After it returns no further call comes (it waits for one under way, except when called from it).
 // 0, or -1.
 TOLVANE_PUBLIC int Sipcarrier_DeRegisterHandler(ISipStackEvent* pHandler);
+
+namespace sipcarrier {
+
+// What is wrong with a configuration file, for a person.
+struct ConfFault {
+  std::string file;
+  int line = 0;  // from 1; 0: the file as a whole
+  std::string reason;
+};
+
+// A template as it stands in the file.
+struct ConfMessage {
+  struct Header {
+    std::string name;
+    std::string value;  // cells not filled in
+    int line = 0;
+  };
+  std::string kind;
+  std::string method;
+  std::vector<Header> headers;
+  int line = 0;
+};
+
+}  // namespace sipcarrier
+
+// Templates for outgoing messages, read from a file (docs/configuration.md tells its form).
+//
+// Threads: everything may be called by any thread at any time. SetTransferCell and GetSipMsg are
+// one step of one thread; a file that another thread reads meanwhile counts from the next step on.
+class TOLVANE_PUBLIC CVorelSipConf {
+ public:
+  // The file is this name with ".xml" behind it.
+  explicit CVorelSipConf(const std::string& strName);
+  virtual ~CVorelSipConf();
+  CVorelSipConf(const CVorelSipConf&) = delete;
+  CVorelSipConf& operator=(const CVorelSipConf&) = delete;
+
+  // The directory of the file, for the next ReadConfFromFile.
+  virtual void SetCfgPath(const std::string& strPath);
+  // 0: the file's templates are in force. Non-zero: it is missing, unreadable or faulty, Faults
+  // tells why, and what was in force before still is. Does not throw.
+  virtual int ReadConfFromFile();
+
+  // The values for the next GetSipMsg of this thread; the map must live until then.
+  void SetTransferCell(const std::map<std::string, std::string>& mapCell);
+  // The first template of this kind and method with its cells filled in, or null when there is
+  // none. A header whose cell is missing, or whose value no header may hold, is left out. The
+  // message stays the library's and is good until this thread's next GetSipMsg. May throw
+  // std::bad_alloc.
+  nsip_message* GetSipMsg(const std::string& strFirst, const std::string& strSecond,
+                          nsip_message* pSipMessage);
+
+  // Of the last ReadConfFromFile; empty when it succeeded.
+  [[nodiscard]] std::vector<sipcarrier::ConfFault> Faults() const;
+  // What is in force.
+  [[nodiscard]] std::vector<sipcarrier::ConfMessage> Messages() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_pState;
+};
 
 namespace sipcarrier {
 
