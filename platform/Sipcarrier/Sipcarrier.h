@@ -220,6 +220,29 @@ using OutcomeFn = std::function<void(Outcome outcome)>;
 TOLVANE_PUBLIC void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare,
                                 OutcomeFn done);
 
+// A request from outside that waits for its answer. Never used twice; 0 stands for none.
+using ServerTransactionId = std::uint64_t;
+
+// Called on the I/O thread for each new request; retransmissions are the stack's affair (RFC 3261
+// §17.2.2). The answer is given with Respond, from the call or later: without one the transaction
+// ends after 64 * T1 unanswered.
+using RequestFn = std::function<void(std::unique_ptr<nsip_message> request, ServerTransactionId id,
+                                     const Endpoint& local)>;
+
+// From a result of true on, requests of this method reach the handler. An empty handler takes it
+// away: no call comes afterwards (it waits for one under way, except on the I/O thread). Stop takes
+// all handlers away. false: somebody handles the method already, not started, memory. Without a
+// handler OPTIONS is answered 200, a method that nobody handles 405 with Allow (RFC 3261 §8.2.1),
+// CANCEL 481; ACK and what is no proper request are dropped.
+[[nodiscard]] TOLVANE_PUBLIC bool SetRequestHandler(const std::string& method, RequestFn handler);
+
+// Sends the final answer (RFC 3261 §8.2.6): Via, From, To (with a tag of ours when it has none),
+// Call-ID and CSeq are the request's; `to_tag`, when not empty, is the tag to use. I/O thread only.
+// false: no such transaction, it has been answered, or memory.
+TOLVANE_PUBLIC bool Respond(ServerTransactionId id, int status, std::string_view reason,
+                            const std::vector<nsip_header>& headers = {},
+                            std::string_view to_tag = {});
+
 // The local endpoint that a request to this URI would come from, as far as it can be told without a
 // lookup (address literals); otherwise the bound address or, when none is bound, an address of this
 // machine. Any thread. false when not started.

@@ -1,4 +1,4 @@
-// sivra: the SIP user agent for registrations, on top of Sipcarrier.
+// sivra: the SIP user agent for registrations and for subscriptions, on top of Sipcarrier.
 //
 // Every sivra_register_ call stands between sivra_lock and sivra_unlock (not recursive) and may
 // come from any thread. Nothing is thrown. Outcomes come later as stack events (Sipcarrier.h) on
@@ -10,7 +10,10 @@
 // reports an outcome.
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "nsip/nsip.h"
 #include "visibility.h"
@@ -39,6 +42,60 @@ TOLVANE_PUBLIC int sivra_register_send_register(long id, nsip_message* msg);
 TOLVANE_PUBLIC void sivra_register_release(long id);
 
 namespace sivra {
+
+// The Contact URIs (texts, with the address that was settled when the last REGISTER left) of the
+// entries whose From is this address of record (RFC 3261 §19.1.4), in the order of their ids. Any
+// thread; takes sivra_lock.
+[[nodiscard]] TOLVANE_PUBLIC std::vector<std::string> RegisteredContacts(
+    const std::string& address_of_record);
+
+// --- subscriptions (RFC 6665), any event package -------------------------------------------------
+//
+// A subscription is a wish that lives until Unsubscribe or until it has ended for good: behind it
+// stands a SUBSCRIBE dialog, which is refreshed before it runs out and made anew when it was lost
+// (481, no answer, "deactivated", "probation", "timeout", "giveup"; RFC 6665 §4.1.3), with pauses
+// that grow. At the end of every Unsubscribe and of every end that the notifier meant (RFC 6665:
+// "rejected", "noresource", "invariant"; 403, 404, 489 ... to a SUBSCRIBE) OnEnd comes once, as the
+// listener's last call.
+
+struct SubscriptionInfo {
+  std::string from;     // addr-spec or name-addr; names the credentials too
+  std::string to;       // the same; its URI is the Request-URI
+  std::string event;    // "reg": a token
+  std::string accept;   // "application/reginfo+xml"; other bodies are answered 415
+  int expires = 3600;   // seconds to ask for; above 0
+  bool refresh = true;  // false: it runs out, which is its end
+};
+
+// Called on the stack's I/O thread, with no lock held: to be left soon. Must not throw. It may call
+// the functions below.
+class TOLVANE_PUBLIC SubscriptionListener {
+ public:
+  virtual ~SubscriptionListener();
+  // The body of a NOTIFY, in the order of the notifier's CSeq within a dialog. `new_dialog`: the
+  // first body of a dialog, which with RFC 3680 is a full document and starts a numbering anew.
+  virtual void OnNotify(long id, const std::string& body, bool new_dialog) = 0;
+  // `status`: the final SIP status when a SUBSCRIBE was refused, otherwise 0.
+  virtual void OnEnd(long id, int status, const std::string& reason) = 0;
+};
+
+// Starts a subscription; the network follows. Its id, from 1, never used twice; -1: a text is no
+// address, event no token, expires below 1, stack not started, memory. Any thread.
+[[nodiscard]] TOLVANE_PUBLIC long Subscribe(const SubscriptionInfo& info,
+                                            std::shared_ptr<SubscriptionListener> listener);
+// Ends it: SUBSCRIBE with Expires 0, its final NOTIFY (waited for, but not for ever), OnEnd. Bodies
+// that come on the way are still told. False: no such subscription, or memory.
+TOLVANE_PUBLIC bool Unsubscribe(long id);
+// Asks the notifier for its full state by a SUBSCRIBE in the dialog (RFC 6665 §4.1.2.2), at most
+// once in a while. False: no such subscription, or memory.
+TOLVANE_PUBLIC bool RefreshSubscription(long id);
+// Ends all that this listener has, without another word to it: it waits for a call under way. For a
+// plug-in that is about to be unloaded; not on the I/O thread. What is owed to the notifiers is
+// still sent.
+TOLVANE_PUBLIC void ForgetListener(const SubscriptionListener* listener);
+// Subscriptions alive, those that still say goodbye included.
+[[nodiscard]] TOLVANE_PUBLIC std::size_t SubscriptionCount();
+
 // Frees a message that sivra_register_build_register gave and that will not be sent.
 TOLVANE_PUBLIC void FreeMessage(nsip_message* msg);
 // Entries alive, released ones that still finish included. For tests and diagnostics; needs no
