@@ -123,6 +123,24 @@ bool RunOnIoThread(std::function<void()> task) {
   return stack != nullptr && stack->Post(std::move(task));
 }
 
+IoTimer::IoTimer(IoTimerSink& sink) : impl_(std::make_unique<Impl>(sink)) {}
+
+IoTimer::~IoTimer() = default;
+
+bool IoTimer::Set(std::chrono::milliseconds delay) noexcept {
+  Stack* stack = Stack::OfThisThread();
+  return stack != nullptr && stack->SetIoTimer(*impl_, delay);
+}
+
+void IoTimer::Cancel() noexcept {
+  if (Stack* stack = Stack::OfThisThread()) stack->CancelIoTimer(*impl_);
+}
+
+std::chrono::milliseconds TimerT1() {
+  const auto stack = TheStack();
+  return stack == nullptr ? std::chrono::milliseconds(0) : stack->t1();
+}
+
 void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
   if (Stack* stack = Stack::OfThisThread()) {
     stack->Submit(std::move(request), std::move(prepare), std::move(done));

@@ -102,22 +102,28 @@ class TOLVANE_PUBLIC CVorelSipConf {
   CVorelSipConf(const CVorelSipConf&) = delete;
   CVorelSipConf& operator=(const CVorelSipConf&) = delete;
 
-  // The directory of the file, for the next ReadConfFromFile.
+  // The directory of the file, for the next ReadConfFromFile, with or without a "/" at its end; a
+  // relative one is looked for from the process's current directory. Empty: there is none, and
+  // reading fails until another one is set.
   virtual void SetCfgPath(const std::string& strPath);
   // 0: the file's templates are in force. Non-zero: it is missing, unreadable or faulty, Faults
-  // tells why, and what was in force before still is. Does not throw.
+  // tells why, and what was in force before still is. Of calls at the same time the last one to end
+  // counts. Does not throw.
   virtual int ReadConfFromFile();
 
-  // The values for the next GetSipMsg of this thread; the map must live until then.
+  // The values for the next GetSipMsg of this thread, and for no further one; the map must live
+  // until then.
   void SetTransferCell(const std::map<std::string, std::string>& mapCell);
   // The first template of this kind and method with its cells filled in, or null when there is
-  // none. A header whose cell is missing, or whose value no header may hold, is left out. The
-  // message stays the library's and is good until this thread's next GetSipMsg. May throw
-  // std::bad_alloc.
+  // none. A header whose cell is missing, or whose value no header may hold, is left out; Expires
+  // is spelled "expires", however the file has it. The message has its header list only. It stays
+  // the library's and is good until this thread's next GetSipMsg. pSipMessage is not looked at. May
+  // throw std::bad_alloc.
   nsip_message* GetSipMsg(const std::string& strFirst, const std::string& strSecond,
                           nsip_message* pSipMessage);
 
-  // Of the last ReadConfFromFile; empty when it succeeded.
+  // Of the last ReadConfFromFile, in the order of lines; empty when it succeeded, and when memory
+  // ran out.
   [[nodiscard]] std::vector<sipcarrier::ConfFault> Faults() const;
   // What is in force.
   [[nodiscard]] std::vector<sipcarrier::ConfMessage> Messages() const;
@@ -203,6 +209,42 @@ struct Outcome {
 // Runs the task on the I/O thread, in order of the calls; false when the stack is not running or
 // memory is exhausted (the task will not run). Tasks must not throw.
 [[nodiscard]] TOLVANE_PUBLIC bool RunOnIoThread(std::function<void()> task);
+
+// T1 of the running stack (RFC 3261 §17.1.1.1), the measure of what user agents wait for; 0 when
+// not started. Any thread.
+[[nodiscard]] TOLVANE_PUBLIC std::chrono::milliseconds TimerT1();
+
+// Whom a timer calls, on the I/O thread; either call may destroy the timer.
+class IoTimerSink {
+ public:
+  virtual void OnIoTimer() noexcept = 0;  // the time is over; the timer may be set again
+  // Stop has begun: comes once to each timer that was ever set, whether it is set now or not. What
+  // is sent from here is still waited for; the timer cannot be set any more.
+  virtual void OnIoStop() noexcept = 0;
+
+ protected:
+  ~IoTimerSink() = default;
+};
+
+// A one-shot timer of the I/O thread, which alone may use it, and destroy it once it has been set.
+// The time in which the machine sleeps counts.
+class TOLVANE_PUBLIC IoTimer {
+ public:
+  explicit IoTimer(IoTimerSink& sink);  // any thread; may throw std::bad_alloc
+  IoTimer(const IoTimer&) = delete;
+  IoTimer& operator=(const IoTimer&) = delete;
+  ~IoTimer();
+
+  // Takes the place of what was set. false: not on the I/O thread, the stack stops or, for the
+  // first call only, memory.
+  [[nodiscard]] bool Set(std::chrono::milliseconds delay) noexcept;
+  void Cancel() noexcept;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
 
 // Called on the I/O thread when the destination and with it the local endpoint are known, before
 // the request is written: the place for Contact. false gives the request up (kUnsent).

@@ -164,7 +164,7 @@ struct IoLoop::Impl final : FdEvents {
   IoLoop& loop;
   OwnedFd wake{MustOpen(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd")};
   OwnedFd timer{
-      MustOpen(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create")};
+      MustOpen(::timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create")};
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
   std::unique_ptr<FdWatch> wake_watch;

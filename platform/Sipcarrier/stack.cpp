@@ -31,7 +31,8 @@ class SignalsBlocked {
 Stack* Stack::OfThisThread() { return t_stack; }
 
 Stack::Stack(const Config& config)
-    : tracer_(config.trace, counters_),
+    : t1_(config.t1),
+      tracer_(config.trace, counters_),
       delivery_(counters_),
       loop_(*this),
       transactions_({config.t1, config.t2, config.t4}, timers_, finder_, tracer_, counters_),
@@ -78,7 +79,7 @@ void Stack::Stop(std::chrono::milliseconds deadline) {
     loop_.Wake();
     io_thread_.join();
   }
-  delivery_.Stop(end);
+  delivery_.Stop(std::chrono::steady_clock::now() + (end - Clock::now()));
   // Completed transactions end before the sockets; the sockets before Stop returns, so that the
   // port is free.
   transactions_.FailAll();
@@ -90,7 +91,31 @@ void Stack::OnAlarm() noexcept { timers_.Run(Clock::now()); }
 
 void Stack::OnTimer(Timer& /*timer*/) noexcept { transactions_.FailAll(); }
 
+bool Stack::SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept {
+  if (io_timers_closed_) return false;
+  if (!timer.linked()) {
+    try {
+      timers_.Attach(timer.timer);
+    } catch (...) {
+      return false;
+    }
+    io_timers_.PushBack(timer);
+  }
+  timers_.Set(timer.timer, Clock::now() + delay);
+  return true;
+}
+
+void Stack::EndIoTimers() noexcept {
+  io_timers_closed_ = true;
+  while (IoTimer::Impl* timer = io_timers_.PopFront()) {
+    timers_.Detach(timer->timer);
+    timer->sink.OnIoStop();
+  }
+}
+
 void Stack::OnTurnEnd() noexcept {
+  // The tasks that were taken come first: what they start counts as in flight.
+  if (stopping_.load(std::memory_order_acquire) && !loop_.HasTasks()) EndIoTimers();
   transactions_.StartFresh();
   resolver_->Deliver();  // after the start of lookups, some of which are answered at once
   udp_->Flush();

@@ -13,6 +13,18 @@
 
 namespace sipcarrier {
 
+struct IoTimerTag;
+
+// What stands behind the public timer; the list and the queue of the stack that it was set on last
+// know it until that stack ends.
+struct IoTimer::Impl final : Hook<IoTimerTag>, TimerSink {
+  explicit Impl(IoTimerSink& sink_in) : timer(*this), sink(sink_in) {}
+  void OnTimer(Timer& /*timer*/) noexcept override { sink.OnIoTimer(); }
+
+  Timer timer;
+  IoTimerSink& sink;
+};
+
 // From one Start to the next Stop. Open and Stop: one thread at a time. Submit: the I/O thread. The
 // rest: any thread, as long as it holds a reference.
 class Stack final : LoopClient, TimerSink {
@@ -31,6 +43,10 @@ class Stack final : LoopClient, TimerSink {
   void Submit(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
     transactions_.Submit(std::move(request), std::move(prepare), std::move(done));
   }
+  // The I/O thread. false: stopping, or no memory for a timer that was never set.
+  [[nodiscard]] bool SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept;
+  void CancelIoTimer(IoTimer::Impl& timer) noexcept { timers_.Cancel(timer.timer); }
+  [[nodiscard]] std::chrono::milliseconds t1() const { return t1_; }
   [[nodiscard]] bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local);
   [[nodiscard]] const std::vector<SocketAddress>& bound() const { return bound_; }
   [[nodiscard]] const CredentialStore& credentials() const { return credentials_; }
@@ -45,7 +61,9 @@ class Stack final : LoopClient, TimerSink {
   void OnTaskFailed() noexcept override { LiveCounters::Add(counters_.lost_no_memory); }
   void OnTimer(Timer& timer) noexcept override;
   void StartThreads();
+  void EndIoTimers() noexcept;
 
+  const std::chrono::milliseconds t1_;
   // In the order in which they need each other.
   LiveCounters counters_;
   CredentialStore credentials_;
@@ -59,6 +77,8 @@ class Stack final : LoopClient, TimerSink {
   std::optional<Resolver> resolver_;
   std::vector<SocketAddress> bound_;  // immutable once open
   Timer stop_timer_;
+  IntrusiveList<IoTimer::Impl, IoTimerTag> io_timers_;  // in the queue, set or not
+  bool io_timers_closed_ = false;
   std::thread io_thread_;
 
   Clock::time_point stop_deadline_;  // written before stopping_

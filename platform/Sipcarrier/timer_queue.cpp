@@ -1,8 +1,15 @@
 #include "Sipcarrier/timer_queue.h"
 
 #include <algorithm>
+#include <ctime>
 
 namespace sipcarrier {
+
+Clock::time_point Clock::now() noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return time_point(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+}
 
 Timer::~Timer() {
   if (queue_ != nullptr) queue_->Detach(*this);

@@ -1,4 +1,5 @@
-// All timers of the stack in one heap on the monotonic clock: setting and cancelling cost O(log n).
+// All timers of the stack in one heap on a clock that nobody sets: setting and cancelling cost
+// O(log n).
 #pragma once
 
 #include <chrono>
@@ -8,7 +9,15 @@
 
 namespace sipcarrier {
 
-using Clock = std::chrono::steady_clock;
+// Goes on while the machine sleeps, as what a registrar or notifier has granted does.
+struct Clock {
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<Clock>;
+  static constexpr bool is_steady = true;
+  [[nodiscard]] static time_point now() noexcept;
+};
 
 class Timer;
 
