@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "Sipcarrier/stack.h"
@@ -149,6 +150,23 @@ void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, Outco
     outcome.reason = "a request was sent from a thread that is not the I/O thread";
     done(std::move(outcome));
   }
+}
+
+bool SetRequestHandler(const std::string& method, RequestFn handler) {
+  try {
+    const bool on_io_thread = Stack::OfThisThread() != nullptr;
+    const auto stack = TheStack();
+    return stack != nullptr &&
+           stack->server().handlers().Set(method, std::move(handler), on_io_thread);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+bool Respond(ServerTransactionId id, int status, std::string_view reason,
+             const std::vector<nsip_header>& headers, std::string_view to_tag) {
+  Stack* stack = Stack::OfThisThread();
+  return stack != nullptr && stack->server().Respond(id, status, reason, headers, to_tag);
 }
 
 bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local) {

@@ -169,14 +169,20 @@ struct Config {
 };
 
 struct Counters {
-  std::uint64_t sent = 0;      // datagrams, retransmissions included
-  std::uint64_t received = 0;  // datagrams
-  std::uint64_t retransmitted = 0;
+  std::uint64_t sent = 0;             // datagrams, retransmissions included
+  std::uint64_t received = 0;         // datagrams
+  std::uint64_t retransmitted = 0;    // requests
   std::uint64_t dropped_garbage = 0;  // no SIP message
-  std::uint64_t dropped_stray = 0;    // answers to nobody, requests (none are served yet)
+  std::uint64_t dropped_stray = 0;    // answers to nobody, ACKs
   std::uint64_t timeouts = 0;
   std::uint64_t lost_no_memory = 0;
-  std::size_t transactions = 0;  // alive now, completed ones included
+  std::size_t transactions = 0;  // client transactions alive now, completed ones included
+  // Of requests from outside.
+  std::uint64_t requests = 0;           // new ones
+  std::uint64_t requests_answered = 0;  // the stack's own answers included
+  std::uint64_t requests_repeated = 0;  // copies: absorbed, or answered with the same bytes
+  std::uint64_t dropped_overload = 0;   // more unanswered ones than the stack keeps (4,096)
+  std::size_t server_transactions = 0;  // alive now, answered ones included
 };
 
 // Binds the sockets and starts the threads. 0; or -1 and a text that says what failed and what to
@@ -252,13 +258,13 @@ class TOLVANE_PUBLIC IoTimer {
 using PrepareFn = std::function<bool(nsip_message& request, const Endpoint& local)>;
 using OutcomeFn = std::function<void(Outcome outcome)>;
 
-// Starts a client transaction (RFC 3261 §17.1.2) for a request that is complete but for Via. I/O
-// thread only. Destination: the topmost Route, else the Request-URI (RFC 3261 §8.1.2), `maddr`,
-// `transport` and port heeded; names are looked up asynchronously. A new branch and `rport` (RFC
-// 3581) go into the Via. `done` runs exactly once on the I/O thread, also when sending fails at
-// once (then from a later turn of the loop) and at Stop: kTimeout when the request had left, else
-// kUnsent. Only when memory is so short that not even this can be noted, it runs before SendRequest
-// returns. 1xx are consumed.
+// Starts a client transaction (RFC 3261 §17.1.2) for a request of any method but INVITE and ACK,
+// complete but for Via. I/O thread only. Destination: the topmost Route, else the Request-URI (RFC
+// 3261 §8.1.2), `maddr`, `transport` and port heeded; names are looked up asynchronously. A new
+// branch and `rport` (RFC 3581) go into the Via. `done` runs exactly once on the I/O thread, also
+// when sending fails at once (then from a later turn of the loop) and at Stop: kTimeout when the
+// request had left, else kUnsent. Only when memory is so short that not even this can be noted, it
+// runs before SendRequest returns. 1xx are consumed.
 TOLVANE_PUBLIC void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare,
                                 OutcomeFn done);
 
@@ -275,12 +281,16 @@ using RequestFn = std::function<void(std::unique_ptr<nsip_message> request, Serv
 // away: no call comes afterwards (it waits for one under way, except on the I/O thread). Stop takes
 // all handlers away. false: somebody handles the method already, not started, memory. Without a
 // handler OPTIONS is answered 200, a method that nobody handles 405 with Allow (RFC 3261 §8.2.1),
-// CANCEL 481; ACK and what is no proper request are dropped.
+// CANCEL 481; ACK and what is no proper request are dropped. What a handler gets demands no
+// extension (420 otherwise) and has a sip or sips URI (416). A handler that throws std::bad_alloc
+// has not seen the request; its next copy counts as new. INVITE, ACK and CANCEL cannot be handled.
 [[nodiscard]] TOLVANE_PUBLIC bool SetRequestHandler(const std::string& method, RequestFn handler);
 
 // Sends the final answer (RFC 3261 §8.2.6): Via, From, To (with a tag of ours when it has none),
-// Call-ID and CSeq are the request's; `to_tag`, when not empty, is the tag to use. I/O thread only.
-// false: no such transaction, it has been answered, or memory.
+// Call-ID and CSeq are the request's; `to_tag`, when not empty, is the tag of ours. The headers are
+// those that have no field of their own in nsip_message. I/O thread only. false: no such
+// transaction, it has been answered, a part of the answer is not well-formed, or memory (then the
+// transaction is gone, and the next copy of the request counts as new).
 TOLVANE_PUBLIC bool Respond(ServerTransactionId id, int status, std::string_view reason,
                             const std::vector<nsip_header>& headers = {},
                             std::string_view to_tag = {});

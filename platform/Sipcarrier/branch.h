@@ -1,4 +1,4 @@
-// Branch parameters: the name of a client transaction on the wire.
+// Random names on the wire: branch parameters and tags.
 #pragma once
 
 #include <string>
@@ -8,5 +8,7 @@ namespace sipcarrier {
 // The magic cookie of RFC 3261 §8.1.1.7 and 128 random bits: whoever cannot see the request cannot
 // answer it. false when the system gives no randomness. May throw std::bad_alloc.
 [[nodiscard]] bool MakeBranch(std::string& branch);
+// The same for a tag (RFC 3261 §19.3).
+[[nodiscard]] bool MakeTag(std::string& tag);
 
 }  // namespace sipcarrier

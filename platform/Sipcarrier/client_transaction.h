@@ -17,7 +17,7 @@ namespace sipcarrier {
 class ClientTransaction;
 
 // What happens to a transaction on its own. The transaction may be gone afterwards.
-class TransactionEvents {
+class TransactionEvents : public SendEvents {
  public:
   virtual void OnAddresses(ClientTransaction& transaction, std::span<const SocketAddress> addresses,
                            std::string_view failure) noexcept = 0;
@@ -46,7 +46,7 @@ class ClientTransaction final : public Hook<AllTag>,
   enum class State { kFresh, kResolving, kTrying, kProceeding, kCompleted };
 
   explicit ClientTransaction(TransactionEvents& events)
-      : retransmit_timer(*this), deadline_timer(*this), events_(events) {}
+      : Outgoing(events), retransmit_timer(*this), deadline_timer(*this), events_(events) {}
 
   State state = State::kFresh;
   bool finished = false;  // `done` has been taken

@@ -26,8 +26,7 @@ void ServerLayer::Receive(std::unique_ptr<nsip_message> request, std::string_vie
   }
   // The end of somebody's INVITE, which has been refused; it has no answer (RFC 3261 §17.1.1.3).
   const bool served = request->sip_method != "ACK";
-  ServerTransaction* transaction =
-      served ? Begin(*request, std::move(key), from, local) : nullptr;
+  ServerTransaction* transaction = served ? Begin(*request, std::move(key), from, local) : nullptr;
   tracer_.Record(false, transaction == nullptr ? local : transaction->local, from, text);
   if (!served) LiveCounters::Add(counters_.dropped_stray);
   if (transaction == nullptr) return;
@@ -50,7 +49,8 @@ void ServerLayer::Repeat(ServerTransaction& transaction) noexcept {
 // Null when the request is dropped.
 ServerTransaction* ServerLayer::Begin(nsip_message& request, std::string key,
                                       const SocketAddress& from, const SocketAddress& local) {
-  auto made = std::make_unique<ServerTransaction>(*this);
+  ServerTransactionEvents& events = *this;
+  auto made = std::make_unique<ServerTransaction>(events);
   ServerTransaction& transaction = *made;
   transaction.to = ResponseAddress(*request.vias.front(), from);
   NoteSource(*request.vias.front(), from);

@@ -61,8 +61,9 @@ std::string TransactionKey(const nsip_message& request) {
 }
 
 void NoteSource(nsip_via& via, const SocketAddress& from) {
-  std::erase_if(via.params,
-                [](const nsip_generic_param& param) { return EqualNoCase(param.name, "received"); });
+  std::erase_if(via.params, [](const nsip_generic_param& param) {
+    return EqualNoCase(param.name, "received");
+  });
   const bool asked = AsksForPort(via);
   for (nsip_generic_param& param : via.params) {
     if (!EqualNoCase(param.name, "rport")) continue;

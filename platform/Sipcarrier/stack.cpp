@@ -35,7 +35,9 @@ Stack::Stack(const Config& config)
       tracer_(config.trace, counters_),
       delivery_(counters_),
       loop_(*this),
-      transactions_({config.t1, config.t2, config.t4}, timers_, finder_, tracer_, counters_),
+      server_(config.t1, timers_, finder_, tracer_, counters_),
+      transactions_({config.t1, config.t2, config.t4}, timers_, finder_, tracer_, counters_,
+                    server_),
       stop_timer_(*this) {
   timers_.Attach(stop_timer_);
 }
@@ -55,6 +57,7 @@ bool Stack::Open(const Config& config, std::string& error) {
   }
   resolver_.emplace(loop_, timers_, bound_.size() == 2 ? AF_UNSPEC : bound_.front().family());
   transactions_.Attach(*udp_, *resolver_);
+  server_.Attach(*udp_);
   StartThreads();
   return true;
 }
@@ -83,6 +86,7 @@ void Stack::Stop(std::chrono::milliseconds deadline) {
   // Completed transactions end before the sockets; the sockets before Stop returns, so that the
   // port is free.
   transactions_.FailAll();
+  server_.Close();
   resolver_.reset();
   udp_.reset();
 }

@@ -25,8 +25,8 @@ struct IoTimer::Impl final : Hook<IoTimerTag>, TimerSink {
   IoTimerSink& sink;
 };
 
-// From one Start to the next Stop. Open and Stop: one thread at a time. Submit: the I/O thread. The
-// rest: any thread, as long as it holds a reference.
+// From one Start to the next Stop. Open and Stop: one thread at a time. Submit, and what server()
+// gives but for its handlers: the I/O thread. The rest: any thread, as long as it holds a reference.
 class Stack final : LoopClient, TimerSink {
  public:
   explicit Stack(const Config& config);  // may throw
@@ -47,6 +47,7 @@ class Stack final : LoopClient, TimerSink {
   [[nodiscard]] bool SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept;
   void CancelIoTimer(IoTimer::Impl& timer) noexcept { timers_.Cancel(timer.timer); }
   [[nodiscard]] std::chrono::milliseconds t1() const { return t1_; }
+  [[nodiscard]] ServerLayer& server() { return server_; }
   [[nodiscard]] bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local);
   [[nodiscard]] const std::vector<SocketAddress>& bound() const { return bound_; }
   [[nodiscard]] const CredentialStore& credentials() const { return credentials_; }
@@ -72,6 +73,7 @@ class Stack final : LoopClient, TimerSink {
   EventDelivery delivery_;
   IoLoop loop_;
   TimerQueue timers_;
+  ServerLayer server_;
   TransactionLayer transactions_;
   std::unique_ptr<UdpTransport> udp_;
   std::optional<Resolver> resolver_;

@@ -23,8 +23,13 @@ constexpr std::string_view kNoMemory = "no memory";
 
 TransactionLayer::TransactionLayer(const Timing& timing, TimerQueue& timers,
                                    LocalAddressFinder& finder, Tracer& tracer,
-                                   LiveCounters& counters)
-    : timing_(timing), timers_(timers), finder_(finder), tracer_(tracer), counters_(counters) {
+                                   LiveCounters& counters, ServerLayer& server)
+    : timing_(timing),
+      timers_(timers),
+      finder_(finder),
+      tracer_(tracer),
+      counters_(counters),
+      server_(server) {
   RefillSpares();
 }
 
@@ -368,6 +373,7 @@ void TransactionLayer::Receive(std::string_view text, const SocketAddress& from,
     LiveCounters::Add(counters_.dropped_garbage);
     return;
   }
+  if (message->status_code == 0) return server_.Receive(std::move(message), text, from, local);
   ClientTransaction* transaction = Match(*message);
   tracer_.Record(false, transaction == nullptr ? local : transaction->local, from, text);
   if (transaction == nullptr) {
@@ -397,7 +403,7 @@ void TransactionLayer::Receive(std::string_view text, const SocketAddress& from,
 
 // RFC 3261 §17.1.3 (branch and CSeq method), §18.1.2 (sent-by), §8.1.3.3 (one Via only).
 ClientTransaction* TransactionLayer::Match(const nsip_message& response) const {
-  if (response.status_code < 100 || response.vias.size() != 1) return nullptr;
+  if (response.vias.size() != 1) return nullptr;
   const nsip_via& via = *response.vias.front();
   const nsip_generic_param* branch = nullptr;
   if (nsip_generic_param_get_byname(via.params, "branch", &branch) != 0) return nullptr;

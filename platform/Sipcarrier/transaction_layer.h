@@ -1,5 +1,6 @@
-// The transaction layer: starts client transactions, matches responses to them, and tells their
-// outcome.
+// The client side of the transaction layer: starts client transactions, matches responses to them,
+// and tells their outcome. What the transport receives comes here first; requests go on to the
+// server side.
 #pragma once
 
 #include <array>
@@ -9,6 +10,7 @@
 #include "Sipcarrier/client_transaction.h"
 #include "Sipcarrier/counters.h"
 #include "Sipcarrier/local_address.h"
+#include "Sipcarrier/server_layer.h"
 #include "Sipcarrier/trace.h"
 
 namespace sipcarrier {
@@ -21,7 +23,7 @@ class TransactionLayer final : public TransportSink, TransactionEvents {
     std::chrono::milliseconds t1, t2, t4;
   };
   TransactionLayer(const Timing& timing, TimerQueue& timers, LocalAddressFinder& finder,
-                   Tracer& tracer, LiveCounters& counters);
+                   Tracer& tracer, LiveCounters& counters, ServerLayer& server);
   TransactionLayer(const TransactionLayer&) = delete;
   TransactionLayer& operator=(const TransactionLayer&) = delete;
   ~TransactionLayer();
@@ -43,13 +45,13 @@ class TransactionLayer final : public TransportSink, TransactionEvents {
 
   void OnReceived(std::string_view text, const SocketAddress& from,
                   const SocketAddress& local) noexcept override;
-  void OnSent(Outgoing& message) noexcept override;
-  void OnSendFailed(Outgoing& message, int error) noexcept override;
   void OnUnreachable(const SocketAddress& to, int error) noexcept override;
 
  private:
   using DestinationList = IntrusiveList<ClientTransaction, DestinationTag>;
 
+  void OnSent(Outgoing& message) noexcept override;
+  void OnSendFailed(Outgoing& message, int error) noexcept override;
   void OnAddresses(ClientTransaction& transaction, std::span<const SocketAddress> addresses,
                    std::string_view failure) noexcept override;
   void OnRetransmitTimer(ClientTransaction& transaction) noexcept override;
@@ -77,6 +79,7 @@ class TransactionLayer final : public TransportSink, TransactionEvents {
   LocalAddressFinder& finder_;
   Tracer& tracer_;
   LiveCounters& counters_;
+  ServerLayer& server_;
   Transport* transport_ = nullptr;
   Resolver* resolver_ = nullptr;
 

@@ -10,9 +10,24 @@
 
 namespace sipcarrier {
 
+struct Outgoing;
+
+// What becomes of a message. Called on the I/O thread, never from inside Transport::Send.
+class SendEvents {
+ public:
+  virtual void OnSent(Outgoing& message) noexcept = 0;
+  // The system refused the message; an errno value.
+  virtual void OnSendFailed(Outgoing& message, int error) noexcept = 0;
+
+ protected:
+  ~SendEvents() = default;
+};
+
 // A message on its way out; part of its sender, which keeps the text alive while it is queued. One
 // that is destroyed or unlinked is not sent.
 struct Outgoing : Hook<Outgoing> {
+  explicit Outgoing(SendEvents& of) : sender(of) {}
+  SendEvents& sender;
   SocketAddress to;
   std::string_view text;
 };
@@ -23,9 +38,6 @@ class TransportSink {
   // `local` and the text are valid during the call.
   virtual void OnReceived(std::string_view text, const SocketAddress& from,
                           const SocketAddress& local) noexcept = 0;
-  virtual void OnSent(Outgoing& message) noexcept = 0;
-  // The system refused the message; an errno value.
-  virtual void OnSendFailed(Outgoing& message, int error) noexcept = 0;
   // The network reported that what went there does not arrive (RFC 3261 §18.4).
   virtual void OnUnreachable(const SocketAddress& to, int error) noexcept = 0;
 

@@ -126,7 +126,10 @@ void UdpTransport::Socket::Flush() noexcept {
     const int sent = SendBatch();
     if (sent > 0) {
       attempts = 0;
-      for (int i = 0; i < sent; ++i) sink_.OnSent(*queue_.PopFront());
+      for (int i = 0; i < sent; ++i) {
+        Outgoing* message = queue_.PopFront();
+        message->sender.OnSent(*message);
+      }
       continue;
     }
     const int error = errno;
@@ -143,7 +146,7 @@ void UdpTransport::Socket::Flush() noexcept {
     const bool foreign = (reported && error != EMSGSIZE) || error == ECONNREFUSED;
     if (++attempts < (foreign ? kErrorsPerTurn : 2)) continue;
     attempts = 0;
-    if (Outgoing* message = queue_.PopFront()) sink_.OnSendFailed(*message, error);
+    if (Outgoing* message = queue_.PopFront()) message->sender.OnSendFailed(*message, error);
   }
 }
 

@@ -93,6 +93,9 @@ bool parse_uri_params(std::string_view text, nsip_param_list& params) {
 }
 
 bool append_params(const nsip_param_list& params, std::string& text) {
+  if (params.size() > kMaxParams) {
+    return false;
+  }
   for (const nsip_generic_param& param : params) {
     if (!nsip_is_token(param.name) || (param.has_value && !is_param_value(param.value))) {
       return false;
@@ -103,6 +106,9 @@ bool append_params(const nsip_param_list& params, std::string& text) {
 }
 
 bool append_uri_params(const nsip_param_list& params, std::string& text) {
+  if (params.size() > kMaxParams) {
+    return false;
+  }
   for (const nsip_generic_param& param : params) {
     if (!is_uri_param_text(param.name) || (param.has_value && !is_uri_param_text(param.value))) {
       return false;

@@ -73,7 +73,7 @@ TEST_F(StackTest, OnlyTheOneWhoWasAskedCanAnswerAndOnceUntilTimerK) {
       Replaced(answer, endpoint, "127.0.0.1"),
       Replaced(answer, "Via: " + via, "Via: " + via + "\r\nVia: " + via),
       Replaced(answer, via.substr(via.find(";branch")), ";rport"),
-      request,
+      Replaced(Replaced(request, "REGISTER sip", "ACK sip"), "7 REGISTER", "7 ACK"),
   };
   for (const auto& stray : strays) peer.Send(stray);
   for (const auto& garbage : {answer.substr(0, 99), std::string(1400, '\xff')}) peer.Send(garbage);
