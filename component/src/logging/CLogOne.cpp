@@ -184,6 +184,7 @@ void CLogOne::WriteRecord(const LOG_THREAD_RECORD& stRecord, const char* szWord,
                           const char* szMessage) noexcept {
   char szHead[HEAD_SIZE];
   if (!ComposeHead(stRecord.szFunction, stRecord.szFile, stRecord.nLine, szHead)) return;
+  if (m_eBeginning == E_BEGINNING_OWED) WriteBeginning();
   std::fprintf(m_fp, "%s[%s]\r\n%s\r\n%s%s", szHead, szWord, "Content:", szMessage, "\r\n");
   FlushFile();
 }
@@ -193,6 +194,7 @@ void CLogOne::WriteTrace(const char* szFunction, const char* szFile, int nLine,
   if (m_nLevel < E_LOG_DEBUG || !WritesToFile()) return;
   char szHead[HEAD_SIZE];
   if (!ComposeHead(szFunction, szFile, nLine, szHead)) return;
+  if (m_eBeginning == E_BEGINNING_OWED) WriteBeginning();
   std::fprintf(m_fp, "%s[%s]%s", szHead, bEnter != 0 ? "Enter" : "Leave", "\r\n");
   FlushFile();
 }

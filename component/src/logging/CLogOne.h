@@ -54,10 +54,14 @@ class CLogOne : public ILogOne {
                    int nLevel) noexcept override;
 
  private:
+  // Where the line is that each opening of the file writes.
+  enum E_BEGINNING { E_BEGINNING_WRITTEN, E_BEGINNING_BUFFERED, E_BEGINNING_OWED };
+
   // The file (LogFile.cpp); called with the lock held.
   void OpenLogFile() noexcept;
   void CheckLogSize() noexcept;
   void PrepareFile() noexcept;  // one of the two, before every write
+  void WriteBeginning() noexcept;
   void FlushFile() noexcept;
   bool BuildPath(int nCopy, char (&szPath)[PATH_SIZE]) const noexcept;  // copy 0 is the live file
 
@@ -79,6 +83,8 @@ class CLogOne : public ILogOne {
   char m_szDir[PATH_SIZE] = "";
   CLogThreads m_oThreads;
   std::FILE* m_fp = nullptr;
+  long m_nWhole = 0;  // size of the file, up to the last whole record
+  E_BEGINNING m_eBeginning = E_BEGINNING_WRITTEN;
   int m_nLevel = E_LOG_DEBUG;
   int m_nMaxBytes = 0x500000;
   int m_nFileCount = 1;

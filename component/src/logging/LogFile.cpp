@@ -95,17 +95,25 @@ void CLogOne::OpenLogFile() noexcept {
     if (BuildPath(0, szPath)) m_fp = std::fopen(szPath, "ab+e");
   }
   if (m_fp == nullptr) return;
+  std::fseek(m_fp, 0, SEEK_END);
+  m_nWhole = std::ftell(m_fp);
+  WriteBeginning();
+}
+
+void CLogOne::WriteBeginning() noexcept {
   char szStamp[LOG_STAMP_SIZE];
   FormatStampNow(szStamp);
   std::fprintf(m_fp, "%s%s\r\n", "Begin Time:", szStamp);
+  m_eBeginning = E_BEGINNING_BUFFERED;
 }
 
 void CLogOne::CheckLogSize() noexcept {
   const CLogOneLocker oLocker;
+  FlushFile();  // the line of the beginning may still wait; seeking could lose it unseen
   std::fseek(m_fp, 0, SEEK_END);
-  const long nSize = std::ftell(m_fp);
+  m_nWhole = std::ftell(m_fp);
   std::fseek(m_fp, 0, SEEK_SET);
-  if (nSize < m_nMaxBytes) return;
+  if (m_nWhole < m_nMaxBytes) return;
 
   // Whatever fclose says, the stream is gone after it and must not be touched again.
   if (std::fclose(m_fp) != 0) {
@@ -131,10 +139,17 @@ void CLogOne::CheckLogSize() noexcept {
   OpenLogFile();
 }
 
+// All of what was written since the last flush, or nothing: a full disk must not leave a piece of a
+// record in the file.
 void CLogOne::FlushFile() noexcept {
-  if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) return;
-  // Nothing says whether a stream keeps what it could not write; kept, it would come out later as
-  // a piece of a record.
+  if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) {
+    m_eBeginning = E_BEGINNING_WRITTEN;
+    return;
+  }
+  // Nothing says whether a stream keeps what it could not write; kept, it would come out later.
   __fpurge(m_fp);
   std::clearerr(m_fp);
+  // What did reach the file goes again. No result to look at: what is no regular file has no end.
+  if (m_nWhole >= 0) static_cast<void>(!ftruncate(fileno(m_fp), m_nWhole));
+  if (m_eBeginning == E_BEGINNING_BUFFERED) m_eBeginning = E_BEGINNING_OWED;
 }
