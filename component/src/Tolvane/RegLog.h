@@ -32,16 +32,18 @@ struct CName {
   const char* const szName = szName##Array.m_sz
 
 // REG_LOG(level, format, ...): the location first, then the message. Each call loads the pointer
-// for itself, since the log can go away between the two.
-#define REG_LOG(nLevel, ...)                                                         \
-  do {                                                                               \
-    if (ILogOne* pLogAt = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) {   \
-      REG_LOG_FUNCTION(szLogFunction);                                               \
-      pLogAt->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel);                \
-      if (ILogOne* pLogTo = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) { \
-        pLogTo->Print(__VA_ARGS__);                                                  \
-      }                                                                              \
-    }                                                                                \
+// for itself, since the log can go away between the two. When another log has taken its place, that
+// one is told the location too: it knows none of this thread, or that of an earlier statement.
+#define REG_LOG(nLevel, ...)                                                                  \
+  do {                                                                                        \
+    if (ILogOne* pLogAt = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) {            \
+      REG_LOG_FUNCTION(szLogFunction);                                                        \
+      pLogAt->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel);                         \
+      if (ILogOne* pLogTo = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) {          \
+        if (pLogTo != pLogAt) pLogTo->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel); \
+        pLogTo->Print(__VA_ARGS__);                                                           \
+      }                                                                                       \
+    }                                                                                         \
   } while (false)
 
 // The first statement of a function whose entry and exit are traced.
