@@ -10,7 +10,6 @@ namespace {
 constexpr std::size_t kMaxAnswers = 65536;
 constexpr std::chrono::seconds kAnswerLife{32};
 constexpr std::uint16_t kSipPort = 5060;
-constexpr std::string_view kMagicCookie = "z9hG4bK";
 
 const char* UsualPhrase(int status) {
   switch (status) {
@@ -32,6 +31,8 @@ const char* UsualPhrase(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 406:
+      return "Not Acceptable";
     case 407:
       return "Proxy Authentication Required";
     case 408:
@@ -48,6 +49,8 @@ const char* UsualPhrase(int status) {
       return "Call/Transaction Does Not Exist";
     case 486:
       return "Busy Here";
+    case 489:
+      return "Bad Event";
     case 500:
       return "Server Internal Error";
     case 503:
@@ -101,7 +104,7 @@ std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& 
   message->sip_method.clear();
   message->req_uri.reset();
   message->routes.clear();
-  message->record_routes.clear();
+  if (answer.to_tag.empty()) message->record_routes.clear();
   message->contacts = std::move(answer.contacts);
   message->contact_star = false;
   message->headers.items.clear();
@@ -113,7 +116,8 @@ std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& 
   if (rport || BareHost(via.host) != from.Host()) SetParam(via.params, "received", from.Host());
   if (rport) SetParam(via.params, "rport", std::to_string(from.Port()));
   if (Param(message->to->params, "tag") == nullptr) {
-    message->to->params.push_back({"tag", RandomHex(6), true});
+    message->to->params.push_back(
+        {"tag", answer.to_tag.empty() ? RandomHex(6) : answer.to_tag, true});
   }
 
   std::string text;

@@ -22,7 +22,12 @@ struct Answer {
   std::string reason;                                        // empty: the status's usual phrase
   std::vector<std::pair<std::string, std::string>> headers;  // written as they stand
   std::vector<std::unique_ptr<nsip_contact>> contacts;
+  // Of the dialog that the answer opens or belongs to; then Record-Route goes back as well
+  // (RFC 3261 §12.1.1). Empty: none.
+  std::string to_tag;
 };
+
+inline constexpr std::string_view kMagicCookie = "z9hG4bK";
 
 // Whether the request has all that an answer to it needs.
 [[nodiscard]] bool CanBeAnswered(const nsip_message& request);

@@ -16,6 +16,10 @@ constexpr std::size_t kMaxDatagram = 65535;
 // Room for the burst of many registrations that start together; the system may grant less.
 constexpr int kReceiveBuffer = 4 * 1024 * 1024;
 
+std::string SystemError(int code) { return std::generic_category().message(code); }
+
+}  // namespace
+
 bool ParseLoopback(const std::string& address, std::uint16_t port, Peer& peer) {
   sockaddr_in v4{};
   if (inet_pton(AF_INET, address.c_str(), &v4.sin_addr) == 1) {
@@ -37,10 +41,6 @@ bool ParseLoopback(const std::string& address, std::uint16_t port, Peer& peer) {
   }
   return false;
 }
-
-std::string SystemError(int code) { return std::generic_category().message(code); }
-
-}  // namespace
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
   if (this != &other) {
@@ -114,14 +114,18 @@ bool LoopbackSocket::Open(const std::string& address, std::uint16_t port, std::s
   return true;
 }
 
-std::uint16_t LoopbackSocket::Port() const {
+Peer LoopbackSocket::Local() const {
   Peer local;
   local.length = sizeof local.address;
   if (getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&local.address), &local.length) != 0) {
-    return 0;
+    return {};
   }
-  return local.Port();
+  return local;
 }
+
+std::uint16_t LoopbackSocket::Port() const { return Local().Port(); }
+
+int LoopbackSocket::Family() const { return Local().address.ss_family; }
 
 bool LoopbackSocket::Receive(std::string& datagram, Peer& from) {
   datagram.resize(kMaxDatagram);

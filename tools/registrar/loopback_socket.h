@@ -39,6 +39,9 @@ struct Peer {
   void SetPort(std::uint16_t port);
 };
 
+// False when the literal is not in 127.0.0.0/8 and not ::1.
+[[nodiscard]] bool ParseLoopback(const std::string& address, std::uint16_t port, Peer& peer);
+
 // Used by one thread at a time.
 class LoopbackSocket {
  public:
@@ -48,6 +51,7 @@ class LoopbackSocket {
 
   [[nodiscard]] int fd() const { return fd_.get(); }
   [[nodiscard]] std::uint16_t Port() const;
+  [[nodiscard]] int Family() const;
 
   // Does not wait; false when there is nothing (left) to read.
   [[nodiscard]] bool Receive(std::string& datagram, Peer& from);
@@ -55,6 +59,8 @@ class LoopbackSocket {
   void Send(std::string_view datagram, const Peer& to) const;
 
  private:
+  [[nodiscard]] Peer Local() const;
+
   FileDescriptor fd_;
 };
 

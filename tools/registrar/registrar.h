@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "nsip/nsip.h"
+#include "registrar/reg_event.h"
 
 namespace registrar {
 
@@ -32,20 +33,23 @@ struct Options {
   std::vector<std::string> qop{"auth"};        // empty: the form of RFC 2069
   int nonce_uses = 0;  // a nonce is stale after so many requests (0: never); answered stale=true
   bool challenge_with_407 = false;
-  std::vector<std::string> p_associated_uri;  // sent in each 200
+  std::vector<std::string> p_associated_uri;  // sent in each 200 to a REGISTER
+  RegEventOptions reg_event;
 };
 
-// A scripted answer, for the next REGISTER that matches. Consumed in order, one for each request
-// that is not a retransmission of an answered one.
+// A scripted answer, for the next request of the method that matches. Consumed in order, one for
+// each request that is not a retransmission of an answered one.
 struct Script {
   std::string aor;    // empty: any
   bool drop = false;  // as if it had never come: no binding, no answer, retransmissions included
   std::chrono::milliseconds delay{0};  // the answer waits so long
-  int status = 0;  // 0: the registrar's own answer; else this one, and no binding changes
+  int status = 0;  // 0: the registrar's own answer; else this one, and nothing changes
   std::string reason;
   std::vector<std::pair<std::string, std::string>> headers;  // added to the answer, in order
   int copies = 1;                                            // how many times the answer is sent
   int repeat = 1;  // for how many requests this script stands; -1: for ever
+  // Or "SUBSCRIBE": its NOTIFY does not wait for a delayed answer.
+  std::string method = "REGISTER";
 };
 
 struct Binding {
@@ -53,7 +57,9 @@ struct Binding {
   std::string contact;
   std::string call_id;
   std::uint32_t cseq = 0;
-  int expires = 0;  // granted, seconds
+  int expires = 0;                                 // granted, seconds
+  int left = 0;                                    // seconds
+  ContactEvent event = ContactEvent::kRegistered;  // the last
 };
 
 struct Counters {
@@ -64,7 +70,7 @@ struct Counters {
 
 // Thread-safe, but Start and Stop come from one thread. Start runs a thread of its own; Stop and
 // the destructor end it. A Start after a Stop listens on the same port again and still knows the
-// bindings: an outage.
+// bindings and the subscriptions: an outage.
 class Registrar {
  public:
   explicit Registrar(Options options);
@@ -79,12 +85,27 @@ class Registrar {
 
   void Add(Script script);
   [[nodiscard]] std::vector<Binding> Bindings(std::string_view aor = {}) const;  // those in force
-  bool Remove(std::string_view aor);  // drops the bindings of an address of record
+  // Drops the bindings of an address of record, and tells no subscriber.
+  bool Remove(std::string_view aor);
   [[nodiscard]] Counters GetCounters() const;
-  // Called on the registrar's thread for each REGISTER that is no retransmission, before it is
-  // answered.
+
+  // --- the event package "reg" ---
+  // Changes the bindings, then notifies. False and a text when there is nothing to change.
+  [[nodiscard]] bool Apply(const Order& order, std::string& error);
+  // These tell how many subscriptions they found.
+  std::size_t Notify(const NotifyOrder& order);
+  // With a last NOTIFY. An empty reason: none is given. A negative retry_after: none.
+  std::size_t EndSubscriptions(std::string_view aor, const std::string& reason,
+                               int retry_after = -1);
+  std::size_t ForgetSubscriptions(std::string_view aor);  // without a word; empty: all
+  std::size_t Approve(std::string_view aor);              // the pending ones become active
+  [[nodiscard]] std::vector<SubscriptionView> Subscriptions(std::string_view aor = {}) const;
+  [[nodiscard]] RegEventCounters GetRegEventCounters() const;
+
+  // Called on the registrar's thread for each REGISTER and SUBSCRIBE that is no retransmission,
+  // before it is answered.
   void OnRequest(std::function<void(const nsip_message&)> observer);
-  // Called on the registrar's thread when the answer to such a REGISTER is settled; status 0: there
+  // Called on the registrar's thread when the answer to such a request is settled; status 0: there
   // is none.
   void OnAnswer(std::function<void(const nsip_message& request, int status)> observer);
 

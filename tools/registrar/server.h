@@ -1,0 +1,77 @@
+// The registrar's thread: what it owns and what it shares.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "registrar/answer.h"
+#include "registrar/digest.h"
+#include "registrar/location.h"
+#include "registrar/loopback_socket.h"
+#include "registrar/notifier.h"
+#include "registrar/registrar.h"
+
+namespace registrar {
+
+// The socket, the digest and the answers belong to the registrar's thread; the mutex guards what
+// callers share with it: bindings, subscriptions, scripts, counters, observers. No observer is
+// called with the mutex held, and nothing is sent.
+struct Registrar::Impl {
+  explicit Impl(Options given)
+      : options(std::move(given)),
+        digest(options),
+        location(options),
+        notifier(options.reg_event, location) {}
+
+  const Options options;
+
+  LoopbackSocket socket;
+  Digest digest;
+  AnswerCache answers;
+  struct Delayed {
+    std::string key;
+    int copies = 1;
+  };
+  std::multimap<Clock::time_point, Delayed> delayed;
+  std::string datagram;
+  Clock::time_point next_purge{};
+
+  FileDescriptor wake;  // made once, before callers can know of it
+  std::thread thread;
+  std::atomic<bool> stopping{false};
+  std::atomic<std::uint16_t> port{0};
+
+  mutable std::mutex mutex;
+  Location location;
+  Notifier notifier;
+  std::deque<Script> scripts;
+  Counters counters;
+  std::function<void(const nsip_message&)> on_request;
+  std::function<void(const nsip_message&, int)> on_answer;
+
+  void Run();
+  void HandleAll();
+  void MoveOn(Clock::time_point now);
+  void SendDue(Clock::time_point now);
+  void Purge(Clock::time_point now);
+  void Handle(const Peer& from);
+  // A REGISTER or a SUBSCRIBE.
+  void Serve(const nsip_message& request, const std::string& key, const Peer& from);
+  void Reply(const nsip_message& request, const std::string& key, const Peer& from, Answer answer,
+             const Script& script);
+  Script TakeScript(const nsip_message& request);
+  Answer OwnAnswer(const nsip_message& request);
+  Answer Bind(const nsip_message& request);
+  int PollTimeout() const;
+  // Has the thread look what is due. Callable from any thread.
+  void Wake() const;
+};
+
+}  // namespace registrar
