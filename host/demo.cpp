@@ -231,7 +231,9 @@ int RunDemo() {
   registrar_options.users[options.auth_user] = options.auth_password;
   RegistrarLog log;
   registrar::Registrar registrar(registrar_options);
-  registrar.OnRequest([&log](const nsip_message& request) { log.Add(request); });
+  registrar.OnRequest([&log](const nsip_message& request) {
+    if (request.sip_method == "REGISTER") log.Add(request);
+  });
   if (!registrar.Start(error)) {
     std::fprintf(stderr, "tolvane: the registrar could not be started: %s\n", error.c_str());
     return kExitNoStart;
