@@ -114,6 +114,34 @@ bool BusClient::Load(std::string& error) {
   return true;
 }
 
+Answer BusClient::SwitchLogOn(const LogOptions& log) {
+  std::string document = "<log><log-switch";
+  const auto add = [&document](const char* name, const std::string& value) {
+    document.append(" ").append(name).append("=\"").append(CXML::Escape(value)).append("\"");
+  };
+  // Without a word and ':' in front a path lies below the program's folder.
+  add("path", "file:" + log.directory);
+  if (log.max_size) add("max-size", std::to_string(*log.max_size));
+  if (log.files) add("file-count", std::to_string(*log.files));
+  if (log.level) add("level", std::to_string(*log.level));
+  document += ">TRUE</log-switch></log>";
+  CXML in;
+  in.SetDoc(std::string_view(document));
+  return Execute(kCommandLogSwitch, in);
+}
+
+Answer BusClient::SetWorkDir(const std::string& directory) {
+  CXML in;
+  in.AddElem("system-settings", nullptr, 0);
+  in.AddChildElem("work-dir", directory.c_str(), 0);
+  return Execute(kCommandSettings, in);
+}
+
+Answer BusClient::ReadConfig() {
+  CXML in;
+  return Execute(kCommandReadConfig, in);
+}
+
 Answer BusClient::Register(const RegisterOptions& options) {
   CXML in;
   in.AddElem("reg", nullptr, 0);

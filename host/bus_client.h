@@ -11,8 +11,13 @@
 namespace host {
 
 inline constexpr const char* kComponentIdentity = "{8836E13D-A307-43DF-8C88-B7783DC728BF}";
+inline constexpr int kCommandReadConfig = 2;
 inline constexpr int kCommandRegister = 3;
 inline constexpr int kCommandDeregister = 4;
+inline constexpr int kCommandSettings = 0x10000;
+inline constexpr int kCommandLogSwitch = 0x10004;
+// The one result of kCommandReadConfig: the command ran. It does not say what was read.
+inline constexpr int kResultRan = 0x40000002;
 inline constexpr int kNotifyOutcome = 0x1000;
 inline constexpr int kNotifyDeregistered = 0x1001;
 inline constexpr int kNotifyState = 0x1002;
@@ -53,6 +58,11 @@ class BusClient {
   BusClient& operator=(const BusClient&) = delete;
 
   [[nodiscard]] bool Load(std::string& error);
+  // Opens the log of the component; what it writes is complete when Unload has returned.
+  [[nodiscard]] Answer SwitchLogOn(const LogOptions& log);
+  // Where the configuration lies; ReadConfig has it read.
+  [[nodiscard]] Answer SetWorkDir(const std::string& directory);
+  [[nodiscard]] Answer ReadConfig();
   // A new registration.
   [[nodiscard]] Answer Register(const RegisterOptions& options);
   // Another attempt of a registration that the component still knows.

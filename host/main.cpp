@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "host/config_check.h"
 #include "host/demo.h"
 #include "host/options.h"
 #include "host/session.h"
@@ -12,6 +13,8 @@ int main(int argc, char** argv) {
     switch (line.verb) {
       case host::CommandLine::Verb::kRegister:
         return host::RunRegister(line.options);
+      case host::CommandLine::Verb::kCheckConfig:
+        return host::RunCheckConfig(line.options.work_dir);
       case host::CommandLine::Verb::kDemo:
         return host::RunDemo();
       default:

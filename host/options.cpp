@@ -1,16 +1,10 @@
 #include "host/options.h"
 
-#include <arpa/inet.h>
-
-#include <cerrno>
-#include <charconv>
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 
-#include "nsip/nsip.h"
+#include "host/option_checks.h"
 
 namespace host {
 namespace {
@@ -28,100 +22,21 @@ constexpr const char* kExamples = R"(Examples:
   tolvane register --aor sip:alice@example.com --registrar "sip:[2001:db8::1]" \
       --auto-reregister --reregister-interval 30 --duration 3600 --json
       For one hour, over IPv6; a lost registration is brought back; one JSON object a line.
+  tolvane check-config --work-dir /etc/tolvane
+      Shows the templates in /etc/tolvane/TOLVANE.xml, or what is wrong with them and where.
+  tolvane register --aor sip:alice@example.com --registrar sip:example.com \
+      --work-dir /etc/tolvane --log-dir /var/log/tolvane --log-level 1
+      With these templates, which SIGHUP reads anew, and warnings and errors in a log.
 
 Exit status: 0 registered and deregistered; 1 the registration failed or was lost;
-             2 wrong usage; 3 the plug-in or the network could not be started.
+             2 wrong usage, or faults in the templates;
+             3 the plug-in, its log or the network could not be started.
+             Of check-config: 0 no faults; 1 faults; 2 wrong usage.
 )";
 
-bool HasControl(std::string_view text) {
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) return true;
-  }
-  return false;
-}
-
-// Strict UTF-8 (no overlong forms, no surrogates): what is handed over ends up in an XML document.
-bool IsUtf8(std::string_view text) {
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    const std::size_t length = lead < 0x80    ? 1
-                               : lead < 0xc2  ? 0
-                               : lead < 0xe0  ? 2
-                               : lead < 0xf0  ? 3
-                               : lead <= 0xf4 ? 4
-                                              : 0;
-    if (length == 0 || i + length > text.size()) return false;
-    std::uint32_t code = length == 1 ? lead : lead & (0xffU >> (length + 1));
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xc0U) != 0x80) return false;
-      code = code << 6U | (next & 0x3fU);
-    }
-    if ((length == 3 && code < 0x800) || (code >= 0xd800 && code <= 0xdfff) ||
-        (length == 4 && (code < 0x10000 || code > 0x10ffff))) {
-      return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
-std::string Quoted(const std::string& text) {
-  std::string shown;
-  for (const char c : text.substr(0, 200)) {
-    shown += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  }
-  return "\"" + shown + "\"";
-}
-
-std::optional<std::string> CheckSipUri(const std::string& text, nsip_uri& uri) {
-  if (HasControl(text) || !IsUtf8(text)) {
-    return Quoted(text) + " holds control characters or is not UTF-8";
-  }
-  if (text.rfind("sips:", 0) == 0) {
-    return Quoted(text) + " asks for TLS, which is not supported yet; use a \"sip:\" URI";
-  }
-  // Exactly this spelling: the component puts "sip:" in front of everything that does not hold it.
-  if (text.rfind("sip:", 0) != 0) {
-    std::string hint = " is no SIP URI; write it with the scheme \"sip:\"";
-    if (!text.empty() && text.find(':') == std::string::npos)
-      hint += ", as in \"sip:" + text + "\"";
-    return Quoted(text) + hint;
-  }
-  if (text.find_first_of(" <>\"") != std::string::npos || !nsip_uri_parse(text, uri) ||
-      uri.host.empty()) {
-    return Quoted(text) +
-           " cannot be read as a SIP URI; it should look like \"sip:alice@example.com\" or "
-           "\"sip:[2001:db8::1]:5060\"";
-  }
-  const nsip_generic_param* transport = nullptr;
-  if (nsip_generic_param_get_byname(uri.params, "transport", &transport) == 0 &&
-      strcasecmp(transport->value.c_str(), "udp") != 0) {
-    return Quoted(text) + " asks for transport " + Quoted(transport->value) +
-           "; only udp is supported yet";
-  }
-  if (!uri.headers.empty()) return Quoted(text) + " has a \"?\" part, which has no place here";
-  return std::nullopt;
-}
-
-// Between the display name and its URI nothing may be misread: what comes back must be what went
-// in.
-std::optional<std::string> CheckDisplayName(const std::string& name, const std::string& aor) {
-  nsip_from parsed;
-  if (HasControl(name) || !IsUtf8(name) || !nsip_from_parse(name + "<" + aor + ">", parsed) ||
-      parsed.displayname != name) {
-    return Quoted(name) +
-           " cannot be used; a display name holds no quotes, angle brackets or control characters "
-           "and no "
-           "blanks at its ends";
-  }
-  return std::nullopt;
-}
-
-int Complain(const std::string& text) {
-  std::fprintf(stderr, "tolvane: %s\nRun \"tolvane register --help\" to see all options.\n",
-               text.c_str());
+int Complain(const std::string& text, const char* verb) {
+  std::fprintf(stderr, "tolvane: %s\nRun \"tolvane %s --help\" to see all options.\n", text.c_str(),
+               verb);
   return kExitUsage;
 }
 
@@ -132,7 +47,18 @@ struct RawOptions {
   std::int64_t duration = 0;
   std::string password_file;
   std::string local;
+  std::string work_dir;
+  std::string log_dir;
+  std::optional<std::int64_t> log_level;
+  std::optional<std::int64_t> log_max_size;
+  std::optional<std::int64_t> log_files;
 };
+
+void AddWorkDir(CLI::App& app, RawOptions& raw) {
+  app.add_option("--work-dir", raw.work_dir,
+                 "directory with TOLVANE.xml, the templates for headers of REGISTER requests")
+      ->type_name("DIR");
+}
 
 void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
   RegisterOptions& o = raw.checked;
@@ -165,14 +91,31 @@ void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
       ->type_name("ADDR:PORT");
   app.add_option("--duration", raw.duration, "deregister and end after so many seconds")
       ->type_name("S");
+  AddWorkDir(app, raw);
+  app.add_option("--log-dir", raw.log_dir,
+                 "directory for the log, Tolvane.log; without it there is none")
+      ->type_name("DIR");
+  app.add_option("--log-level", raw.log_level,
+                 "0 errors, 1 warnings too, 2 the course of events too, 3 everything (default 3)")
+      ->type_name("0..3");
+  app.add_option("--log-max-size", raw.log_max_size,
+                 "size at which the log is copied away and begun anew (default 5)")
+      ->type_name("MIB");
+  app.add_option("--log-files", raw.log_files,
+                 "how many such copies are kept beside the log (default 2)")
+      ->type_name("N");
   app.add_flag("--trace", o.trace, "show each message as sent and received, secrets masked");
   app.add_flag("--json", o.json, "one JSON object a line instead of words");
 }
 
 std::optional<std::string> CheckSeconds(const char* option, std::int64_t value) {
-  if (value >= 1 && value <= kMaxSeconds) return std::nullopt;
-  return std::string(option) + " must lie between 1 and " + std::to_string(kMaxSeconds) +
-         " seconds, not " + std::to_string(value);
+  return CheckRange(option, value, 1, kMaxSeconds, " seconds");
+}
+
+// Puts the option's name in front of what is wrong with its value.
+std::optional<std::string> At(const char* option, std::optional<std::string> wrong) {
+  if (wrong) wrong = std::string(option) + " " + *wrong;
+  return wrong;
 }
 
 std::optional<std::string> CheckCredentials(RawOptions& raw) {
@@ -206,34 +149,39 @@ std::optional<std::string> CheckCredentials(RawOptions& raw) {
   return std::nullopt;
 }
 
-// From an IPv4 address no IPv6 one can be reached, nor the other way round.
-std::optional<std::string> CheckFamilies(const RegisterOptions& o) {
-  nsip_uri uri;
-  in_addr v4{};
-  if (o.local_address.empty() || !nsip_uri_parse(o.registrar, uri)) return std::nullopt;
-  const bool local_v6 = o.local_address.find(':') != std::string::npos;
-  const bool far_v6 = uri.host.front() == '[';
-  const bool far_v4 = inet_pton(AF_INET, uri.host.c_str(), &v4) == 1;
-  if ((local_v6 && far_v4) || (!local_v6 && far_v6)) {
-    return "--local is an " + std::string(local_v6 ? "IPv6" : "IPv4") +
-           " address, but the registrar is at " + uri.host +
-           "; give a local address of the same kind, or none";
+std::optional<std::string> CheckLog(const RawOptions& raw, bool has_dir, LogOptions& log) {
+  struct Row {
+    const char* option;
+    const std::optional<std::int64_t>& given;
+    int least;
+    int most;
+    const char* unit;
+    std::optional<int>& taken;
+  };
+  const Row rows[] = {{"--log-level", raw.log_level, 0, 3, "", log.level},
+                      {"--log-max-size", raw.log_max_size, 1, 2047, " MiB", log.max_size},
+                      {"--log-files", raw.log_files, 1, 100, "", log.files}};
+  for (const Row& row : rows) {
+    if (!row.given) continue;
+    if (!has_dir) return std::string(row.option) + " means nothing without --log-dir";
+    if (auto wrong = CheckRange(row.option, *row.given, row.least, row.most, row.unit)) {
+      return wrong;
+    }
+    row.taken = static_cast<int>(*row.given);
   }
-  return std::nullopt;
+  if (!has_dir) return std::nullopt;
+  if (auto wrong = At("--log-dir", ResolveDirectory(raw.log_dir, log.directory))) return wrong;
+  return At("--log-dir", PrepareLogDirectory(log.directory, log.files.value_or(kDefaultLogFiles)));
 }
 
-std::optional<std::string> CheckRegisterOptions(RawOptions& raw) {
+std::optional<std::string> CheckRegisterOptions(const CLI::App& app, RawOptions& raw) {
   RegisterOptions& o = raw.checked;
-  const auto at = [](const char* option, std::optional<std::string> wrong) {
-    if (wrong) wrong = std::string(option) + " " + *wrong;
-    return wrong;
-  };
-  if (auto wrong = at("--aor", CheckAor(o.aor))) return wrong;
-  if (auto wrong = at("--registrar", CheckRegistrar(o.registrar))) return wrong;
+  if (auto wrong = At("--aor", CheckAor(o.aor))) return wrong;
+  if (auto wrong = At("--registrar", CheckRegistrar(o.registrar))) return wrong;
   if (auto wrong = CheckSeconds("--expires", raw.expires)) return wrong;
   o.expires = static_cast<int>(raw.expires);
   if (!o.display_name.empty()) {
-    if (auto wrong = at("--display-name", CheckDisplayName(o.display_name, o.aor))) return wrong;
+    if (auto wrong = At("--display-name", CheckDisplayName(o.display_name, o.aor))) return wrong;
   }
   if (HasControl(o.user_agent) || !IsUtf8(o.user_agent)) {
     return "--user-agent holds control characters or is not UTF-8";
@@ -249,93 +197,23 @@ std::optional<std::string> CheckRegisterOptions(RawOptions& raw) {
     o.reregister_interval = static_cast<int>(raw.interval);
   }
   if (!raw.local.empty()) {
-    if (auto wrong = at("--local", ParseLocal(raw.local, o.local_address, o.local_port)))
+    if (auto wrong = At("--local", ParseLocal(raw.local, o.local_address, o.local_port)))
       return wrong;
   }
-  if (auto wrong = CheckFamilies(o)) return wrong;
-  return CheckCredentials(raw);
+  if (auto wrong = CheckFamilies(o.local_address, o.registrar)) return wrong;
+  if (app.count("--duration") != 0) {
+    if (auto wrong = CheckSeconds("--duration", raw.duration)) return wrong;
+    o.duration = std::chrono::seconds(raw.duration);
+  }
+  if (auto wrong = CheckCredentials(raw)) return wrong;
+  if (app.count("--work-dir") != 0) {
+    if (auto wrong = At("--work-dir", ResolveDirectory(raw.work_dir, o.work_dir))) return wrong;
+  }
+  // Last, as it leaves a directory and a file behind.
+  return CheckLog(raw, app.count("--log-dir") != 0, o.log);
 }
 
 }  // namespace
-
-std::optional<std::string> CheckAor(const std::string& text) {
-  nsip_uri uri;
-  if (auto wrong = CheckSipUri(text, uri)) return wrong;
-  if (!uri.password.empty()) {
-    return Quoted(text.substr(0, text.find(':', 4))) +
-           "... holds a password; give it with --auth-password-file instead";
-  }
-  return std::nullopt;
-}
-
-std::optional<std::string> CheckRegistrar(const std::string& text) {
-  nsip_uri uri;
-  if (auto wrong = CheckSipUri(text, uri)) return wrong;
-  // RFC 3261 §10.2: the Request-URI of a REGISTER has no user part.
-  if (!uri.user.empty() || text.find('@') != std::string::npos) {
-    return Quoted(text) +
-           " has a user part; a registrar is named by its host alone, as in \"sip:" + uri.host +
-           "\"";
-  }
-  return std::nullopt;
-}
-
-std::optional<std::string> ParseLocal(const std::string& text, std::string& address,
-                                      std::uint16_t& port) {
-  const std::string form =
-      "; write ADDR:PORT, as in \"192.0.2.7:5070\" or, for IPv6, \"[::1]:5070\"";
-  std::string host;
-  std::string_view rest;
-  bool v6 = false;
-  if (!text.empty() && text.front() == '[') {
-    const std::size_t close = text.find(']');
-    if (close == std::string::npos) return Quoted(text) + " lacks the \"]\"" + form;
-    host = text.substr(1, close - 1);
-    rest = std::string_view(text).substr(close + 1);
-    v6 = true;
-  } else {
-    const std::size_t colon = text.rfind(':');
-    if (colon != std::string::npos && text.find(':') != colon) {
-      return Quoted(text) + " looks like an IPv6 address without brackets" + form;
-    }
-    host = text.substr(0, colon);
-    if (colon != std::string::npos) rest = std::string_view(text).substr(colon);
-  }
-  std::uint16_t number = 0;
-  if (rest.empty()) return Quoted(text) + " has no port" + form;
-  const std::string_view digits = rest.substr(1);
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (rest.front() != ':' || error != std::errc() || end != digits.data() + digits.size()) {
-    return Quoted(text) + " has no port between 0 and 65535 behind the address" + form;
-  }
-  unsigned char buffer[sizeof(in6_addr)] = {};
-  if (inet_pton(v6 ? AF_INET6 : AF_INET, host.c_str(), buffer) != 1) {
-    return Quoted(host) + " is no address" + form + " (a name is not enough)";
-  }
-  address = host;
-  port = number;
-  return std::nullopt;
-}
-
-std::optional<std::string> ReadPasswordFile(const std::string& path, std::string& password) {
-  const auto wrong = [&path](const std::string& what) {
-    return "--auth-password-file " + Quoted(path) + ": " + what;
-  };
-  std::ifstream file(path, std::ios::binary);
-  if (!file)
-    return wrong(std::string("cannot be opened: ") + std::generic_category().message(errno));
-  std::string text(kMaxPassword + 3, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (file.bad() || (file.fail() && !file.eof())) return wrong("cannot be read; is it a file?");
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  if (text.ends_with('\n')) text.pop_back();
-  if (text.ends_with('\r')) text.pop_back();
-  if (text.empty()) return wrong("is empty; it should hold the password on one line");
-  if (text.size() > kMaxPassword) return wrong("is too long; at most 1024 bytes are taken");
-  if (HasControl(text)) return wrong("holds more than one line, or control characters");
-  password = std::move(text);
-  return std::nullopt;
-}
 
 CommandLine ParseCommandLine(int argc, char** argv) {
   CommandLine line;
@@ -348,6 +226,10 @@ CommandLine ParseCommandLine(int argc, char** argv) {
       "register", "register at a registrar, keep the binding fresh, deregister at the end");
   AddRegisterOptions(*reg, raw);
   reg->footer(kExamples);
+  CLI::App* check = app.add_subcommand(
+      "check-config", "read the templates of a directory as register would, and show them");
+  AddWorkDir(*check, raw);
+  check->get_option("--work-dir")->required();
   const CLI::App* demo =
       app.add_subcommand("demo", "show one registration from beginning to end on loopback");
   try {
@@ -356,10 +238,10 @@ CommandLine ParseCommandLine(int argc, char** argv) {
     line.exit_status = app.exit(success) == 0 ? kExitOk : kExitUsage;
     return line;
   } catch (const CLI::ParseError& error) {
-    const std::string what =
-        argc > 1 && app.get_subcommands().empty() && argv[1][0] != '-'
-            ? "there is no command " + Quoted(argv[1]) + "; the commands are register and demo"
-            : std::string(error.what());
+    const std::string what = argc > 1 && app.get_subcommands().empty() && argv[1][0] != '-'
+                                 ? "there is no command " + Quoted(argv[1]) +
+                                       "; the commands are register, check-config and demo"
+                                 : std::string(error.what());
     std::fprintf(stderr, "tolvane: %s\nRun \"tolvane --help\" to see what can be asked.\n",
                  what.c_str());
     line.exit_status = kExitUsage;
@@ -369,19 +251,16 @@ CommandLine ParseCommandLine(int argc, char** argv) {
     line.verb = CommandLine::Verb::kDemo;
     return line;
   }
-  if (raw.duration != 0 || reg->count("--duration") != 0) {
-    if (const auto wrong = CheckSeconds("--duration", raw.duration)) {
-      line.exit_status = Complain(*wrong);
-      return line;
-    }
-  }
-  if (const auto wrong = CheckRegisterOptions(raw)) {
-    line.exit_status = Complain(*wrong);
+  const bool registers = reg->parsed();
+  const std::optional<std::string> wrong =
+      registers ? CheckRegisterOptions(*reg, raw)
+                : At("--work-dir", ResolveDirectory(raw.work_dir, raw.checked.work_dir));
+  if (wrong) {
+    line.exit_status = Complain(*wrong, registers ? "register" : "check-config");
     return line;
   }
-  line.verb = CommandLine::Verb::kRegister;
+  line.verb = registers ? CommandLine::Verb::kRegister : CommandLine::Verb::kCheckConfig;
   line.options = std::move(raw.checked);
-  line.options.duration = std::chrono::seconds(raw.duration);
   return line;
 }
 

@@ -1,4 +1,4 @@
-// The command line of `tolvane`: what may be asked, and the checks that speak to a person.
+// The command line of `tolvane`: what may be asked.
 #pragma once
 
 #include <chrono>
@@ -11,12 +11,19 @@ namespace host {
 // Exit statuses of the program.
 inline constexpr int kExitOk = 0;       // registered and deregistered
 inline constexpr int kExitFailed = 1;   // the registration failed or was lost
-inline constexpr int kExitUsage = 2;    // wrong usage
-inline constexpr int kExitNoStart = 3;  // the plug-in or the network could not be started
+inline constexpr int kExitUsage = 2;    // wrong usage, or faults in the templates
+inline constexpr int kExitNoStart = 3;  // the plug-in, its log or the network could not be started
 
-// The largest number of seconds that is taken anywhere: as many milliseconds still fit 32 bits.
-inline constexpr std::int64_t kMaxSeconds = 4'294'967;
-inline constexpr std::size_t kMaxPassword = 1024;
+// What the component does by itself where a document does not tell it otherwise.
+inline constexpr int kDefaultLogFiles = 2;
+
+struct LogOptions {
+  std::string directory;  // from the root; empty: no log
+  // Without a value the component takes its own.
+  std::optional<int> level;
+  std::optional<int> max_size;  // MiB
+  std::optional<int> files;
+};
 
 struct RegisterOptions {
   std::string aor;
@@ -34,25 +41,20 @@ struct RegisterOptions {
   std::chrono::seconds duration{0};  // 0: until a signal
   bool trace = false;
   bool json = false;
+  std::string work_dir;  // from the root; empty: no templates
+  LogOptions log;
 };
 
 struct CommandLine {
-  enum class Verb { kExit, kRegister, kDemo };
+  enum class Verb { kExit, kRegister, kCheckConfig, kDemo };
   Verb verb = Verb::kExit;
   int exit_status = kExitOk;  // with kExit: everything has been said already
-  RegisterOptions options;
+  RegisterOptions options;    // with kCheckConfig: work_dir only
 };
 
 // Reads and checks the command line and TOLVANE_AUTH_PASSWORD (which is taken out of the
-// environment). Help, version and complaints are printed here.
+// environment). Help, version and complaints are printed here. Where a log is asked for its
+// directory is made.
 [[nodiscard]] CommandLine ParseCommandLine(int argc, char** argv);
-
-// The single checks; each gives nothing when all is well, else what is wrong and what to do.
-[[nodiscard]] std::optional<std::string> CheckAor(const std::string& text);
-[[nodiscard]] std::optional<std::string> CheckRegistrar(const std::string& text);
-[[nodiscard]] std::optional<std::string> ParseLocal(const std::string& text, std::string& address,
-                                                    std::uint16_t& port);
-[[nodiscard]] std::optional<std::string> ReadPasswordFile(const std::string& path,
-                                                          std::string& password);
 
 }  // namespace host

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <new>
 #include <thread>
 
 #include "Brunelib/Brunelib.h"
+#include "host/config_check.h"
 #include "host/printer.h"
 #include "host/signals.h"
 #include "Sipcarrier/Sipcarrier.h"
@@ -38,7 +40,7 @@ int Session::Run() {
     std::fprintf(stderr, "tolvane: the network could not be started: %s\n", error.c_str());
     return kExitNoStart;
   }
-  if (bus_.Load(error)) {
+  if (bus_.Load(error) && Prepare(error)) {
     Loop();
     // What the end has left in this thread's queue (a timer to stop) is done before the plug-in
     // goes.
@@ -88,6 +90,33 @@ void Session::NoteStatus(std::string_view message) noexcept {
   if (status >= 200) last_status_ = status;
 }
 
+// The log comes first, so that it holds the reading of the configuration as well. It is not
+// switched off again: the component closes it when it is unloaded, behind the last record of its
+// end.
+bool Session::Prepare(std::string& error) {
+  const auto took = [this, &error](const Answer& answer, int wanted) {
+    listener_.OnAnswer(std::chrono::system_clock::now(), answer);
+    if (answer.result == wanted) return true;
+    error = "it refused command " + std::to_string(answer.command) + " with result " +
+            std::to_string(answer.result);
+    return false;
+  };
+  if (!options_.log.directory.empty() && !took(bus_.SwitchLogOn(options_.log), 0)) return false;
+  return options_.work_dir.empty() ||
+         (took(bus_.SetWorkDir(options_.work_dir), 0) && took(bus_.ReadConfig(), kResultRan));
+}
+
+void Session::ReloadConfig() {
+  const ConfigReading reading = ReadConfiguration(options_.work_dir);
+  PrintFaults(reading);
+  for (const std::string& fault : reading.faults) {
+    Remark("Not read anew, the former templates stay: " + fault);
+  }
+  if (reading.faults.empty()) {
+    listener_.OnAnswer(std::chrono::system_clock::now(), bus_.ReadConfig());
+  }
+}
+
 void Session::Loop() {
   const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Register(options_);
@@ -114,6 +143,8 @@ void Session::Handle(const InboxItem& item) {
     listener_.OnTrace(item.time, *trace);
   } else if (const auto* notification = std::get_if<NotificationItem>(&item.what)) {
     OnNotice(item.time, *notification);
+  } else if (std::get<SignalItem>(item.what).number == SIGHUP && !options_.work_dir.empty()) {
+    ReloadConfig();
   } else if (phase_ == Phase::kEnding || end_requested_) {
     hurry_ = true;
     Remark("Told to end a second time: waiting for nobody.");
@@ -263,6 +294,14 @@ void Session::Finish(int status) {
 }
 
 int RunRegister(const RegisterOptions& options) {
+  if (!options.work_dir.empty()) {
+    const ConfigReading reading = ReadConfiguration(options.work_dir);
+    PrintFaults(reading);
+    if (!reading.faults.empty()) {
+      std::fputs("tolvane: nothing was registered, because the templates are faulty\n", stderr);
+      return kExitUsage;
+    }
+  }
   Inbox inbox;
   SignalWatch signals(inbox);
   std::string error;

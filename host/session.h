@@ -26,6 +26,7 @@ class SessionListener {
 
 // Starts the SIP stack and the plug-in, registers, waits, deregisters, stops both. One per process
 // at a time, on the thread that made the inbox; that thread's KD loop runs inside Run.
+// SIGHUP reads the templates anew where there are some; otherwise it ends the session like SIGTERM.
 class Session {
  public:
   Session(const RegisterOptions& options, Inbox& inbox, SessionListener& listener);
@@ -43,6 +44,8 @@ class Session {
   [[nodiscard]] bool StartStack(std::string& error);
   void NoteStatus(std::string_view message) noexcept;
   void OnDeregistered();
+  [[nodiscard]] bool Prepare(std::string& error);
+  void ReloadConfig();
   void Loop();
   void Handle(const InboxItem& item);
   void OnNotice(WallTime time, const NotificationItem& item);

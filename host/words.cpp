@@ -90,16 +90,30 @@ std::string DescribeState(const Notice& notice, const RegisterOptions& options) 
 }  // namespace
 
 std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options) {
-  const int id = ReadRegistrationId(answer);
-  if (answer.command == kCommandRegister) {
-    if (answer.result == 0) {
-      return "Registering " + options.aor + " at " + options.registrar + ", asking for " +
-             Seconds(options.expires) + " (registration " + std::to_string(id) + ").";
-    }
-    return "The registration could not be begun (result " + std::to_string(answer.result) + ").";
+  const auto say = [&answer](int wanted, const std::string& done, const char* failed) {
+    return answer.result == wanted
+               ? done
+               : std::string(failed) + " (result " + std::to_string(answer.result) + ").";
+  };
+  switch (answer.command) {
+    case kCommandLogSwitch:
+      return say(0, "Logging to Tolvane.log in " + options.log.directory + ".",
+                 "The log could not be switched on");
+    case kCommandSettings:
+      return say(0, "The working directory is " + options.work_dir + ".",
+                 "The working directory was not taken");
+    case kCommandReadConfig:
+      return say(kResultRan, "The templates have been read; they count from the next REGISTER on.",
+                 "The templates could not be read");
+    case kCommandRegister:
+      return say(0,
+                 "Registering " + options.aor + " at " + options.registrar + ", asking for " +
+                     Seconds(options.expires) + " (registration " +
+                     std::to_string(ReadRegistrationId(answer)) + ").",
+                 "The registration could not be begun");
+    default:
+      return say(0, "Deregistering " + options.aor + ".", "There was no registration to give back");
   }
-  if (answer.result == 0) return "Deregistering " + options.aor + ".";
-  return "There was no registration to give back (result " + std::to_string(answer.result) + ").";
 }
 
 std::string DescribeNotice(const Notice& notice, const RegisterOptions& options, bool unanswered) {
