@@ -143,7 +143,7 @@ void CLogOne::CheckLogSize() noexcept {
 // record in the file.
 void CLogOne::FlushFile() noexcept {
   if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) {
-    m_eBeginning = E_BEGINNING_WRITTEN;
+    if (m_eBeginning == E_BEGINNING_BUFFERED) m_eBeginning = E_BEGINNING_WRITTEN;
     return;
   }
   // Nothing says whether a stream keeps what it could not write; kept, it would come out later.
