@@ -62,6 +62,19 @@ int sivra_register_build_register(nsip_message** msg, long id, int expires) {
   auto message = std::make_unique<nsip_message>();
   message->sip_method = "REGISTER";
   message->cseq_number = static_cast<std::uint32_t>(expires);
+  const auto address = [](const std::string& text) {
+    auto read = std::make_unique<nsip_from>();
+    // A library that looks less closely: the component must not rely on it.
+    if (!nsip_from_parse(text, *read)) read->displayname = text;
+    return read;
+  };
+  message->from = address(sip.entries[id]);
+  message->to = address("<sip:remote@example.com>");
+  message->req_uri = std::move(address(sip.registrars[id])->url);
+  message->contacts.push_back(address("<sip:me@127.0.0.1:5060>"));
+  for (const nsip_header& header : sip.built_headers) {
+    message->headers.items.push_back(std::make_unique<nsip_header>(header));
+  }
   *msg = message.release();
   return 0;
 }
@@ -76,8 +89,10 @@ int sivra_register_send_register(long id, nsip_message* msg) {
     nsip_message_header_get_byname(msg, name, 0, &found);
     return found != nullptr ? found->hvalue : std::string();
   };
+  std::string lines;
+  for (const auto& line : msg->headers.items) lines += line->hname + ": " + line->hvalue + "\n";
   sip.sent.push_back({id, static_cast<int>(msg->cseq_number), sip.entries.at(id), sip.registrars.at(id),
-                      header("Expires"), header("User-Agent")});
+                      header("Expires"), header("User-Agent"), lines});
   return 0;
 }
 

@@ -18,6 +18,7 @@ struct SentRegister {
   std::string registrar;
   std::string expires_header;
   std::string user_agent;
+  std::string headers;  // those without a field of their own, each with a line feed
 };
 
 struct FakeSip {
@@ -32,6 +33,7 @@ struct FakeSip {
   // What it shall meet.
   int build_result = 0;
   int send_result = 0;
+  std::vector<nsip_header> built_headers;  // of each message that is built
   bool refuse_addresses = false;
   int register_handler_result = 0;
   std::function<void()> before_lock;  // once, when somebody is about to take the library's lock

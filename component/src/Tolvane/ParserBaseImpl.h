@@ -9,6 +9,23 @@
 #include <cstdint>
 #include <string>
 
+// The system settings command.
+class CTolvaneSystemSetting {
+ public:
+  virtual ~CTolvaneSystemSetting() = default;
+  virtual int Parse(void* pDoc) = 0;
+
+  std::string m_strCfgPath;  // directory of the configuration
+};
+
+// A document that nothing is taken from.
+class CRegisterConfig {
+ public:
+  virtual ~CRegisterConfig() = default;
+  virtual int Parse(void* pDoc) { return pDoc != nullptr ? 0 : -1; }
+  virtual int Result(void* /*pDoc*/) { return 0; }
+};
+
 // The parameters of one registration: the register command, and what each CRegister keeps of it.
 class CRegMsg {
  public:
@@ -80,16 +97,33 @@ class CRegStateNotify {
   int m_nRetryAfter = 0;  // seconds
 };
 
+// The log switch command. Level and pause are -1 when the document does not give them.
+class CRegLogSwitch {
+ public:
+  virtual ~CRegLogSwitch() = default;
+  virtual int Parse(void* pDoc) = 0;
+
+  int m_bLogSwitch = 0;
+  std::string m_strPath = "/log/Tolvane.log";
+  int m_nMaxSize = 5120;  // KiB
+  int m_nFileCount = 2;
+  int m_nLevel = -1;
+  int m_nPause = -1;  // 1 pauses, 0 resumes
+};
+
 // Makes records; has no state, any thread may call it. Every operation gives a new object that the
 // caller owns, or null when memory is exhausted.
 class CRegParserFactory {
  public:
   virtual ~CRegParserFactory() = default;
+  virtual CTolvaneSystemSetting* CreateSystemSetting() = 0;
+  virtual CRegisterConfig* CreateRegisterConfig() = 0;
   virtual CRegMsg* CreateRegMsg() = 0;
   virtual CRegNtfRsp* CreateRegNtfRsp() = 0;
   virtual CDeReg* CreateDeReg() = 0;
   virtual CRegSerLost* CreateRegSerLost() = 0;
   virtual CRegStateNotify* CreateRegStateNotify() = 0;
+  virtual CRegLogSwitch* CreateRegLogSwitch() = 0;
 };
 
 inline constexpr std::uint16_t E_PARSER_XML = 0;

@@ -2,6 +2,7 @@
 
 #include "logging/LogOne.h"
 #include "ParserBaseImpl.h"
+#include "RegisterCfg.h"
 #include "RegisterProcess.h"
 #include "RegisterSipProcess.h"
 #include "Vorelkit/Vorelkit.h"
@@ -14,11 +15,13 @@ CRegGlobal::CRegGlobal() {
   m_pParserFactory = CRegParserFactoryObj::GetParserFactory(E_PARSER_XML);
   m_pRegisterSipProcess = vktNew<CRegisterSipProcess>();
   m_pRegisterProcess = vktNew<CRegisterProcess>();
+  m_pRegSipCfg = vktNew<CRegSipCfg>();
 }
 
 CRegGlobal::~CRegGlobal() {
   vktDelete(m_pParserFactory);
   vktDelete(m_pRegisterSipProcess);
   vktDelete(m_pRegisterProcess);
+  vktDelete(m_pRegSipCfg);
   if (ILogOne* pLog = m_pLog.exchange(nullptr)) LogOne_Close(&pLog);
 }

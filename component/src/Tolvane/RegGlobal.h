@@ -7,6 +7,7 @@
 class CRegisterProcess;
 class CRegisterSipProcess;
 class CRegParserFactory;
+class CRegSipCfg;
 class ILogOne;
 class VkMutex;
 
@@ -22,8 +23,9 @@ class CRegGlobal {
   CRegParserFactory* m_pParserFactory = nullptr;
   CRegisterSipProcess* m_pRegisterSipProcess = nullptr;
   CRegisterProcess* m_pRegisterProcess = nullptr;
-  // Null while logging is off. A reader loads it once for each call it makes; loggers live until
-  // unload, so a pointer once read stays good.
+  CRegSipCfg* m_pRegSipCfg = nullptr;  // alone may be null in use: templates are then not to be had
+  // Null while logging is off; only the log switch sets it. A reader loads it once for each call it
+  // makes; loggers live until unload, so a pointer once read stays good.
   std::atomic<ILogOne*> m_pLog{nullptr};
 };
 

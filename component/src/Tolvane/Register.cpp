@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <new>
 
+#include "RegisterCfg.h"
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
 #include "SivraLock.h"
@@ -154,8 +155,11 @@ int CRegister::SendRegister(bool bRefresh) {
 // is exhausted.
 bool CRegister::CompleteRegister(nsip_message* pMsg) {
   try {
-    // The configuration step has its place here: in front of the headers below, which it cannot
-    // take away.
+    // In front of the headers below, which a template cannot take away. A REGISTER that could not
+    // be configured goes out all the same.
+    if (CRegSipCfg* const pCfg = GetRegGlobal().m_pRegSipCfg) {
+      pCfg->ConfigureSipMessage("REG", "REGISTER", pMsg);
+    }
     if (!m_stRegInfo.m_strUserAgent.empty()) {
       nsip_message_set_header(pMsg, "User-Agent", m_stRegInfo.m_strUserAgent.c_str());
     }

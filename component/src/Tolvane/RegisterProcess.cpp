@@ -29,9 +29,10 @@ class [[nodiscard]] CUnlessDone {
 
 }  // namespace
 
-// Rows for the settings, the log switch and the reading of the configuration come in front of
-// these.
 const US_CMD_ENTRY CRegisterProcess::s_astCommands[] = {
+    {E_REG_CMD_SYSTEM_SETTINGS, static_cast<US_CMD_HANDLER>(&CRegisterProcess::RegSystemSettings)},
+    {E_REG_CMD_LOG_SWITCH, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnLogSwitch)},
+    {E_REG_CMD_READ_CONF, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnReadConf)},
     {E_REG_CMD_REGISTER, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnRegister)},
     {E_REG_CMD_DEREGISTER, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnDeregister)},
     {0, nullptr},

@@ -22,8 +22,15 @@ TOLVANE_XSC_EXPORT int TOLVANE_XSCNtfCallBack(const char* szSource, int nNtfId, 
                                               void* pExtra);
 
 // Commands in.
+inline constexpr int E_REG_CMD_SYSTEM_SETTINGS = 0x10000;
+inline constexpr int E_REG_CMD_LOG_SWITCH = 0x10004;
+inline constexpr int E_REG_CMD_READ_CONF = 2;
 inline constexpr int E_REG_CMD_REGISTER = 3;
 inline constexpr int E_REG_CMD_DEREGISTER = 4;
+
+// Results besides 0 and -1, for the host.
+inline constexpr int E_REG_RESULT_CONF_READ = 0x40000002;  // the only one of E_REG_CMD_READ_CONF
+inline constexpr int E_REG_RESULT_NOT_PARSED = 0x40000005;
 
 class CRegisterProcess : public CUSObject {
  public:
@@ -32,6 +39,11 @@ class CRegisterProcess : public CUSObject {
   int Uninitialize();
 
  private:
+  // Adjust the component itself; RegisterSettings.cpp.
+  int RegSystemSettings(CXML* pIn, CXML* pOut);
+  int OnLogSwitch(CXML* pIn, CXML* pOut);
+  int OnReadConf(CXML* pIn, CXML* pOut);
+
   int OnRegister(CXML* pIn, CXML* pOut);
   int OnDeregister(CXML* pIn, CXML* pOut);
 

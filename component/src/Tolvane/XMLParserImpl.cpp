@@ -1,5 +1,8 @@
 #include "XMLParserImpl.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "RegLog.h"
 #include "VorelKDCore/VorelKDCore.h"
 #include "Vorelkit/Vorelkit.h"
@@ -119,6 +122,28 @@ int CXMLObj::AddNodeChild(const std::string& strName, int nValue, const std::str
 
 // ---- the messages
 
+int CXMLCTolvaneSystemSetting::Parse(void* pDoc) {
+  ATTACH_OR_FAIL(AttachInDoc, pXml, pDoc);
+  pXml->ResetPos();
+  if (FindNode("system-settings", 1) == 0) {
+    REG_LOG(E_LOG_ERROR, "system-settings node not exist");
+    return -1;
+  }
+  pXml->IntoElem();
+  GetNodeStr(m_strCfgPath, "work-dir", 1, 1);
+  REG_LOG(E_LOG_INFO, "m_strCfgPath is %s\n", m_strCfgPath.c_str());
+  return 0;
+}
+
+int CXMLCRegisterConfig::Parse(void* pDoc) {
+  ATTACH_OR_FAIL(AttachInDoc, pXml, pDoc);
+  pXml->ResetPos();
+  if (FindNode("root", 1) != 0) pXml->IntoElem();
+  return 1;
+}
+
+int CXMLCRegisterConfig::Result(void* /*pDoc*/) { return 0; }
+
 int CXMLCRegMsg::Parse(void* pDoc) {
   ATTACH_OR_FAIL(AttachInDoc, pXml, pDoc);
   pXml->ResetPos();
@@ -234,10 +259,48 @@ int CXMLCRegSerLost::Result(void* pDoc) {
   return 0;
 }
 
+int CXMLCRegLogSwitch::Parse(void* pDoc) {
+  ATTACH_OR_FAIL(AttachInDoc, pXml, pDoc);
+  pXml->ResetPos();
+  if (FindNode("log", 1) == 0) {
+    REG_LOG(E_LOG_ERROR, "log node not exist");
+    return -1;
+  }
+  pXml->IntoElem();
+  // The element stays the main position, where the attributes are read.
+  GetNodeBool(&m_bLogSwitch, "log-switch", 0, 1);
+  if (m_bLogSwitch == 0) return 0;
+
+  std::string strDir;
+  GetAttrStr(strDir, "path", 1);
+  if (!strDir.empty()) {
+    if (strDir.back() != '/') strDir += '/';
+    m_strPath = strDir + "Tolvane.log";
+  }
+  const auto nNumber = [this](const char* szName, int nDefault) {
+    int nValue = nDefault;
+    GetAttrInt(&nValue, szName, 1);
+    return nValue;
+  };
+  // From MiB to KiB; what is too large stays the largest.
+  constexpr int nMost = std::numeric_limits<int>::max() >> 10;
+  if (const int nSize = nNumber("max-size", 0); nSize > 0)
+    m_nMaxSize = std::min(nSize, nMost) << 10;
+  if (const int nCount = nNumber("file-count", 0); nCount > 0) m_nFileCount = nCount;
+  if (const int nLevel = nNumber("level", -1); nLevel >= 0) m_nLevel = nLevel;
+  if (const int nPause = nNumber("pause", -1); nPause == 0 || nPause == 1) m_nPause = nPause;
+  return 0;
+}
+
 // ---- the factory
 
+CTolvaneSystemSetting* CXmlCRegFactory::CreateSystemSetting() {
+  return vktNew<CXMLCTolvaneSystemSetting>();
+}
+CRegisterConfig* CXmlCRegFactory::CreateRegisterConfig() { return vktNew<CXMLCRegisterConfig>(); }
 CRegMsg* CXmlCRegFactory::CreateRegMsg() { return vktNew<CXMLCRegMsg>(); }
 CRegNtfRsp* CXmlCRegFactory::CreateRegNtfRsp() { return vktNew<CXMLCRegNtfRsp>(); }
 CDeReg* CXmlCRegFactory::CreateDeReg() { return vktNew<CXMLCDeReg>(); }
 CRegSerLost* CXmlCRegFactory::CreateRegSerLost() { return vktNew<CXMLCRegSerLost>(); }
 CRegStateNotify* CXmlCRegFactory::CreateRegStateNotify() { return vktNew<CXMLCRegStateNotify>(); }
+CRegLogSwitch* CXmlCRegFactory::CreateRegLogSwitch() { return vktNew<CXMLCRegLogSwitch>(); }

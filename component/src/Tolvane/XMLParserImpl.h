@@ -59,6 +59,17 @@ class CXMLObj : public CParserObj {
   CXML* m_pOutDoc = nullptr;
 };
 
+class CXMLCTolvaneSystemSetting : public CTolvaneSystemSetting, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+};
+
+class CXMLCRegisterConfig : public CRegisterConfig, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;  // 1 for success
+  int Result(void* pDoc) override;
+};
+
 class CXMLCRegMsg : public CRegMsg, public CXMLObj {
  public:
   int Parse(void* pDoc) override;
@@ -86,11 +97,19 @@ class CXMLCRegStateNotify : public CRegStateNotify, public CXMLObj {
   int Result(void* pDoc) override;
 };
 
+class CXMLCRegLogSwitch : public CRegLogSwitch, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+};
+
 class CXmlCRegFactory : public CRegParserFactory {
  public:
+  CTolvaneSystemSetting* CreateSystemSetting() override;
+  CRegisterConfig* CreateRegisterConfig() override;
   CRegMsg* CreateRegMsg() override;
   CRegNtfRsp* CreateRegNtfRsp() override;
   CDeReg* CreateDeReg() override;
   CRegSerLost* CreateRegSerLost() override;
   CRegStateNotify* CreateRegStateNotify() override;
+  CRegLogSwitch* CreateRegLogSwitch() override;
 };

@@ -1,0 +1,311 @@
+// The commands that adjust the component, and what templates do to a REGISTER.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "failing_new.h"
+#include "FrontDoor.h"
+#include "ParserBaseImpl.h"
+#include "RegisterCfg.h"
+#include "RegisterProcess.h"
+#include "RegLog.h"
+#include "WorkDir.h"
+
+namespace {
+
+using fakes::FrontDoor;
+using fakes::WorkDir;
+
+constexpr int kSettings = 0x10000;
+constexpr int kLogSwitch = 0x10004;
+constexpr int kReadConf = 2;
+constexpr int kConfRead = 0x40000002;
+constexpr int kNotParsed = 0x40000005;
+
+class ComponentSettings : public testing::Test {
+ protected:
+  ~ComponentSettings() override {
+    Log(WorkDir::kLogOff);
+    Configure("");
+  }
+  void Configure(const std::string& lines) {
+    dir_.Template(lines);
+    EXPECT_EQ(door_.Command(kSettings, dir_.Settings()).result, 0);
+    EXPECT_EQ(door_.Command(kReadConf, "").result, kConfRead);
+  }
+  int Log(const std::string& document) {
+    const fakes::Answer answer = door_.Command(kLogSwitch, document);
+    EXPECT_EQ(answer.document, "");
+    return answer.result;
+  }
+  // "Err text" of each record of the log, "Enter function" of each trace line, without line ends of
+  // their own.
+  std::vector<std::string> Logged(const std::string& name = "Tolvane.log") {
+    static const std::regex kRecord(
+        "\\[[^\\]]*\\]\\[P:\\d+/T:\\d+\\]\\[[^:]+:\\d+ ([^(]*)\\(\\)\\]\\[(\\w+)\\]\r\n"
+        "(?:Content:\r\n([^\r]*)\r\n)?");
+    std::vector<std::string> records;
+    const std::string all = dir_.Read(name);
+    for (std::sregex_iterator at(all.begin(), all.end(), kRecord), end; at != end; ++at) {
+      std::string text = (*at)[3].matched ? (*at)[3].str() : (*at)[1].str();
+      if (text.ends_with('\n')) text.pop_back();
+      records.push_back((*at)[2].str() + " " + text);
+    }
+    return records;
+  }
+  FrontDoor door_;
+  WorkDir dir_;
+};
+
+TEST_F(ComponentSettings, TemplatesMeetTheHeadersOfARegister) {
+  using Headers = std::vector<nsip_header>;
+  struct Case {
+    Headers own;
+    const char* lines;  // of the template
+    const char* merged;
+  };
+  const char* const cells =
+      "X-L: ${local-uri}\nX-R: ${remote-uri}\nX-D: ${display-name}\nX-Q: ${request-uri}\nX-C: ${contact-uri}";
+  // clang-format off
+  const Case cases[] = {
+      {{{"expires", "600"}}, "expires: 3600", "expires: 3600\n"},
+      {{{"Expires", "7200"}}, "expires: 3600", "Expires: 7200\n"},
+      {{{"Expires", "3600"}}, "expires: 3600", "expires: 3600\n"},
+      {{{"Expires", "0"}}, "expires: 3600", "Expires: 0\n"},
+      {{{"Expires", "00"}}, "expires: 0", "expires: 0\n"},
+      {{{"A", "1"}, {"Expires", "7200"}}, "expires: 3600\nB: 2", "B: 2\nA: 1\nExpires: 7200\n"},
+      {{{"A", "own"}, {"X", "own"}}, "X: 1\nX: 2", "X: 1\nX: 2\nA: own\n"},
+      {{{"x", "a"}, {"A", "own"}, {"x", "b"}}, "X: 1", "X: 1\nA: own\nx: b\n"},
+      {{{"A", "own"}, {"B", "own"}}, "C: 1\nB: 2", "C: 1\nB: 2\nA: own\n"},
+      {{{"A", "own"}}, "", "A: own\n"},
+      {{}, cells, "X-L: sip:alice@x\nX-R: sip:remote@example.com\nX-Q: sip:y\nX-C: sip:me@127.0.0.1:5060\n"},
+  };
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.lines);
+    Configure(c.lines);
+    door_.sip.built_headers = c.own;
+    ASSERT_GT(door_.Register("<aor>sip:alice@x</aor><registrar>y</registrar>"), 0);
+    EXPECT_EQ(door_.sip.sent.back().headers, c.merged);
+  }
+  Configure("User-Agent: template\nX-D: ${display-name}\nexpires: 3600");
+  door_.sip.built_headers.clear();
+  ASSERT_GT(door_.Register("<aor>sip:alice@x</aor><registrar>y</registrar><displayname>Alice</displayname>"
+                           "<expires>600</expires><user-agent>own</user-agent>"),
+            0);
+  EXPECT_EQ(door_.sip.sent.back().headers, "User-Agent: own\nX-D: Alice\nExpires: 600\n");
+}
+
+TEST_F(ComponentSettings, NothingPutsALineOfItsOwnIntoTheMessage) {
+  const std::string line = "&#13;&#10;X-Injected: 1";
+  Configure("X-D: (${display-name})");
+  for (const char* name : {"displayname", "user-agent", "aor", "registrar"}) {
+    SCOPED_TRACE(name);
+    std::string children = "<aor>sip:a@b</aor><registrar>sip:b</registrar>";
+    const std::string element = "<" + std::string(name) + ">";
+    if (const auto at = children.find(element); at != std::string::npos) {
+      children.insert(at + element.size() + 6, line);
+    } else {
+      children += element + "A" + line + "</" + name + ">";
+    }
+    door_.sip.sent.clear();
+    door_.Register(children);
+    for (const fakes::SentRegister& sent : door_.sip.sent) EXPECT_EQ(sent.headers, "");
+  }
+  // A header list that refuses takes nothing, and the header that would have gone stays.
+  nsip_message own;
+  nsip_message_set_header(&own, "X", "own");
+  nsip_message bad;
+  for (const char* value : {"1\r\nX-Injected: 1", "2"}) {
+    bad.headers.items.push_back(std::make_unique<nsip_header>(nsip_header{"X", value}));
+  }
+  CRegSipCfg cfg;
+  cfg.MergeSipHeaders(&bad, &own);
+  cfg.MergeSipHeaders(nullptr, &own);
+  cfg.MergeSipHeaders(&bad, nullptr);
+  ASSERT_EQ(own.headers.items.size(), 1u);
+  EXPECT_EQ(own.headers.items[0]->hvalue, "2");
+}
+
+TEST_F(ComponentSettings, AChangeCountsFromTheNextRegisterOn) {
+  const int id = door_.Register(fakes::kAlice);
+  EXPECT_EQ(door_.sip.sent.back().headers, "Expires: 600\n");
+  door_.sip.Answer(door_.LastStackId(), 200, "Expires: 600\r\n");
+  Configure("X-A: ${local-uri}");
+  door_.Advance(std::chrono::seconds(600));
+  ASSERT_GT(door_.sip.sent.size(), 1u);
+  EXPECT_EQ(door_.sip.sent.back().headers, "X-A: sip:alice@example.com\nExpires: 600\n");
+  // A directory alone changes nothing, and a file with faults is told on the log and changes
+  // nothing either.
+  EXPECT_EQ(Log(dir_.LogOn("level=\"0\"")), 0);
+  dir_.Write(
+      "<sip-messages>\n<message kind=\"REG\" method=\"REGISTER\">\n<header name=\"Via\">v</header>\n"
+      "<header name=\"b d\">v</header>\n</message></sip-messages>");
+  EXPECT_EQ(door_.Command(kReadConf, "").result, kConfRead);
+  EXPECT_EQ(door_.Command(kSettings, "<system-settings/>").result, 0);
+  EXPECT_EQ(door_.Command(kReadConf, "").result, kConfRead);
+  door_.Deregister(id);
+  EXPECT_EQ(door_.sip.sent.back().headers, "X-A: sip:alice@example.com\n");
+  const std::vector<std::string> logged = Logged();
+  ASSERT_EQ(logged.size(), 3u);
+  EXPECT_TRUE(std::regex_search(logged[0], std::regex("^Err /.*/TOLVANE.xml:3: .*Via"))) << logged[0];
+  EXPECT_TRUE(std::regex_search(logged[1], std::regex("^Err /.*/TOLVANE.xml:4: .*b d"))) << logged[1];
+  EXPECT_TRUE(logged[2].starts_with("Err TOLVANE.xml:0: ")) << logged[2];
+}
+
+TEST_F(ComponentSettings, LogSwitchDocuments) {
+  struct Case {
+    const char* document;
+    const char* read;  // result, switch, path, size, count, level, pause
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"<log><log-switch>1</log-switch></log>", "0 1 /log/Tolvane.log 5120 2 -1 -1"},
+      {"<log><x/><log-switch path='/a' max-size='7' file-count='3' level='0' pause='0'>tRUE</log-switch></log>",
+       "0 1 /a/Tolvane.log 7168 3 0 0"},
+      {"<log><log-switch path='a/' max-size='0' file-count='0' level='7' pause='1'>1</log-switch></log>",
+       "0 1 a/Tolvane.log 5120 2 7 1"},
+      {"<log><log-switch path='' max-size='-1' file-count='-1' level='-2' pause='2'>1</log-switch></log>",
+       "0 1 /log/Tolvane.log 5120 2 -1 -1"},
+      {"<log><log-switch path='a\\' max-size='9999999999' level='x' pause='-1'>1</log-switch></log>",
+       "0 1 a\\/Tolvane.log 2147482624 2 0 -1"},
+      {"<log><log-switch path='a' level='1'>FALSE</log-switch></log>", "0 0 /log/Tolvane.log 5120 2 -1 -1"},
+      {"<log><log-switch level='1'/></log>", "0 0 /log/Tolvane.log 5120 2 -1 -1"},
+      {"<log/>", "0 0 /log/Tolvane.log 5120 2 -1 -1"},
+      {"<log-switch>1</log-switch>", "-1 0 /log/Tolvane.log 5120 2 -1 -1"},
+      {"", "-1 0 /log/Tolvane.log 5120 2 -1 -1"},
+  };
+  // clang-format on
+  const std::unique_ptr<CRegParserFactory> factory(CRegParserFactoryObj::GetParserFactory(E_PARSER_XML));
+  for (const Case& c : cases) {
+    CXML document;
+    document.SetDoc(c.document);
+    const std::unique_ptr<CRegLogSwitch> read(factory->CreateRegLogSwitch());
+    std::string all = std::to_string(read->Parse(&document));
+    all += " " + std::to_string(read->m_bLogSwitch) + " " + read->m_strPath;
+    for (const int n : {read->m_nMaxSize, read->m_nFileCount, read->m_nLevel, read->m_nPause}) {
+      all += " " + std::to_string(n);
+    }
+    EXPECT_EQ(all, c.read) << c.document;
+  }
+  const std::unique_ptr<CRegisterConfig> config(factory->CreateRegisterConfig());
+  CXML root;
+  EXPECT_EQ(config->Parse(&root), 1);
+  EXPECT_EQ(config->Parse(nullptr), -1);
+  EXPECT_EQ(config->Result(&root), 0);
+}
+
+TEST_F(ComponentSettings, TheLogSwitchOpensChangesAndCloses) {
+  EXPECT_EQ(Log(WorkDir::kLogOff), 0);  // none there
+  EXPECT_EQ(Log("<log-switch>1</log-switch>"), kNotParsed);
+  EXPECT_EQ(Log(dir_.LogOn("")), 0);
+  using Lines = std::vector<std::string>;
+  const Lines opened = {"Inf CCallProcess::E_LOG_DEBUG!", "Inf CRegisterProcess::Open log sucess"};
+  EXPECT_EQ(Logged(), opened);
+  EXPECT_EQ(Log(dir_.LogOn("level=\"2\"", "other/")), 0);
+  EXPECT_EQ(dir_.Read("other/Tolvane.log"), "");
+  EXPECT_EQ(Log(dir_.LogOn("pause=\"1\"")), 0);
+  EXPECT_EQ(Log(dir_.LogOn("pause=\"0\"")), 0);  // asleep when it says so
+  EXPECT_EQ(Log("<x/>"), kNotParsed);
+  EXPECT_EQ(door_.Command(kSettings, "<x/>").result, kNotParsed);
+  EXPECT_EQ(TOLVANE_XSCCmdCallBack(kSettings, nullptr, nullptr), kNotParsed);
+  EXPECT_EQ(TOLVANE_XSCCmdCallBack(kLogSwitch, nullptr, nullptr), kNotParsed);
+  EXPECT_EQ(door_.Command(kSettings, "<system-settings><work-dir>/w</work-dir></system-settings>").result, 0);
+  EXPECT_EQ(Log(WorkDir::kLogOff), 0);
+  EXPECT_EQ(Log(WorkDir::kLogOff), 0);
+  Lines expected = opened;
+  const Lines rest = {"Inf CRegisterProcess::Change log param",
+                      "Inf CRegisterProcess::Change log param",
+                      "Err log node not exist",
+                      "Err CRegisterProcess::Parse Failed!",
+                      "Err system-settings node not exist",
+                      "Err CCallProcess::Parse Failed!",
+                      "Err input param is null",
+                      "Err CCallProcess::Parse Failed!",
+                      "Err input param is null",
+                      "Err CRegisterProcess::Parse Failed!",
+                      "Inf m_strCfgPath is /w",
+                      "Inf CRegisterProcess::Close log"};
+  expected.insert(expected.end(), rest.begin(), rest.end());
+  EXPECT_EQ(Logged(), expected);
+  EXPECT_EQ(Log(dir_.LogOn("level=\"2\"")), 0);  // the same file goes on
+  expected.emplace_back("Inf CRegisterProcess::Open log sucess");
+  EXPECT_EQ(Logged(), expected);
+}
+
+TEST_F(ComponentSettings, TheLogOfOneRegistration) {
+  Configure("X-A: 1");
+  for (const int level : {3, 1}) {
+    const std::string below = std::to_string(level) + "/";
+    ASSERT_EQ(Log(dir_.LogOn("level=\"" + std::to_string(level) + "\"", below)), 0);
+    const int id = door_.Register(fakes::kAlice);
+    door_.sip.Answer(door_.LastStackId(), 200, "Expires: 600\r\n");
+    door_.Deregister(id);
+    door_.Deregister(9999);
+    REG_LOG(E_LOG_WARNING, "%s", "\xc4\xe3\xba\xc3");  // not UTF-8
+    Log(WorkDir::kLogOff);
+    const std::vector<std::string> logged = Logged(below + "Tolvane.log");
+    const auto has = [&](const char* line) { return std::find(logged.begin(), logged.end(), line) != logged.end(); };
+    for (const char* line :
+         {"Enter CRegister::SendRegister", "Leave CRegister::SendRegister", "Enter CRegSipCfg::ConfigureSipMessage",
+          "Enter CRegCfgItem::CRegCfgItem", "Leave CRegCfgItem::~CRegCfgItem", "Inf m_stRegInfo.m_nExpires is 600",
+          "Inf Deregister id is 9999"}) {
+      EXPECT_EQ(has(line), level == 3) << line;
+    }
+    EXPECT_TRUE(level == 3 || logged.size() == 2);
+    EXPECT_TRUE(has("Err DeRegister object is null!"));
+    EXPECT_TRUE(has("War \xc4\xe3\xba\xc3"));
+  }
+}
+
+TEST_F(ComponentSettings, TheRingOfFiles) {
+  ASSERT_EQ(Log(dir_.LogOn("level=\"2\" max-size=\"1\" file-count=\"2\"")), 0);
+  const std::string filler(50000, '-');
+  for (int n = 0; n < 100; ++n) REG_LOG(E_LOG_INFO, "%d %s", n, filler.c_str());
+  // Four files were filled; the ring holds the last two of them.
+  const auto first = [&](const char* name) {
+    const std::string text = dir_.Read(name);
+    return std::stoi(text.substr(text.find("Content:") + 10));
+  };
+  EXPECT_LT(first("1_Tolvane.log"), first("2_Tolvane.log"));
+  EXPECT_LT(first("2_Tolvane.log"), first("Tolvane.log"));
+  EXPECT_EQ(first("1_Tolvane.log"), 42);
+  EXPECT_EQ(dir_.Read("3_Tolvane.log"), "");
+}
+
+TEST_F(ComponentSettings, MemoryThatRunsOut) {
+  // The step: the message is as it was or as it shall be, and goes out in any case.
+  Configure("X-A: a value that is too long to be held in place\nX-B: ${local-uri}");
+  CRegSipCfg& cfg = *GetRegGlobal().m_pRegSipCfg;
+  int result = -1;
+  for (long left = 0; result != 0; ++left) {
+    nsip_message message;
+    nsip_message_set_header(&message, "X-B", "own");
+    failing_new::Limit(left);
+    result = cfg.ConfigureSipMessage("REG", "REGISTER", &message);
+    failing_new::Limit(-1);
+    ASSERT_EQ(message.headers.items.size(), result == 0 ? 2u : 1u);
+    EXPECT_EQ(message.headers.items.back()->hvalue, "own");
+    ASSERT_LT(left, 1000);
+  }
+  // The commands: a log that cannot be opened is none.
+  for (const int command : {kSettings, kReadConf, kLogSwitch}) {
+    CXML in;
+    in.SetDoc(command == kSettings ? dir_.Settings().c_str() : dir_.LogOn("").c_str());
+    long left = 0;
+    do {
+      failing_new::Limit(left);
+      result = TOLVANE_XSCCmdCallBack(command, &in, nullptr);
+      failing_new::Limit(-1);
+      ASSERT_TRUE(result == (command == kReadConf ? kConfRead : -1) || result == 0) << result;
+      EXPECT_EQ(GetRegGlobal().m_pLog != nullptr, command == kLogSwitch && result == 0);
+    } while (++left < 200);
+    EXPECT_EQ(result, command == kReadConf ? kConfRead : 0);
+  }
+}
+
+}  // namespace
