@@ -86,8 +86,10 @@ std::string_view Trim(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
 }
 
-bool IsBlank(std::string_view text) {
-  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+// The first words of a text between elements; empty when it is white space only.
+std::string_view FirstWords(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+  return text.substr(0, text.find_first_of("\t\r\n"));
 }
 
 // Headers that no template may set: those with a field of their own in a message, in any spelling,
@@ -178,10 +180,10 @@ class Reader {
 
   void CheckNoText(const CXML& element) {
     const std::string text = element.GetData();
-    if (IsBlank(text)) return;
-    const std::size_t begin = text.find_first_not_of(" \t\r\n");
-    Fault(element.GetLine(), "<" + element.GetName() + "> holds text where only elements belong: " +
-                                 Quoted(std::string_view(text).substr(begin)));
+    if (const std::string_view words = FirstWords(text); !words.empty()) {
+      Fault(element.GetLine(), "<" + element.GetName() + "> holds the text " + Quoted(words) +
+                                   " where only elements belong");
+    }
   }
 
   void ReadMessage(const CXML& element) {
@@ -200,7 +202,7 @@ class Reader {
       }
       ConfMessage::Header read = ReadHeader(header);
       if (EqualNoCase(read.name, "Expires") && std::exchange(has_expires, true)) {
-        Fault(read.line, "a second Expires header in one message; one is all that it may have");
+        Fault(read.line, "a second Expires header in one message; leave one");
       }
       bytes += HeaderBytes(read.name, read.value);
       if (message.headers.size() == kMaxTemplateHeaders || bytes > kMaxTemplateBytes) {
@@ -235,8 +237,7 @@ class Reader {
       Fault(header.line, "the header name " + Quoted(header.name) +
                              " is no token: letters, digits and -.!%*_+`'~ only");
     } else if (IsStackOwned(header.name)) {
-      Fault(header.line,
-            "the header " + Quoted(header.name) + " is the stack's own; no template may set it");
+      Fault(header.line, "the header " + Quoted(header.name) + " is the stack's own; take it out");
     }
   }
 
