@@ -1,6 +1,10 @@
 // tolvane-registrar: the loopback registrar as a program.
+#include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -12,8 +16,12 @@
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
+#include "registrar/loopback_socket.h"
+#include "registrar/orders.h"
 #include "registrar/registrar.h"
 
 namespace {
@@ -35,6 +43,7 @@ struct Arguments {
   std::string qop = "auth";
   double duration = 0;
   bool verbose = false;
+  bool orders = false;
 };
 
 // False and a text when there is no password to be had.
@@ -58,14 +67,6 @@ bool ReadPassword(const std::string& file, std::string& password, std::string& e
   return true;
 }
 
-// What came from the wire must not steer the terminal.
-std::string Printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
-  }
-  return text;
-}
-
 void PrintRequest(const nsip_message& request, int status) {
   const auto now = std::chrono::system_clock::now();
   const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
@@ -86,10 +87,71 @@ void PrintRequest(const nsip_message& request, int status) {
   if (nsip_message_header_get_byname(&request, "Expires", 0, &expires) >= 0) {
     wish += ", Expires " + expires->hvalue;
   }
-  std::printf("%s.%03d REGISTER %s, CSeq %u, %s -> %s\n", time.data(), static_cast<int>(ms),
-              Printable(nsip_uri_text(*request.to->url)).c_str(), request.cseq_number,
-              Printable(wish).c_str(), status == 0 ? "no answer" : std::to_string(status).c_str());
+  std::printf("%s.%03d %s %s, CSeq %u, %s -> %s\n", time.data(), static_cast<int>(ms),
+              request.sip_method.c_str(),
+              registrar::Printable(nsip_uri_text(*request.to->url)).c_str(), request.cseq_number,
+              registrar::Printable(wish).c_str(),
+              status == 0 ? "no answer" : std::to_string(status).c_str());
   std::fflush(stdout);
+}
+
+// The first of the words is the default.
+template <class Value>
+void DescribeManner(CLI::App& app, const char* name, Value& value, const char* what,
+                    const std::vector<std::pair<std::string, Value>>& words) {
+  std::vector<std::string> names;
+  for (const auto& [word, meaning] : words) names.push_back(word);
+  app.add_option_function<std::string>(
+         name,
+         [&value, words](const std::string& given) {
+           for (const auto& [word, meaning] : words) {
+             if (word == given) value = meaning;
+           }
+         },
+         what)
+      ->check(CLI::IsMember(names))
+      ->default_str(names.front());
+}
+
+void DescribeRegEvent(CLI::App& app, registrar::RegEventOptions& options) {
+  using namespace registrar;
+  app.add_option("--subscribe-min-expires", options.min_expires,
+                 "Answer 423 to subscriptions shorter than this, in seconds; 0: never")
+      ->check(CLI::Range(0, 86400))
+      ->capture_default_str();
+  app.add_option("--subscribe-max-expires", options.max_expires,
+                 "Cut longer subscriptions, in seconds")
+      ->check(CLI::Range(1, 2147483647))
+      ->capture_default_str();
+  app.add_option("--subscribe-default-expires", options.default_expires,
+                 "Grant to a SUBSCRIBE that names no time, in seconds")
+      ->check(CLI::Range(1, 2147483647))
+      ->capture_default_str();
+  app.add_flag("--pending", options.pending, "Subscriptions wait for the order \"approve\"");
+  DescribeManner(app, "--versions", options.versions,
+                 "How documents are numbered: proper, one (from 1), aor (one count for the address "
+                 "of record), zero (always), gaps (2, 5, 8), twice (each number)",
+                 {{"proper", Versions::kProper},
+                  {"one", Versions::kOne},
+                  {"aor", Versions::kAor},
+                  {"zero", Versions::kZero},
+                  {"gaps", Versions::kGaps},
+                  {"twice", Versions::kTwice}});
+  DescribeManner(app, "--contact-ids", options.contact_ids,
+                 "Contact ids: stable, fresh (in each document), swapped (passed around)",
+                 {{"stable", ContactIds::kStable},
+                  {"fresh", ContactIds::kFresh},
+                  {"swapped", ContactIds::kSwapped}});
+  DescribeManner(app, "--documents", options.documents, "What tells a change: full, partial",
+                 {{"full", Documents::kFull}, {"partial", Documents::kPartial}});
+  DescribeManner(app, "--gone", options.gone,
+                 "A contact that is gone is listed once more, or missing from full documents",
+                 {{"listed", Gone::kListed}, {"missing", Gone::kMissing}});
+  app.add_option_function<int>(
+         "--t1", [&options](int ms) { options.t1 = std::chrono::milliseconds(ms); },
+         "First wait before a NOTIFY is sent again, in ms; it is given up after 64 times of it")
+      ->check(CLI::Range(1, 10000))
+      ->default_str("500");
 }
 
 void Describe(CLI::App& app, Arguments& arguments) {
@@ -137,6 +199,9 @@ void Describe(CLI::App& app, Arguments& arguments) {
   app.add_option("--p-associated-uri", options.p_associated_uri,
                  "P-Associated-URI of each 200, such as \"<sip:alice@example.com>\" (repeatable)")
       ->take_all();
+  DescribeRegEvent(app, options.reg_event);
+  app.add_flag("--orders", arguments.orders,
+               "Take orders on the standard input, a line each; \"help\" lists them");
   app.add_option("--duration", arguments.duration,
                  "End after so many seconds; 0: at SIGINT or SIGTERM")
       ->check(CLI::Range(0.0, 1e8))
@@ -145,19 +210,35 @@ void Describe(CLI::App& app, Arguments& arguments) {
   app.footer("Exit status: 0 ended as asked, 2 wrong usage, 3 cannot listen.");
 }
 
-// Waits for SIGINT, SIGTERM or the end of the duration. The signals are blocked in all threads.
-void WaitForEnd(const sigset_t& signals, double duration) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(duration);
+// Takes orders until SIGINT, SIGTERM or the end of the duration; the end of the orders ends
+// nothing. The signals are blocked in all threads.
+void Serve(registrar::Registrar& registrar, const registrar::FileDescriptor& signals,
+           const Arguments& arguments) {
+  registrar::LineReader orders(
+      [&](std::string_view line) { std::cout << RunOrder(registrar, line) << std::flush; },
+      [] { std::cout << "error: the order is too long" << std::endl; });
+  const auto end =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(arguments.duration);
+  pollfd fds[2] = {{signals.get(), POLLIN, 0}, {arguments.orders ? STDIN_FILENO : -1, POLLIN, 0}};
   for (;;) {
-    std::chrono::nanoseconds left = std::chrono::hours(1);
-    if (duration > 0) {
-      left = std::chrono::duration_cast<std::chrono::nanoseconds>(end -
-                                                                  std::chrono::steady_clock::now());
-      if (left.count() <= 0) return;
+    std::chrono::milliseconds left = std::chrono::hours(1);
+    if (arguments.duration > 0) {
+      const auto real =
+          std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      if (real.count() <= 0) return;
+      left = std::min(left, real);
     }
-    const timespec wait{static_cast<std::time_t>(left.count() / 1000000000),
-                        static_cast<long>(left.count() % 1000000000)};
-    if (sigtimedwait(&signals, nullptr, &wait) > 0) return;
+    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) return;
+    if (fds[0].revents != 0) return;
+    if (fds[1].revents == 0) continue;
+    std::array<char, 4096> bytes{};
+    const ssize_t size = read(STDIN_FILENO, bytes.data(), bytes.size());
+    if (size > 0) {
+      orders.Feed({bytes.data(), static_cast<std::size_t>(size)});
+    } else if (size == 0 || (errno != EINTR && errno != EAGAIN)) {
+      orders.End();
+      fds[1].fd = -1;
+    }
   }
 }
 
@@ -173,9 +254,10 @@ int Run(int argc, char** argv) {
   registrar::Options& options = arguments.options;
   std::string error;
   if (arguments.qop == "none") options.qop.clear();
-  if (options.max_expires < options.min_expires) {
-    std::cerr
-        << "tolvane-registrar: --max-expires is below --min-expires: no wish could be granted\n";
+  if (options.max_expires < options.min_expires ||
+      options.reg_event.max_expires < options.reg_event.min_expires) {
+    std::cerr << "tolvane-registrar: --max-expires (or --subscribe-max-expires) is below its "
+                 "minimum: no wish could be granted\n";
     return kUsage;
   }
   if (!arguments.users.empty()) {
@@ -197,6 +279,11 @@ int Run(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   registrar::Registrar registrar(options);
+  const registrar::FileDescriptor signal_fd(signalfd(-1, &signals, SFD_CLOEXEC));
+  if (!signal_fd.valid()) {
+    std::cerr << "tolvane-registrar: no descriptor for signals\n";
+    return kCannotStart;
+  }
   if (arguments.verbose) registrar.OnAnswer(PrintRequest);
   if (!registrar.Start(error)) {
     std::cerr << "tolvane-registrar: " << error << "\n";
@@ -204,11 +291,14 @@ int Run(int argc, char** argv) {
   }
   std::cout << "tolvane-registrar, a test double on loopback, not a server for a network\n"
             << "listening on " << registrar.uri() << std::endl;
-  WaitForEnd(signals, arguments.duration);
+  Serve(registrar, signal_fd, arguments);
   registrar.Stop();
   const registrar::Counters counters = registrar.GetCounters();
+  const registrar::RegEventCounters reg_event = registrar.GetRegEventCounters();
   std::cout << "ended: " << counters.requests << " requests, " << counters.retransmissions
-            << " retransmissions, " << counters.garbage << " unreadable datagrams" << std::endl;
+            << " retransmissions, " << counters.garbage << " unreadable datagrams, "
+            << reg_event.subscribes << " subscribes, " << reg_event.notifies << " notifies"
+            << std::endl;
   return kOk;
 }
 

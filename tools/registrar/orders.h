@@ -1,0 +1,38 @@
+// Orders to a registrar as lines of text, for the program.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "registrar/registrar.h"
+
+namespace registrar {
+
+// Does what the line says, and tells in lines of its own what came of it; the last one begins with
+// "done" or "error". An empty line, or a comment behind '#', gives nothing.
+[[nodiscard]] std::string RunOrder(Registrar& registrar, std::string_view line);
+
+// What came from the wire must not steer the terminal.
+[[nodiscard]] std::string Printable(std::string text);
+
+// Cuts what is read into lines; one that is too long is passed over, and `refuse` hears of it.
+class LineReader {
+ public:
+  static constexpr std::size_t kMaxLine = 16384;
+
+  LineReader(std::function<void(std::string_view)> take, std::function<void()> refuse);
+  void Feed(std::string_view bytes);
+  void End();  // what has no line end is a line as well
+
+ private:
+  void Line();
+
+  const std::function<void(std::string_view)> take_;
+  const std::function<void()> refuse_;
+  std::string line_;
+  bool too_long_ = false;
+};
+
+}  // namespace registrar
