@@ -67,6 +67,14 @@ class TOLVANE_PUBLIC CXML {
   int FindChildElem(const char* szName);
   // The exact text of the found child, markup included, as it stood in the document that was read.
   [[nodiscard]] std::string GetChildSubDoc() const;
+  // The same as a document, without reading it again: it shares the parsed document with this
+  // object, and is in everything but GetLine what SetDoc makes of the sub-document. Empty without a
+  // found child.
+  [[nodiscard]] CXML GetChildDoc() const;
+  // For a document from GetChildDoc that is kept for long, since it keeps the whole document that
+  // it is a part of: makes it one of its own if that document has become far larger than what it is
+  // still shared for. Nothing else changes, nor does anything when memory runs out.
+  void Trim() noexcept;
 
   // For readers that have to know all that stands in a document.
 
@@ -95,11 +103,14 @@ class TOLVANE_PUBLIC CXML {
  private:
   struct Document;
   [[nodiscard]] std::int32_t NextOnLevel() const noexcept;
+  [[nodiscard]] std::string TextOf(std::int32_t nNode) const;
   Document& Own();  // for writing
+  void Cut();
   void Release() noexcept;
   void Swap(CXML& oOther) noexcept;
 
   Document* m_pDoc = nullptr;   // counted; shared until changed; null: empty
+  std::int32_t m_nRoot = 0;     // the root; another than 0 in a part of a larger document
   std::int32_t m_nParent = -1;  // element whose children form the level; -1 for the root level
   std::int32_t m_nMain = -1;    // the main position; -1 before the level's first element
   std::int32_t m_nChild = -1;   // the child position; -1 before the main element's first child

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <utility>
 
 #include "Domletlib.h"
@@ -14,7 +15,7 @@ using domlet::Node;
 // thread has read before it let go must be over before we write.
 struct CXML::Document {
   Document() = default;
-  explicit Document(const domlet::Tree& oFrom) : oTree(oFrom) {}
+  explicit Document(domlet::Tree oFrom) : oTree(std::move(oFrom)) {}
 
   domlet::Tree oTree;
   std::string strError;
@@ -22,6 +23,12 @@ struct CXML::Document {
 };
 
 namespace {
+
+// When a part lets its document go: its share of the memory is beyond this many bytes and this many
+// times its own text. A document and the objects that are read from it cost less than that
+// together, so nothing is cut that is still shared as it was meant.
+constexpr std::size_t kTrimFloor = 1024;
+constexpr std::size_t kTrimFactor = 8;
 
 std::string_view View(const char* szText) noexcept {
   return szText != nullptr ? std::string_view(szText) : std::string_view();
@@ -37,6 +44,7 @@ CXML::~CXML() { Release(); }
 
 CXML::CXML(const CXML& oOther)
     : m_pDoc(oOther.m_pDoc),
+      m_nRoot(oOther.m_nRoot),
       m_nParent(oOther.m_nParent),
       m_nMain(oOther.m_nMain),
       m_nChild(oOther.m_nChild) {
@@ -59,6 +67,7 @@ CXML& CXML::operator=(CXML&& oOther) noexcept {
 
 void CXML::Swap(CXML& oOther) noexcept {
   std::swap(m_pDoc, oOther.m_pDoc);
+  std::swap(m_nRoot, oOther.m_nRoot);
   std::swap(m_nParent, oOther.m_nParent);
   std::swap(m_nMain, oOther.m_nMain);
   std::swap(m_nChild, oOther.m_nChild);
@@ -71,16 +80,29 @@ void CXML::Release() noexcept {
   m_pDoc = nullptr;
 }
 
-// The document for writing: ours alone from here on.
+// The document for writing: ours alone and no part of another from here on.
 CXML::Document& CXML::Own() {
   if (m_pDoc == nullptr) {
     m_pDoc = new Document();
+  } else if (m_nRoot != 0) {
+    Cut();
   } else if (m_pDoc->nOwners.load(std::memory_order_acquire) != 1) {
     auto* pCopy = new Document(m_pDoc->oTree);
     Release();
     m_pDoc = pCopy;
   }
   return *m_pDoc;
+}
+
+// Makes a document of the part that we are.
+void CXML::Cut() {
+  auto* pCut = new Document(m_pDoc->oTree.Cut(m_nRoot));
+  Release();
+  m_pDoc = pCut;
+  for (std::int32_t* pnPosition : {&m_nParent, &m_nMain, &m_nChild}) {
+    if (*pnPosition != kNone) *pnPosition -= m_nRoot;
+  }
+  m_nRoot = 0;
 }
 
 // --- documents -----------------------------------------------------------------------------------
@@ -97,7 +119,35 @@ int CXML::SetDoc(std::string_view strDoc) {
 }
 
 std::string CXML::GetDoc() const {
-  return m_pDoc != nullptr ? m_pDoc->oTree.source : std::string();
+  if (m_pDoc == nullptr) return {};
+  return m_nRoot == 0 ? m_pDoc->oTree.source : TextOf(m_nRoot);
+}
+
+CXML CXML::GetChildDoc() const {
+  CXML oChild;
+  if (m_nChild == kNone) return oChild;
+  if (m_pDoc->oTree.written) {
+    oChild.SetDoc(GetChildSubDoc());
+  } else {
+    oChild = *this;
+    oChild.m_nRoot = m_nChild;
+    oChild.ResetPos();
+  }
+  return oChild;
+}
+
+void CXML::Trim() noexcept {
+  if (m_nRoot == 0) return;
+  const Node& oNode = m_pDoc->oTree.At(m_nRoot);
+  const std::size_t nMine = oNode.end - oNode.begin;
+  const std::size_t nShare =
+      m_pDoc->oTree.Memory() / m_pDoc->nOwners.load(std::memory_order_relaxed);
+  if (nShare <= kTrimFloor + kTrimFactor * nMine) return;
+  try {
+    Cut();
+  } catch (const std::bad_alloc&) {
+    // It shares a while longer.
+  }
 }
 
 const std::string& CXML::LastError() const {
@@ -115,8 +165,9 @@ void CXML::ResetMainPos() { m_nMain = m_nChild = kNone; }
 std::int32_t CXML::NextOnLevel() const noexcept {
   if (m_pDoc == nullptr || m_pDoc->oTree.nodes.empty()) return kNone;
   const domlet::Tree& oTree = m_pDoc->oTree;
+  if (m_nMain == m_nRoot) return kNone;  // a root stands alone, whatever it was cut from
   if (m_nMain != kNone) return oTree.At(m_nMain).next;
-  return m_nParent != kNone ? oTree.At(m_nParent).first_child : 0;
+  return m_nParent != kNone ? oTree.At(m_nParent).first_child : m_nRoot;
 }
 
 int CXML::FindElem(const char* szName) {
@@ -138,7 +189,7 @@ int CXML::IntoElem() {
 std::string CXML::GetData() const {
   if (m_nMain == kNone) return {};
   const domlet::Tree& oTree = m_pDoc->oTree;
-  return std::string(oTree.Value(oTree.At(m_nMain).text));
+  return std::string(oTree.Text(oTree.At(m_nMain)));
 }
 
 int CXML::FindAttrib(const char* szName) const {
@@ -150,8 +201,9 @@ int CXML::FindAttrib(const char* szName) const {
 std::string CXML::GetAttrib(const char* szName) const {
   if (m_nMain == kNone) return {};
   const domlet::Tree& oTree = m_pDoc->oTree;
-  const domlet::Attr* pAttr = oTree.FindAttr(oTree.At(m_nMain), View(szName));
-  return pAttr != nullptr ? std::string(oTree.Value(pAttr->value)) : std::string();
+  const Node& oNode = oTree.At(m_nMain);
+  const domlet::Attr* pAttr = oTree.FindAttr(oNode, View(szName));
+  return pAttr != nullptr ? std::string(oTree.Value(oNode, pAttr->value)) : std::string();
 }
 
 int CXML::FindChildElem(const char* szName) {
@@ -163,7 +215,7 @@ int CXML::FindChildElem(const char* szName) {
   } else if (m_nMain != kNone) {
     nFirst = oTree.At(m_nMain).first_child;
   } else if (m_nParent == kNone) {
-    nFirst = oTree.At(0).first_child;
+    nFirst = oTree.At(m_nRoot).first_child;
   }
   const std::int32_t nFound = oTree.Find(nFirst, View(szName));
   if (nFound == kNone) return 0;
@@ -172,10 +224,12 @@ int CXML::FindChildElem(const char* szName) {
 }
 
 std::string CXML::GetChildSubDoc() const {
-  if (m_nChild == kNone) return {};
-  const domlet::Tree& oTree = m_pDoc->oTree;
-  const Node& oNode = oTree.At(m_nChild);
-  return oTree.source.substr(oNode.begin, oNode.end - oNode.begin);
+  return m_nChild != kNone ? TextOf(m_nChild) : std::string();
+}
+
+std::string CXML::TextOf(std::int32_t nNode) const {
+  const Node& oNode = m_pDoc->oTree.At(nNode);
+  return m_pDoc->oTree.source.substr(oNode.begin, oNode.end - oNode.begin);
 }
 
 int CXML::NextElem() {
@@ -205,7 +259,7 @@ std::string CXML::GetAttribName(int nIndex) const {
   const Node& oNode = oTree.At(m_nMain);
   if (static_cast<std::uint32_t>(nIndex) >= oNode.attr_count) return {};
   const auto nAttr = oNode.first_attr + static_cast<std::uint32_t>(nIndex);
-  return std::string(oTree.Value(oTree.attrs[nAttr].name));
+  return std::string(oTree.Value(oNode, oTree.attrs[nAttr].name));
 }
 
 // --- writing -------------------------------------------------------------------------------------

@@ -102,7 +102,6 @@ class Builder {
     }
     tree_.nodes.reserve(std::min(elements, kMaxReserve));
     tree_.attrs.reserve(std::min(attrs, kMaxReserve));
-    tree_.values.reserve(text_.size() / 2);
   }
 
   // Runs a callback's work unless the run is already lost.
@@ -132,10 +131,42 @@ class Builder {
     return static_cast<std::uint32_t>(XML_GetCurrentByteIndex(parser_.get()));
   }
 
-  Range Keep(std::string_view text) {
-    const Range range{static_cast<std::uint32_t>(tree_.values.size()),
-                      static_cast<std::uint32_t>(text.size())};
-    tree_.values.append(text);
+  // The attributes as the parser gives them and as they stand in the start tag, hand in hand.
+  void TakeAttrs(Node& node, const char** attrs) {
+    constexpr std::string_view kSpace = " \t\r\n";
+    std::size_t at = node.begin + 1 + node.name_length;
+    for (; *attrs != nullptr; attrs += 2, ++node.attr_count) {
+      Attr attr;
+      at = text_.find_first_not_of(kSpace, at);
+      attr.name.begin = static_cast<std::uint32_t>(at - node.begin);
+      attr.name.length = static_cast<std::uint32_t>(std::strlen(attrs[0]));
+      at = text_.find_first_of("\"'", at + attr.name.length) + 1;
+      const std::size_t end = text_.find(text_[at - 1], at);
+      const std::string_view value(attrs[1]);
+      if (text_.substr(at, end - at) == value) {
+        attr.value.begin = static_cast<std::uint32_t>(at - node.begin);
+        attr.value.length = static_cast<std::uint32_t>(value.size());
+      } else {
+        attr.value = tree_.Keep(value);
+      }
+      tree_.attrs.push_back(attr);
+      at = end + 1;
+    }
+  }
+
+  // In the source, when it stands there in one piece straight behind the start tag and in front of
+  // the first child.
+  [[nodiscard]] Range TakeText(const Node& node, std::uint32_t begin, std::string_view text) {
+    const std::size_t limit = node.first_child == kNone
+                                  ? node.content_end
+                                  : tree_.nodes[static_cast<std::size_t>(node.first_child)].begin;
+    if (!text.empty() &&
+        (begin + text.size() > limit || text_.substr(begin, text.size()) != text)) {
+      return tree_.Keep(text);
+    }
+    Range range;
+    range.begin = begin - node.begin;
+    range.length = static_cast<std::uint32_t>(text.size());
     return range;
   }
 
@@ -146,10 +177,7 @@ class Builder {
     node.name_length = static_cast<std::uint32_t>(std::strlen(name));
     node.parent = open_;
     node.first_attr = static_cast<std::uint32_t>(tree_.attrs.size());
-    for (; *attrs != nullptr; attrs += 2, ++node.attr_count) {
-      const Range key = Keep(attrs[0]);
-      tree_.attrs.push_back({key, Keep(attrs[1])});
-    }
+    TakeAttrs(node, attrs);
     const auto index = static_cast<std::int32_t>(tree_.nodes.size());
     tree_.nodes.push_back(node);
     if (open_ != kNone) {
@@ -160,7 +188,9 @@ class Builder {
       parent.last_child = index;
     }
     open_ = index;
-    text_begin_[static_cast<std::size_t>(depth_++)] = pending_.size();
+    Level& level = levels_[static_cast<std::size_t>(depth_++)];
+    level.text = pending_.size();
+    level.content = node.begin + static_cast<std::uint32_t>(XML_GetCurrentByteCount(parser_.get()));
   }
 
   void End() {
@@ -169,9 +199,9 @@ class Builder {
     node.content_end = Position();
     node.end =
         node.content_end + static_cast<std::uint32_t>(XML_GetCurrentByteCount(parser_.get()));
-    const std::size_t begin = text_begin_[static_cast<std::size_t>(--depth_)];
-    node.text = Keep(std::string_view(pending_).substr(begin));
-    pending_.resize(begin);
+    const Level& level = levels_[static_cast<std::size_t>(--depth_)];
+    node.text = TakeText(node, level.content, std::string_view(pending_).substr(level.text));
+    pending_.resize(level.text);
     open_ = node.parent;
   }
 
@@ -207,7 +237,11 @@ class Builder {
   // The texts of the open elements, outermost first. The innermost one is at the end, and only it
   // grows.
   std::string pending_;
-  std::array<std::size_t, CXML::kMaxDepth> text_begin_{};
+  struct Level {
+    std::size_t text = 0;       // where its text begins in `pending_`
+    std::uint32_t content = 0;  // behind its start tag, in the document
+  };
+  std::array<Level, CXML::kMaxDepth> levels_{};
   const char* refusal_ = nullptr;  // ours; the parser's own reasons are with the parser
   std::size_t line_ = 0;
   std::size_t column_ = 0;
@@ -230,6 +264,10 @@ bool Parse(std::string_view text, Tree& tree, std::string& error) {
     return false;
   }
   if (!Builder(text, tree).Run(error)) return false;
+  // What was reserved by a guess, or by doubling, is kept for as long as the document.
+  tree.nodes.shrink_to_fit();
+  tree.attrs.shrink_to_fit();
+  tree.values.shrink_to_fit();
   tree.source.assign(text);
   return true;
 }

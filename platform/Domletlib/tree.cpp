@@ -29,7 +29,7 @@ const Attr* Tree::FindAttr(const Node& node, std::string_view name) const noexce
   const Attr* const first = attrs.data() + node.first_attr;
   const Attr* const end = first + node.attr_count;
   const Attr* const found =
-      std::find_if(first, end, [&](const Attr& attr) { return Value(attr.name) == name; });
+      std::find_if(first, end, [&](const Attr& attr) { return Value(node, attr.name) == name; });
   return found != end ? found : nullptr;
 }
 
@@ -37,6 +37,49 @@ int Tree::DepthOf(std::int32_t node) const noexcept {
   int depth = 0;
   for (; node != kNone; node = At(node).parent) ++depth;
   return depth;
+}
+
+std::size_t Tree::Memory() const noexcept {
+  return source.capacity() + values.capacity() + nodes.capacity() * sizeof(Node) +
+         attrs.capacity() * sizeof(Attr);
+}
+
+Tree Tree::Cut(std::int32_t top) const {
+  std::int32_t last = top;
+  while (At(last).last_child != kNone) last = At(last).last_child;
+  const std::uint32_t first_attr = At(top).first_attr;
+
+  Tree cut;
+  cut.source.assign(source, At(top).begin, At(top).end - At(top).begin);
+  cut.nodes.assign(nodes.begin() + top, nodes.begin() + last + 1);
+  cut.attrs.assign(attrs.begin() + first_attr,
+                   attrs.begin() + At(last).first_attr + At(last).attr_count);
+  const auto keep = [&](Range& range) {
+    if (range.in_values != 0) range = cut.Keep(Value(Node(), range));
+  };
+  const auto move = [top](std::int32_t& index) { index -= index != kNone ? top : 0; };
+  cut.nodes.front().parent = cut.nodes.front().next = kNone;
+  for (Node& node : cut.nodes) {
+    for (std::uint32_t* offset : {&node.begin, &node.content_end, &node.end}) {
+      *offset -= At(top).begin;
+    }
+    node.first_attr -= first_attr;
+    for (std::int32_t* index : {&node.parent, &node.first_child, &node.last_child, &node.next}) {
+      move(*index);
+    }
+    keep(node.text);
+  }
+  for (Attr& attr : cut.attrs) keep(attr.value);
+  return cut;
+}
+
+Range Tree::Keep(std::string_view text) {
+  Range range;
+  range.begin = static_cast<std::uint32_t>(values.size());
+  range.length = static_cast<std::uint32_t>(text.size());
+  range.in_values = 1;
+  values.append(text);
+  return range;
 }
 
 // The source has become longer by `length` at `position`, which is inside `parent` and behind all
@@ -109,12 +152,11 @@ bool Tree::Append(std::int32_t parent, std::string_view name, std::string_view t
   node.end = position + static_cast<std::uint32_t>(markup.size());
   node.name_length = static_cast<std::uint32_t>(name.size());
   node.content_end = position + static_cast<std::uint32_t>(tag + 1 + value.markup.size());
-  node.text = {static_cast<std::uint32_t>(values.size()),
-               static_cast<std::uint32_t>(value.text.size())};
+  node.text = Keep(value.text);
   node.first_attr = static_cast<std::uint32_t>(attrs.size());
   node.parent = parent;
-  values.append(value.text);
   nodes.push_back(node);
+  written = true;
   return true;
 }
 

@@ -1,5 +1,7 @@
 #include "failing_new.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -16,6 +18,7 @@ std::atomic<long> g_number{0};
 std::atomic<long> g_first{0};
 std::atomic<long> g_last{0};
 std::atomic<long> g_alive{0};
+std::atomic<long> g_bytes{0};
 
 bool ShallFail() noexcept {
   if (t_left == 0) return true;
@@ -29,11 +32,14 @@ void* Allocate(std::size_t size) noexcept {
   if (ShallFail()) return nullptr;
   ++t_count;
   ++g_alive;
-  return std::malloc(size == 0 ? 1 : size);
+  void* const memory = std::malloc(size == 0 ? 1 : size);
+  g_bytes += static_cast<long>(malloc_usable_size(memory));
+  return memory;
 }
 
 void Free(void* memory) noexcept {
   if (memory != nullptr) --g_alive;
+  g_bytes -= static_cast<long>(malloc_usable_size(memory));
   std::free(memory);
 }
 
@@ -43,6 +49,7 @@ namespace failing_new {
 void Limit(long left) noexcept { t_left = left; }
 std::size_t Allocations() noexcept { return t_count; }
 long Alive() noexcept { return g_alive; }
+long AliveBytes() noexcept { return g_bytes; }
 long Fail(long first, long last) noexcept {
   g_first = first;
   g_last = last;

@@ -11,6 +11,7 @@ namespace failing_new {
 void Limit(long left) noexcept;
 [[nodiscard]] std::size_t Allocations() noexcept;  // of the calling thread, since it began
 [[nodiscard]] long Alive() noexcept;               // blocks of the process not freed yet
+[[nodiscard]] long AliveBytes() noexcept;          // their bytes, as the heap rounds them up
 
 // All threads that take part: their allocations are numbered from 1 again, and those from first to
 // last fail. 0, 0: none. Gives how many there have been since the last call.
