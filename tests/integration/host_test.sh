@@ -343,6 +343,229 @@ case_demo() {
   [[ $(grep -c '^  yes  ' "$dir/demo.out") == 7 ]] || fail "demo: not all promises kept"
 }
 
+# write_config HEADER-LINE...: one template; the first header stands in line 3
+write_config() {
+  mkdir -p "$dir/conf"
+  {
+    printf '<sip-messages>\n<message kind="REG" method="REGISTER">\n'
+    printf '%s\n' "$@"
+    printf '</message>\n</sip-messages>\n'
+  } >"$dir/conf/next"
+  mv "$dir/conf/next" "$dir/conf/TOLVANE.xml"
+}
+
+# faulty LINE PATTERN: what stands in the file is refused for this, with its name and line (0: the file as a whole)
+faulty() {
+  local place="^$dir/conf/TOLVANE\.xml:$1: .*$2"
+  [[ $1 != 0 ]] || place="^$dir/conf/TOLVANE\.xml: .*$2"
+  echo "faulty: $2"
+  "$tolvane" check-config --work-dir "$dir/conf" >"$dir/faulty.out" 2>"$dir/faulty.err"
+  status=$?
+  expect_status 1 "check-config: $2"
+  expect_line "$place" "$dir/faulty.err" "check-config"
+  [[ ! -s $dir/faulty.out ]] || fail "check-config: faults belong on the standard error"
+  usage_error "$place" register --aor sip:alice@example.com --registrar sip:127.0.0.1:9 --duration 1 \
+    --work-dir "$dir/conf"
+}
+
+case_config() {
+  cd "$dir" || exit 1
+  start_registrar config
+  echo "templates on the wire"
+  write_config '<header name="X-Zone">cell;user=${local-uri}</header>' \
+    '<header name="X-Bill">${display-name} &lt;${remote-uri}&gt; via ${request-uri}, $${plain}</header>' \
+    '<header name="X-Site">of ${site}</header>' '<header name="Expires">7200</header>' \
+    '<header name="A-Last">${display-name}</header>' '<header name="User-Agent">template</header>'
+  start_tolvane wire --work-dir conf --trace --duration 1 --display-name 'Alice B.' --user-agent tester --expires 600
+  wait_exit 15 "$tolvane_pid"
+  expect_status 0 "a registration with templates"
+  # What stands behind the Contact of the first message.
+  awk '/-> sent/ {++sent} sent == 1 && behind && / \| / {sub(/^ *\| /, ""); print} / \| Contact:/ {behind = 1}
+    /<- received/ {exit}' wire.out >wire.headers
+  diff - wire.headers >wire.diff <<HEADERS || fail "other headers than expected: $(cat wire.diff)"
+X-Zone: cell;user=sip:alice@example.com
+X-Bill: Alice B. <sip:alice@example.com> via $uri, \${plain}
+Expires: 600
+A-Last: Alice B.
+User-Agent: tester
+Content-Length: 0
+HEADERS
+  "$tolvane" check-config --work-dir conf >check.out 2>check.err || fail "check-config refuses a good file"
+  expect_line '^REG REGISTER \(line 2\)$' check.out "the template's kind, method and line"
+  expect_line '^  X-Zone: cell;user=\$\{local-uri\}$' check.out "a header as it stands in the file"
+  [[ $(grep -A 1 'X-Site' check.out) == *'note: nothing ever fills ${site} in'* ]] || fail "no note about \${site}"
+  [[ $(grep -c 'note:' check.out) == 2 ]] || fail "more or fewer notes than about \${site} and Expires"
+
+  echo "read anew under way"
+  write_config '<header name="X-Version">1</header>'
+  start_tolvane anew --work-dir "$dir/conf" --trace --json --expires 2
+  wait_for 10 '"id":4096' anew.out
+  write_config '<header name="X-Version">2</header>'
+  kill -HUP "$tolvane_pid"
+  wait_for 10 'X-Version: 2' anew.out
+  write_config '<header name="X-Version">3</header>' '<header name="Via">x</header>'
+  kill -HUP "$tolvane_pid"
+  wait_for 10 '"event":"remark".*TOLVANE.xml:4: .*Via' anew.out
+  local before
+  before=$(grep -c 'X-Version: 2' anew.out)
+  sleep 2.2
+  kill -INT "$tolvane_pid"
+  wait_exit 15 "$tolvane_pid"
+  expect_status 0 "templates read anew"
+  expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" anew.err "the fault"
+  expect_line '"direction":"sent".*X-Version: 1\\r' anew.out "the first template"
+  (($(grep -c 'X-Version: 2' anew.out) > before)) || fail "the former templates do not apply behind a faulty file"
+  ! grep -q 'X-Version: 3' anew.out || fail "a faulty file is in force"
+  [[ $(grep -c '"command":2,"result":1073741826,' anew.out) == 2 ]] || fail "a faulty file is read by the component"
+
+  echo "nothing is injected"
+  write_config '<header name="X-Account">${local-uri} ${display-name}</header>'
+  local line=$'\r\nX-Injected: 1' ok=(register --aor sip:alice@example.com --registrar "$uri")
+  usage_error 'display-name' "${ok[@]}" --display-name "Alice$line"
+  usage_error 'user-agent' "${ok[@]}" --user-agent "tester$line"
+  usage_error 'control' register --aor "sip:alice$line@example.com" --registrar "$uri"
+  usage_error 'work-dir.*control' "${ok[@]}" --work-dir "conf$line"
+  "$tolvane" register --aor 'sip:alice%0d%0aX-Injected%3a%201@example.com' --registrar "$uri" --work-dir conf \
+    --display-name Alice --trace --duration 1 >escaped.out 2>escaped.err || fail "an address with escaped line ends"
+  expect_line '\| X-Account: sip:alice%0[dD]%0[aA]X-Injected' escaped.out "an address with escaped line ends"
+  ! grep -q '| X-Injected' escaped.out || fail "a header was injected"
+  stop_registrar
+
+  write_config '<header name="X-A">&#13;&#10;X-Injected: 1</header>'
+  faulty 3 'X-A'
+  write_config '<header name="X-A">one</header>' $'<header name="X-B">a\tb</header>'
+  faulty 4 'X-B'
+  write_config '<header name="X A">one</header>'
+  faulty 3 'token'
+  write_config '<header name="X-A">${local-uri</header>'
+  faulty 3 'X-A'
+  write_config '<header name="X-A">one</header>' '<headers/>'
+  faulty 4 'unknown element'
+  write_config '<header name="X-A" value="one">one</header>'
+  faulty 3 'unknown attribute "value"'
+  write_config '</message><note/><message kind="REG" method="X">'
+  faulty 3 'unknown element "note"'
+  write_config '<header name="X-A">one'
+  faulty 4 'XML'
+  local names=(Via From To Call-ID CSeq Contact Max-Forwards Content-Length Authorization Proxy-Authorization
+    Route v cOnTaCt) name
+  mapfile -t lines < <(printf '<header name="%s">x</header>\n' "${names[@]}")
+  write_config "${lines[@]}"
+  faulty 3 'Via'
+  local number=3
+  for name in "${names[@]}"; do
+    expect_line "TOLVANE\.xml:$number: .*\"$name\"" faulty.err "$name belongs to the stack"
+    number=$((number + 1))
+  done
+  rm conf/TOLVANE.xml
+  faulty 0 'No such file'
+  usage_error '--work-dir' check-config
+  usage_error 'empty' check-config --work-dir ''
+}
+
+# expect_log FILE PID: nothing but openings, traces and records of this process, each whole
+expect_log() {
+  LC_ALL=C awk -v pid="$2" '
+    BEGIN {
+      stamp = "[0-9]+-[0-9][0-9]-[0-9][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9]"
+      head = "^\\[" stamp "\\]\\[P:" pid "/T:[0-9]+\\]\\[[A-Za-z]+\\.cpp:[0-9]+ [A-Za-z:~]+\\(\\)\\]"
+    }
+    NR == 1 && $0 !~ "^Begin Time:" stamp "\r$" {bad = 1}
+    content {if ($0 != "Content:\r") bad = NR; content = 0; text = 1; next}
+    /^\[/ {
+      if (text) bad = NR
+      if ($0 ~ head "\\[(Err|War|Inf|Dbg)\\]\r$") content = 1
+      else if ($0 !~ head "\\[(Enter|Leave)\\]\r$") bad = NR
+    }
+    /\r$/ {text = 0}
+    bad {print "line " bad ": " $0; exit 1}
+    END {exit bad || content || text}' "$1" || fail "no proper record in $1"
+}
+
+# wait_copy NAME TEXT: until this copy of the log in "ring" begins with the text
+wait_copy() {
+  local i
+  for ((i = 0; i < 200; ++i)); do
+    [[ $(head -c ${#2} "ring/$1" 2>/dev/null) == "$2" ]] && return
+    sleep 0.05
+  done
+  fail "ring/$1 does not begin with $2: $(ls -l ring)"
+}
+
+# fill_log LETTER: more than 1 MiB of it onto the log in "ring", in one write, so that no rotation comes between
+fill_log() {
+  head -c 1100000 /dev/zero | tr '\0' "$1" >"$dir/filling"
+  dd if="$dir/filling" of=ring/Tolvane.log bs=2M oflag=append conv=notrunc status=none
+}
+
+case_log() {
+  cd "$dir" || exit 1
+  start_registrar log
+  echo "everything, below the current directory"
+  write_config '<header name="X-Zone">1</header>'
+  start_tolvane all --log-dir logs/deep --log-level 3 --work-dir conf --duration 1 --expires 600
+  wait_exit 15 "$tolvane_pid"
+  expect_status 0 "a registration with a log"
+  local log=logs/deep/Tolvane.log
+  expect_log "$log" "$tolvane_pid"
+  expect_line "^m_strCfgPath is $dir/conf$" "$log" "the configuration is read behind the opening of the log"
+  expect_line 'CRegister::SendRegister\(\)\]\[Enter\]' "$log" "level 3"
+  expect_line '^m_stRegInfo.m_nExpires is 600$' "$log" "the first REGISTER"
+  expect_line '^m_stRegInfo.m_nExpires is 0$' "$log" "the last REGISTER"
+  [[ $(grep -c '\[Enter\]' "$log") == $(grep -c '\[Leave\]' "$log") ]] || fail "a scope lacks one of its ends"
+
+  echo "warnings and errors"
+  start_tolvane few --log-dir "$dir/few/" --log-level 1 --expires 2
+  wait_for 10 'Registered' few.out
+  stop_registrar
+  wait_exit 20 "$tolvane_pid"
+  expect_status 1 "a registrar that went away"
+  expect_log few/Tolvane.log "$tolvane_pid"
+  expect_line '\]\[War\]' few/Tolvane.log "level 1"
+  ! grep -qE '\]\[(Inf|Dbg|Enter|Leave)\]' few/Tolvane.log || fail "level 1 lets more than warnings through"
+
+  echo "the ring of copies"
+  start_registrar ring
+  mkdir ring
+  fill_log A
+  # Every second a refresh writes some records; the first of them finds the log full.
+  start_tolvane ring --log-dir ring --log-max-size 1 --log-files 2 --expires 2
+  wait_copy 1_Tolvane.log AAAA
+  fill_log B
+  # Behind the records since the last rotation.
+  wait_copy 2_Tolvane.log 'Begin Time:'
+  grep -aq BBBB ring/2_Tolvane.log || fail "the second copy is not the second full log"
+  fill_log C
+  wait_copy 1_Tolvane.log 'Begin Time:'
+  kill -INT "$tolvane_pid"
+  wait_exit 15 "$tolvane_pid"
+  expect_status 0 "a log that is rotated"
+  grep -aq CCCC ring/1_Tolvane.log || fail "the first copy is not the third full log"
+  grep -aq BBBB ring/2_Tolvane.log || fail "the second copy was touched by the third rotation"
+  [[ $(cd ring && echo *) == '1_Tolvane.log 2_Tolvane.log Tolvane.log' ]] || fail "other files: $(ls ring)"
+  expect_log ring/Tolvane.log "$tolvane_pid"
+  stop_registrar
+
+  echo "what is refused"
+  local ok=(register --aor sip:alice@example.com --registrar sip:127.0.0.1:9 --duration 1) long
+  long=$(head -c 250 /dev/zero | tr '\0' d)
+  : >file
+  mkdir -p taken/Tolvane.log
+  usage_error 'log-level.*0 and 3, not 4' "${ok[@]}" --log-dir logs --log-level 4
+  usage_error 'log-level.*not -1' "${ok[@]}" --log-dir logs --log-level=-1
+  usage_error 'log-max-size.*2047 MiB, not 2048' "${ok[@]}" --log-dir logs --log-max-size 2048
+  usage_error 'log-max-size.*not 0' "${ok[@]}" --log-dir logs --log-max-size 0
+  usage_error 'log-files.*1 and 100, not 0' "${ok[@]}" --log-dir logs --log-files 0
+  usage_error 'log-files.*not 101' "${ok[@]}" --log-dir logs --log-files 101
+  usage_error 'without --log-dir' "${ok[@]}" --log-level 2
+  usage_error 'empty' "${ok[@]}" --log-dir ''
+  usage_error 'cannot be made: Not a directory' "${ok[@]}" --log-dir file/below
+  usage_error 'cannot be written: Is a directory' "${ok[@]}" --log-dir taken
+  usage_error 'too long' "${ok[@]}" --log-dir "$long"
+  usage_error 'backslash' "${ok[@]}" --log-dir 'a\b'
+  [[ ! -e $long && ! -e 'a\b' ]] || fail "a directory was made for a log that was refused"
+}
+
 case $case_name in
   roads_ipv4) roads 127.0.0.1 127.0.0.1:0 ;;
   roads_ipv6)
@@ -352,7 +575,7 @@ case $case_name in
     fi
     roads ::1 '[::1]:0'
     ;;
-  demo | usage | no_start | failures | refresh | ends | broken_output | comes_back) "case_$case_name" ;;
+  demo | usage | no_start | failures | refresh | ends | broken_output | comes_back | config | log) "case_$case_name" ;;
   *)
     echo "there is no case $case_name"
     exit 2
