@@ -1,11 +1,10 @@
 #include "sivra/entry.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
+#include "sivra/address.h"
 #include "sivra/digest.h"
 
 namespace sivra {
@@ -16,69 +15,13 @@ constexpr std::string_view kRegister = "REGISTER";
 // path needs more.
 constexpr std::uint8_t kMaxDepartures = 4;
 
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-bool IsSip(const nsip_uri& uri) { return uri.scheme == "sip" || uri.scheme == "sips"; }
-
-// A text without angle brackets is a URI as a whole: read as a From header,
-// "sip:+49@example.com;user=phone" would lose its parameter to the header (RFC 3261 §20.10).
-bool ReadAddress(const std::string& text, nsip_from& address) {
-  if (text.find('<') == std::string::npos) {
-    address.url = std::make_unique<nsip_uri>();
-    if (!nsip_uri_parse(text, *address.url)) {
-      return false;
-    }
-  } else if (!nsip_from_parse(text, address) || !address.url) {
-    return false;
-  }
-  // tel: is no address of record by RFC 3261 §10.2, but networks hand it out as an associated URI
-  // (RFC 7315 §4.1); whether they take it back is for them to say.
-  return IsSip(*address.url) || address.url->scheme == "tel";
-}
-
-// What RFC 3261 §19.1.1 (table 1) bars from To and From. A port stays: some addresses of record
-// have one.
-void MakeAddressOfRecord(nsip_from& address) {
-  address.params.clear();
-  nsip_uri& uri = *address.url;
-  if (!IsSip(uri)) {
-    return;
-  }
-  uri.password.clear();
-  uri.headers.clear();
-  std::erase_if(uri.params, [](const nsip_generic_param& param) {
-    return EqualNoCase(param.name, "method") || EqualNoCase(param.name, "maddr") ||
-           EqualNoCase(param.name, "ttl") || EqualNoCase(param.name, "transport") ||
-           EqualNoCase(param.name, "lr");
-  });
-}
-
-void SetAddress(nsip_uri& uri, const sipcarrier::Endpoint& local) {
-  uri.host = local.host;
-  uri.port = local.port;
-  std::erase_if(uri.params, [](const nsip_generic_param& param) {
-    return EqualNoCase(param.name, "transport");
-  });
-  if (!EqualNoCase(local.transport, "UDP")) {
-    uri.params.push_back({"transport", local.transport, true});
-  }
-}
-
 int PortOf(const nsip_uri& uri) {
   return uri.port != 0 ? uri.port : (uri.scheme == "sips" ? 5061 : 5060);
 }
 
-std::string_view LineOf(const nsip_uri& uri) {
-  const nsip_generic_param* line = nullptr;
-  return nsip_generic_param_get_byname(uri.params, "line", &line) == 0 ? line->value
-                                                                       : std::string_view();
-}
-
 bool SameBinding(const nsip_uri& a, const nsip_uri& b) {
   return a.user == b.user && EqualNoCase(a.host, b.host) && PortOf(a) == PortOf(b) &&
-         LineOf(a) == LineOf(b);
+         ParamOf(a.params, "line") == ParamOf(b.params, "line");
 }
 
 }  // namespace
@@ -101,14 +44,17 @@ bool Entry::Identify() { return RandomBytes(call_id_) && RandomBytes(tag_); }
 
 bool Entry::SetAddresses(const std::string& from, const std::string& to, Registrar registrar) {
   nsip_from address;
-  if (!registrar || !ReadAddress(from, address) || (from != to && !ReadAddress(to, address))) {
+  nsip_from other;
+  if (!registrar || !ReadAddress(from, address) || (from != to && !ReadAddress(to, other))) {
     return false;
   }
+  const std::size_t new_key = AddressKey(*address.url);
   std::string new_from = from;
   std::string new_to = from == to ? std::string() : to;
   // Kept from the first change on: the Contact's user and the credentials are those of the
   // beginning.
   std::string new_aor = !aor_.empty() || from_.empty() || this->to() == to ? aor_ : this->to();
+  from_key_ = new_key;
   from_ = std::move(new_from);
   to_ = std::move(new_to);
   aor_ = std::move(new_aor);
@@ -185,8 +131,18 @@ void Entry::SettleContact(nsip_message& request, const sipcarrier::Endpoint& loc
   for (nsip_message* const message : {&request, current_.get()}) {
     if (!message->contacts.empty() && message->contacts.front()->url) {
       SetAddress(*message->contacts.front()->url, local);
+      contact_ = nsip_uri_text(*message->contacts.front()->url);
     }
   }
+}
+
+bool Entry::IsFrom(const nsip_uri& address, std::size_t key) const {
+  nsip_from from;
+  if (key != from_key_ || !ReadAddress(from_, from)) {
+    return false;
+  }
+  MakeAddressOfRecord(from);
+  return nsip_uri_equal(*from.url, address);
 }
 
 bool Entry::IsChallengeToAnswer(const nsip_message& response) {

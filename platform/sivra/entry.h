@@ -1,9 +1,7 @@
 // One binding: what identifies it for the registrar, its REGISTER in flight and the one that waits.
 //
-// Thread safety: the library lock guards an entry. The one exception is the request in flight: from
-// Begin or Next until Next it belongs to the I/O thread, which therefore reads it and settles its
-// Contact without the lock. Ownership: the registry (sivra.cpp) owns entries; an entry owns its
-// messages. Invariants:
+// Thread safety: the library lock guards an entry. Ownership: the registry (sivra.cpp) owns
+// entries; an entry owns its messages. Invariants:
 //   E1. Call-ID, From tag and the Contact but for its address stay the same for the life of the
 //   entry
 //       (RFC 3261 §10.2, §10.2.4).
@@ -14,6 +12,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -57,19 +56,24 @@ class Entry {
   // The request in flight as it goes out now: next CSeq number, credentials. Null when it cannot be
   // authorised.
   [[nodiscard]] std::unique_ptr<nsip_message> Depart();
-  // Puts the address that the registrar can reach into the Contact. I/O thread, without the lock.
+  // Puts the address that the registrar can reach into the Contact.
   void SettleContact(nsip_message& request, const sipcarrier::Endpoint& local);
   // Whether this answer is a challenge to answer: the request departs once more then.
   [[nodiscard]] bool IsChallengeToAnswer(const nsip_message& response);
   // What a final answer means for this entry and its later requests.
   void Learn(nsip_message& response);
 
+  // Whether this address of record (RFC 3261 §19.1.4) is the From; the key is its AddressKey.
+  [[nodiscard]] bool IsFrom(const nsip_uri& address, std::size_t key) const;
+  // The Contact's URI as it was settled last; empty when nothing has left yet.
+  [[nodiscard]] const std::string& contact() const { return contact_; }
+  [[nodiscard]] bool FindCredential(std::string_view realm, sipcarrier::Credential& found) const;
+
   void set_released() { released_ = true; }
   [[nodiscard]] bool released() const { return released_; }
 
  private:
   void MoveOwnContactFirst(nsip_message& response) const;
-  [[nodiscard]] bool FindCredential(std::string_view realm, sipcarrier::Credential& found) const;
   [[nodiscard]] const std::string& to() const { return to_.empty() ? from_ : to_; }
   [[nodiscard]] const std::string& aor() const { return aor_.empty() ? to() : aor_; }
 
@@ -79,9 +83,11 @@ class Entry {
   std::uint32_t cseq_ = 0;       // of the request that left last
   std::uint8_t departures_ = 0;  // of the REGISTER in flight, challenges included
   bool released_ = false;
+  std::size_t from_key_ = 0;
   std::string from_;
   std::string to_;   // empty: as from_
   std::string aor_;  // the To that the entry began with; empty: as to()
+  std::string contact_;
   Registrar registrar_;
   Authenticator authenticator_;
   std::unique_ptr<nsip_message> current_;  // in flight; as built, without credentials

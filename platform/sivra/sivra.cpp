@@ -8,15 +8,20 @@
 #include <atomic>
 #include <cstddef>
 #include <exception>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "Sipcarrier/Sipcarrier.h"
+#include "sivra/address.h"
 #include "sivra/entry.h"
+#include "sivra/registry.h"
 
 namespace sivra {
 namespace {
@@ -159,6 +164,7 @@ void Send(Entry& entry) {
             std::move(request),
             [&entry](nsip_message& message, const sipcarrier::Endpoint& local) {
               try {
+                const std::lock_guard lock(g_lock);
                 entry.SettleContact(message, local);
                 return true;
               } catch (const std::exception&) {
@@ -175,7 +181,52 @@ void Send(Entry& entry) {
   } while (failure != nullptr && Conclude(entry, Unsent(failure)));
 }
 
+// Visits the entries of this address of record, whose text or URI may hold more than one does,
+// until `visit` has had enough. Under the lock.
+template <class Visit>
+void ForEntriesOf(const nsip_uri& address, Visit visit) {
+  nsip_from plain;
+  plain.url = std::make_unique<nsip_uri>(address);
+  MakeAddressOfRecord(plain);
+  const std::size_t key = AddressKey(*plain.url);
+  for (const auto& [id, entry] : TheRegistry().entries) {
+    if (!entry->released() && entry->IsFrom(*plain.url, key) && visit(*entry)) {
+      return;
+    }
+  }
+}
+
 }  // namespace
+
+std::vector<std::string> RegisteredContacts(const std::string& address_of_record) {
+  std::map<long, std::string> contacts;
+  nsip_from address;
+  if (ReadAddress(address_of_record, address)) {
+    const std::lock_guard lock(g_lock);
+    ForEntriesOf(*address.url, [&contacts](const Entry& entry) {
+      if (!entry.contact().empty()) {
+        contacts.emplace(entry.id(), entry.contact());
+      }
+      return false;
+    });
+  }
+  std::vector<std::string> result;
+  for (auto& [id, contact] : contacts) {
+    result.push_back(std::move(contact));
+  }
+  return result;
+}
+
+bool FindEntryCredential(const nsip_uri& address, std::string_view realm,
+                         sipcarrier::Credential& found) {
+  const std::lock_guard lock(g_lock);
+  bool any = false;
+  ForEntriesOf(address, [&](const Entry& entry) {
+    any = entry.FindCredential(realm, found);
+    return any;
+  });
+  return any;
+}
 
 void FreeMessage(nsip_message* msg) { delete msg; }
 

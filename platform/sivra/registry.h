@@ -1,0 +1,15 @@
+// What subscriptions ask the registrations of the same account. Any thread; takes the library lock.
+#pragma once
+
+#include <string_view>
+
+#include "nsip/nsip.h"
+#include "Sipcarrier/Sipcarrier.h"
+
+namespace sivra {
+
+// The credential with which an entry whose From is this address answers challenges of this realm.
+[[nodiscard]] bool FindEntryCredential(const nsip_uri& address, std::string_view realm,
+                                       sipcarrier::Credential& found);
+
+}  // namespace sivra
