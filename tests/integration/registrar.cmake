@@ -1,2 +1,3 @@
 tolvane_test(registrar_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/registrar_test.cpp
-             LIBS registrar_lib nsip)
+                     ${CMAKE_CURRENT_LIST_DIR}/registrar_reg_event_test.cpp
+             LIBS registrar_lib Domletlib nsip)

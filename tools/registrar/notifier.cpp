@@ -56,7 +56,6 @@ void Notifier::SetOwnUri(const std::string& uri, int family) {
 }
 
 Answer Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
-  ++counters_.subscribes;
   nsip_header* header = nullptr;
   const bool has_event = nsip_message_header_get_byname(&request, "Event", 0, &header) >= 0;
   const std::string_view event = has_event ? Trim(header->hvalue) : std::string_view();

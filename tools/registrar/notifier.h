@@ -30,6 +30,7 @@ class Notifier {
   // Before the first SUBSCRIBE: where the registrar is reached.
   void SetOwnUri(const std::string& uri, int family);
 
+  void CountSubscribe() { ++counters_.subscribes; }
   // The answer; digest and method have been looked at. A NOTIFY is queued where one is due.
   [[nodiscard]] Answer Subscribe(const nsip_message& request, Clock::time_point now);
   // The changes have taken place in the location table.

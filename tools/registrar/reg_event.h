@@ -84,7 +84,7 @@ struct NotifyOrder {
   std::string subscription_state;     // empty: the true one
   std::optional<std::uint32_t> cseq;  // instead of the next one, which is not used up
   int copies = 1;                     // of the datagram, at once; at most 16
-  bool foreign = false;               // with a Call-ID and tags of nobody; its 481 ends nothing
+  bool foreign = false;  // with a Call-ID and tags of nobody, and a CSeq of 1; its 481 ends nothing
 };
 
 enum class SubscriptionState { kActive, kPending, kTerminated };

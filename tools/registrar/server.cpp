@@ -138,7 +138,11 @@ void Registrar::Impl::Serve(const nsip_message& request, const std::string& key,
   std::function<void(const nsip_message&, int)> after;
   {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (request.sip_method == "REGISTER") ++counters.requests;
+    if (request.sip_method == "REGISTER") {
+      ++counters.requests;
+    } else {
+      notifier.CountSubscribe();
+    }
     before = on_request;
     after = on_answer;
   }

@@ -116,7 +116,11 @@ std::string Subscription::Write(const Outgoing& outgoing, const std::string& bra
                                 Clock::time_point now) {
   const std::unique_ptr<nsip_message> notify = nsip_message_clone(*pattern_);
   notify->vias.front()->params.front().value = branch;
-  notify->cseq_number = outgoing.cseq ? *outgoing.cseq : ++local_cseq_;
+  if (outgoing.cseq) {
+    notify->cseq_number = *outgoing.cseq;
+  } else {
+    notify->cseq_number = outgoing.foreign ? 1 : ++local_cseq_;
+  }
   if (outgoing.foreign) {
     notify->call_id = RandomHex(8);
     SetTag(*notify->from, RandomHex(6));
