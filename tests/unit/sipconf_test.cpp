@@ -27,8 +27,9 @@ const std::map<std::string, std::string> kCells = {{"a", "A"},
                                                    {"tab", "a\tb"}};
 
 std::string File(const std::string& name, const std::string& value, int headers = 1) {
+  const std::string header = "\n<header name='" + name + "'>" + value + "</header>";
   std::string text = "<sip-messages>\n<message kind='REG' method='REGISTER'>";
-  while (headers-- > 0) text += "\n<header name='" + name + "'>" + value + "</header>";
+  while (headers-- > 0) text += header;
   return text + "</message></sip-messages>";
 }
 
