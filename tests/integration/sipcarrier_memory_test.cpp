@@ -1,5 +1,5 @@
 // Memory that runs out anywhere on the I/O and delivery threads: no crash, and every request has
-// one outcome.
+// one outcome; a request from outside that is lost is answered when it comes again.
 #include "failing_new.h"
 #include "sipcarrier_peer.h"
 
@@ -40,6 +40,24 @@ class MemoryTest : public StackTest {
     return static_cast<int>(failing_new::Fail(0, 0));
   }
 
+  // A request from outside, sent until it is answered, while allocations first..last of those until then fail.
+  int Served(const std::string& method, int first, int last) {
+    const std::string endpoint = sipcarrier::LocalEndpoints().at(0);
+    Peer client(AF_INET, std::stoi(endpoint.substr(endpoint.find(':') + 1)));
+    const std::string request = method + " sip:a@b SIP/2.0\r\nVia: SIP/2.0/UDP h;rport;branch=z9hG4bK" +
+                                std::to_string(++names_) + "\r\nFrom: <sip:b@c>;tag=1\r\nTo: <sip:a@b>\r\n" +
+                                "Call-ID: c@" + std::string(64, 'h') + "\r\nCSeq: 7 " + method + "\r\n\r\n";
+    std::string answer;
+    for (int copy = 0; copy < 50 && answer.empty(); ++copy) {
+      if (copy == 0) failing_new::Fail(first, last);
+      if (copy == 3) failing_new::Fail(0, 0);
+      client.Send(request);
+      answer = client.Receive(copy > 3 ? 1s : 4ms);
+    }
+    EXPECT_EQ(answer.substr(0, 11), method == "NOTIFY" ? "SIP/2.0 200" : "SIP/2.0 405") << first << " to " << last;
+    return static_cast<int>(failing_new::Fail(0, 0));
+  }
+
   Peer peer_;
   std::atomic<int> events_{0};
   Handler handler_{[this](const SipStackEvent& /*event*/) {
@@ -59,6 +77,21 @@ TEST_F(MemoryTest, AnyAllocationOfARoadMayFailAloneOrWithAllThatFollow) {
   Road(0, 0);
   EXPECT_TRUE(Eventually([&] { return events_ > before; })) << "the next request must work";
   EXPECT_TRUE(Eventually([] { return sipcarrier::GetCounters().transactions == 0; }));
+}
+
+TEST_F(MemoryTest, ARequestThatIsLostIsAnsweredWhenItComesAgain) {
+  Road(0, 0);  // from then on the I/O thread takes part
+  ASSERT_TRUE(sipcarrier::SetRequestHandler("NOTIFY", [](auto /*request*/, auto id, const auto& /*local*/) {
+    sipcarrier::Respond(id, 200, "OK", {{"X-Header", "long enough to need memory of its own"}});
+  }));
+  for (const char* method : {"NOTIFY", "MESSAGE"}) {
+    const int normal = Served(method, 0, 0);
+    ASSERT_GT(normal, 40) << "a request takes memory, or the count is broken";
+    for (int n = 1; n <= normal; ++n) Served(method, n, n);
+    for (int n = 1; n <= normal; n += 3) Served(method, n, 1 << 30);
+  }
+  EXPECT_GT(sipcarrier::GetCounters().lost_no_memory, 80U);
+  EXPECT_TRUE(Eventually([] { return sipcarrier::GetCounters().server_transactions == 0; }));
 }
 
 }  // namespace

@@ -120,14 +120,13 @@ struct Result {
 };
 using ResultPtr = std::shared_ptr<Result>;
 
-inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri) {
+inline std::unique_ptr<nsip_message> MakeRequest(const std::string& uri, const std::string& method = "REGISTER") {
   std::string why;
-  auto request =
-      nsip_message_parse("REGISTER " + uri +
-                             " SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:alice@example.com>;tag=1\r\n"
-                             "To: <sip:alice@example.com>\r\nCall-ID: call@example.com\r\nCSeq: 7 REGISTER\r\n"
-                             "Max-Forwards: 70\r\n\r\n",
-                         why);
+  auto request = nsip_message_parse(method + " " + uri +
+                                        " SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:alice@example.com>;tag=1\r\n"
+                                        "To: <sip:alice@example.com>\r\nCall-ID: call@example.com\r\nCSeq: 7 " +
+                                        method + "\r\nMax-Forwards: 70\r\n\r\n",
+                                    why);
   EXPECT_TRUE(request) << uri << " " << why;
   request->vias.clear();
   return request;

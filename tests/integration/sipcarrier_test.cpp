@@ -132,11 +132,20 @@ TEST_F(StackTest, TheDestinationHeedsRouteMaddrAndNames) {
   const std::string port = std::to_string(peer.port());
   Complete(peer, Send("sip:example.com:" + port + ";maddr=127.0.0.1"));
   Complete(peer, Send("sip:LocalHost:" + port + ";transport=UDP"));
-  auto routed = MakeRequest("sip:example.com");
-  routed->routes.push_back(std::make_unique<nsip_route>());
-  ASSERT_TRUE(nsip_from_parse("<" + UriOf(peer) + ";lr>", *routed->routes.back()));
-  const std::string request = Complete(peer, Send(std::move(routed)));
-  EXPECT_TRUE(request.starts_with("REGISTER sip:example.com SIP/2.0\r\n")) << request;
+  // In a dialog: the first of a route set is the next hop, and Contact is told when the way is known.
+  auto routed = MakeRequest("sip:example.com", "SUBSCRIBE");
+  for (const auto& hop : {"<" + UriOf(peer) + ";lr>", std::string("<sip:far.example.com;lr>")}) {
+    routed->routes.push_back(std::make_unique<nsip_route>());
+    ASSERT_TRUE(nsip_from_parse(hop, *routed->routes.back()));
+  }
+  const std::string request = Complete(
+      peer, Send(std::move(routed), [](auto& given, const auto& local) {
+        given.contacts.push_back(std::make_unique<nsip_contact>());
+        return nsip_from_parse("<sip:" + local.host + ":" + std::to_string(local.port) + ">", *given.contacts.back());
+      }));
+  EXPECT_TRUE(request.starts_with("SUBSCRIBE sip:example.com SIP/2.0\r\n")) << request;
+  EXPECT_NE(request.find("Route: <" + UriOf(peer) + ";lr>\r\nRoute: <sip:far.example.com;lr>\r\n"), std::string::npos);
+  EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:" + sipcarrier::LocalEndpoints().at(0) + ">");
 }
 
 TEST_F(StackTest, WhatCannotBeSentSaysWhy) {
@@ -183,7 +192,7 @@ TEST_F(StackTest, TenThousandAtOnceEachWithABranchOfItsOwn) {
   Peer peer;
   const std::string start = "SIP/2.0/UDP " + sipcarrier::LocalEndpoints().at(0) + ";branch=z9hG4bK";
   std::vector<ResultPtr> results(10000);
-  for (auto& result : results) result = Send(UriOf(peer));
+  for (auto& result : results) result = Send(MakeRequest(UriOf(peer), "SUBSCRIBE"));
   std::set<std::string> branches;
   while (branches.size() < results.size()) {
     const std::string request = peer.Receive();
