@@ -97,6 +97,50 @@ class CRegStateNotify {
   int m_nRetryAfter = 0;  // seconds
 };
 
+// A NOTIFY that the subscription service hands on.
+class CRegSubNTFMsg {
+ public:
+  virtual ~CRegSubNTFMsg() = default;
+  virtual int Parse(void* pDoc) = 0;
+
+  int m_nId = -1;  // subscription id
+  std::string m_strEvent;
+  std::string m_strMsgBody;  // a reginfo document
+};
+
+// The subscription service's word on a subscription's life.
+class CRegSubSuccess {
+ public:
+  virtual ~CRegSubSuccess() = default;
+  virtual int Parse(void* pDoc) = 0;
+
+  int m_nId = -1;
+  std::string m_strFinal;  // "SUB_STOP": it has ended
+};
+
+// The subscribe command to that service and, through Parse, its answer.
+class CRegSubcribe {
+ public:
+  virtual ~CRegSubcribe() = default;
+  virtual int Parse(void* pDoc) = 0;
+  virtual int Result(void* pDoc) = 0;
+
+  std::string m_strFrom;
+  std::string m_strTo;
+  std::string m_strEvent;
+  int m_nExpires = -1;  // seconds
+  int m_nId = -1;       // subscription id; above 0 when the service took it
+};
+
+// The desubscribe command.
+class CRegDeSub {
+ public:
+  virtual ~CRegDeSub() = default;
+  virtual int Result(void* pDoc) = 0;
+
+  int m_nId = -1;
+};
+
 // The log switch command. Level and pause are -1 when the document does not give them.
 class CRegLogSwitch {
  public:
@@ -123,6 +167,10 @@ class CRegParserFactory {
   virtual CDeReg* CreateDeReg() = 0;
   virtual CRegSerLost* CreateRegSerLost() = 0;
   virtual CRegStateNotify* CreateRegStateNotify() = 0;
+  virtual CRegSubNTFMsg* CreateRegSubNTFMsg() = 0;
+  virtual CRegSubSuccess* CreateRegSubSuccess() = 0;
+  virtual CRegSubcribe* CreateRegSubcribe() = 0;
+  virtual CRegDeSub* CreateRegDeSub() = 0;
   virtual CRegLogSwitch* CreateRegLogSwitch() = 0;
 };
 

@@ -5,8 +5,10 @@
 //   SetRegInfo, Register, Deregister     the thread of a command
 //   OnRegRsp, OnRegError                 the stack's delivery thread, under the registry's lock
 //   TimerEvent, TimerProc and below      m_hThread, in its KD event loop
+//   SubNotifyProc                        the bus's delivery thread, under the registry's lock
 //   Release                              whoever ends the registration, under the registry's lock
-// g_oRegLock is held by Register, Deregister, Release, OnRegRsp and OnRegError for their whole run;
+// g_oRegLock is held by Register, Deregister, Release, OnRegRsp, OnRegError and SubNotifyProc for
+// their whole run;
 // the library lock (sivra_lock) from build to send of a REGISTER. The timer's side takes only the
 // library lock.
 //
@@ -22,8 +24,10 @@
 
 #include <atomic>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "registrationpackage.h"
 #include "Sipcarrier/Sipcarrier.h"
 #include "VorelKDCore/VorelKDCore.h"
 #include "Vorelkit/Vorelkit.h"
@@ -110,6 +114,11 @@ class CRegister {
   void OnRegError(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent);
   int IsInPAssociatedURI(const std::string& strUri);
 
+  // ---- the registrar's own view (RegisterSub.cpp)
+  // Applies a reginfo document. 0: the record tells what it means, and is all 0 when nothing in the
+  // document is about this registration; -1: it is no news, or unusable.
+  int SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent);
+
   // ---- timer (RegisterTimer.cpp)
   // The period in seconds of the refresh timer for an expiry of nExpires seconds.
   static int GetRefreshTime(int nExpires);
@@ -124,6 +133,13 @@ class CRegister {
   long GetStackRegId() const { return m_lStackRegId; }
   int GetSubscribeId() const { return m_nSubscribeId; }
   void SetSubscribeId(int nSubscribeId) { m_nSubscribeId = nSubscribeId; }
+  const std::string& GetDefaultUri() const { return m_strDefaultUri; }
+  // The registry's lock guards these two: a subscribe is on its way; nobody owes the subscription
+  // an end any more, since the client has said what is to become of it.
+  bool IsSubExchanging() const { return m_bSubExchanging; }
+  void SetSubExchanging(bool bExchanging) { m_bSubExchanging = bExchanging; }
+  bool HasLeftSubscription() const { return m_bSubLeft; }
+  void LeaveSubscription() { m_bSubLeft = true; }
   int IsSubscribeEnabled() const { return m_bSubscribeEnabled; }
   void SetSubscribeEnabled(int bEnabled) { m_bSubscribeEnabled = bEnabled; }
   void SetRefreshEnabled(int bEnabled) { m_bRefreshEnabled = bEnabled; }
@@ -150,6 +166,7 @@ class CRegister {
   void RememberThread(KDThread* hThread);
   void StopTimerOnOwnThread();
 
+  static char* NewText(std::string_view strText);
   int OnRegSuccess(SipStackEvent* pEvent);
   int OnRegFailure(SipStackEvent* pEvent);
   int IntervalShort(SipStackEvent* pEvent);
@@ -159,6 +176,17 @@ class CRegister {
   int GetMinExpiresFromService(nsip_message* pMsg);
   int GetPAssociatedURIFromService(nsip_message* pMsg);
   int GetWarnValue(SipStackEvent* pEvent, std::string& strWarnText);
+
+  bool IsOwnAor(const std::string& strAor);
+  int RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent);
+  void RegStateActive(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
+  void RegStateTerminated(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
+  void RegStatusRegistered(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
+  void RegStatusShorted(ST_REG_EVENT& stRegEvent);
+  void RegStatusExpired(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
+  void SetUnregistered(int nEventWord, ST_REG_EVENT& stRegEvent);
+  void StopRefresh();
+  CXML* NewDeregisteredReply() const;
 
   void StartTimer(KDint64 nSeconds);
   void StopTimer();
@@ -175,6 +203,10 @@ class CRegister {
   std::atomic<int> m_nRefreshTime{0};  // seconds
   std::atomic<long> m_lStackRegId{0};  // below 1: not initialised, or released
   int m_nSubscribeId = -1;
+  bool m_bSubExchanging = false;
+  bool m_bSubLeft = false;
+  CRegistrationTable m_oRegistrationTable;
+  std::string m_strContactId;  // of our own contact in the table
   std::atomic<int> m_bReregTimerOn{0};
   std::atomic<int> m_eRegState{E_REG_STATE_UNREG};
   std::vector<std::string> m_vecAssociatedUri;

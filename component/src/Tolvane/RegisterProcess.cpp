@@ -1,6 +1,8 @@
 #include "RegisterProcess.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 
 #include "Register.h"
@@ -27,6 +29,14 @@ class [[nodiscard]] CUnlessDone {
   int m_nRegId;
 };
 
+// A row for a notification of the subscription service.
+using SUB_NTF_HANDLER = int (CRegisterProcess::*)(const char* szSource, CXML* pDoc, void* pExtra);
+constexpr US_NTF_ENTRY SubRow(int nNtfId, SUB_NTF_HANDLER pHandler) {
+  US_NTF_ENTRY stRow = {"", nNtfId, static_cast<US_NTF_HANDLER>(pHandler)};
+  std::copy(std::begin(SUB_BUS_IDENTITY), std::end(SUB_BUS_IDENTITY), stRow.szSource);
+  return stRow;
+}
+
 }  // namespace
 
 const US_CMD_ENTRY CRegisterProcess::s_astCommands[] = {
@@ -38,8 +48,12 @@ const US_CMD_ENTRY CRegisterProcess::s_astCommands[] = {
     {0, nullptr},
 };
 
-// The subscription service's notifications will stand here.
-const US_NTF_ENTRY CRegisterProcess::s_astNotifies[] = {{"", 0, nullptr}};
+const US_NTF_ENTRY CRegisterProcess::s_astNotifies[] = {
+    SubRow(E_SUB_NTF_SUCCESS, &CRegisterProcess::OnSubSuccessNtf),
+    SubRow(E_SUB_NTF_FAILURE, &CRegisterProcess::OnSubFailureNtf),
+    SubRow(E_SUB_NTF_NOTIFY, &CRegisterProcess::OnSubNotifyNtf),
+    {"", 0, nullptr},
+};
 
 const US_MSG_MAP CRegisterProcess::s_stRegMsgMap = {&CUSObject::s_stMsgMap, s_astCommands,
                                                     s_astNotifies};
@@ -106,6 +120,11 @@ int CRegisterProcess::OnDeregister(CXML* pIn, CXML* pOut) {
       REG_LOG(E_LOG_ERROR, "DeRegister object is null!\n");
       return -1;
     }
+    if (oMsg.m_bDesubscribe == 0) {
+      pManager->KeepSubscription(oMsg.m_nId);
+    } else if (oRegister->IsSubscribeEnabled() != 0) {
+      pManager->Desubscribe(oMsg.m_nId);
+    }
     nResult = oRegister->Deregister(oMsg.m_bNoSend);
     if (nResult == -1 || oMsg.m_bNoSend != 0) {
       pManager->DeleteRegister(oMsg.m_nId, oRegister.Get());
@@ -114,6 +133,21 @@ int CRegisterProcess::OnDeregister(CXML* pIn, CXML* pOut) {
   oMsg.m_nResult = nResult;
   oMsg.Result(pOut);
   return nResult;
+}
+
+int CRegisterProcess::OnSubSuccessNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_SUCCESS, pDoc);
+  return 0;
+}
+
+int CRegisterProcess::OnSubFailureNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_FAILURE, pDoc);
+  return 0;
+}
+
+int CRegisterProcess::OnSubNotifyNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_NOTIFY, pDoc);
+  return 0;
 }
 
 // ---- the exported functions

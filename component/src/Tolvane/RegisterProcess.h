@@ -46,6 +46,10 @@ class CRegisterProcess : public CUSObject {
 
   int OnRegister(CXML* pIn, CXML* pOut);
   int OnDeregister(CXML* pIn, CXML* pOut);
+  // Notifications of the subscription service.
+  int OnSubSuccessNtf(const char* szSource, CXML* pDoc, void* pExtra);
+  int OnSubFailureNtf(const char* szSource, CXML* pDoc, void* pExtra);
+  int OnSubNotifyNtf(const char* szSource, CXML* pDoc, void* pExtra);
 
   static const US_CMD_ENTRY s_astCommands[];
   static const US_NTF_ENTRY s_astNotifies[];

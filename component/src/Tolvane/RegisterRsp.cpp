@@ -10,16 +10,6 @@
 
 namespace {
 
-// An own copy for the event record, or null when memory is exhausted.
-char* NewText(std::string_view strText) {
-  char* const szCopy = new (std::nothrow) char[strText.size() + 1];
-  if (szCopy != nullptr) {
-    kdMemcpy(szCopy, strText.data(), strText.size());
-    szCopy[strText.size()] = '\0';
-  }
-  return szCopy;
-}
-
 // The header's value as a number; 0 when it is absent, empty or no number.
 int HeaderNumber(const nsip_message* pMsg, const char* szName) {
   nsip_header* pHeader = nullptr;
@@ -28,6 +18,16 @@ int HeaderNumber(const nsip_message* pMsg, const char* szName) {
 }
 
 }  // namespace
+
+// An own copy for the event record, or null when memory is exhausted.
+char* CRegister::NewText(std::string_view strText) {
+  char* const szCopy = new (std::nothrow) char[strText.size() + 1];
+  if (szCopy != nullptr) {
+    kdMemcpy(szCopy, strText.data(), strText.size());
+    szCopy[strText.size()] = '\0';
+  }
+  return szCopy;
+}
 
 void CRegister::OnRegRsp(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent) {
   REG_LOG_SCOPE();

@@ -31,12 +31,15 @@ void CRegisterSipProcess::InitTables() {
       {E_REG_WORD_TIMEOUT, "timeout"},
       {E_REG_WORD_AUTO_REREGISTER, "auto-reregister"},
   };
+  kdInstallCallback(SubEventCallBack, E_SUB_EVENT_SUBSCRIBE, this);
+  kdInstallCallback(SubEventCallBack, E_SUB_EVENT_DESUBSCRIBE, this);
   m_hMainThread = kdThreadSelf();
 }
 
 int CRegisterSipProcess::Uninitialize() {
   Sipcarrier_DeRegisterHandler(this);
   ClearRegisters();
+  EndSubExchanges();
   // Queues and timers that name a registration name code of this library too, which may go at any
   // moment now.
   m_oEnd.FreeAll();
@@ -136,7 +139,7 @@ CRegister* CRegisterSipProcess::FindByStackId(long lStackRegId) {
 
 // With m_oRegMgrMutex held. The object may be freed on return. True when no timer of it runs.
 bool CRegisterSipProcess::Remove(CRegister* pRegister, int nRegId) {
-  m_mapSubscribe.erase(pRegister->GetSubscribeId());
+  EndSubscription(pRegister);
   pRegister->Release();
   m_mapRegister.erase(nRegId);
   m_oIds.Give(nRegId);

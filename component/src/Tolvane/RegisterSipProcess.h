@@ -5,7 +5,8 @@
 // id (key of the registry, the only one that clients see), the stack id (the SIP library's, in
 // stack events) and the subscription id (the subscription service's).
 //
-// Threads: commands on the host's threads, stack events on the stack's delivery thread.
+// Threads: commands on the host's threads, stack events on the stack's delivery thread,
+// notifications on the bus's, exchanges with the subscription service on m_hMainThread.
 // m_oRegMgrMutex guards the registry and the subscriptions; it is the outermost lock of the
 // component, and a stack event holds it from being matched until its notification has gone out.
 //
@@ -22,6 +23,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "RegIdPool.h"
 #include "RegisterEnd.h"
@@ -32,6 +34,7 @@
 
 class CRegister;
 struct ST_REG_EVENT;
+struct ST_SUB_PENDING;
 
 // The identity of this component on the bus.
 inline constexpr char REG_BUS_IDENTITY[] = "{8836E13D-A307-43DF-8C88-B7783DC728BF}";
@@ -41,6 +44,17 @@ inline constexpr int E_REG_NTF_OUTCOME = 0x1000;
 inline constexpr int E_REG_NTF_DEREGISTERED = 0x1001;
 inline constexpr int E_REG_NTF_STATE = 0x1002;
 inline constexpr int E_REG_NTF_SERVICE_LOST = 0x1003;
+
+// The subscription service on the bus, and its notifications.
+inline constexpr char SUB_BUS_IDENTITY[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
+inline constexpr int E_SUB_EXPIRES = 3761;  // seconds, of every subscription
+inline constexpr int E_SUB_NTF_SUCCESS = 0x1003;
+inline constexpr int E_SUB_NTF_FAILURE = 0x1004;
+inline constexpr int E_SUB_NTF_NOTIFY = 0x1005;
+
+// Thread events to m_hMainThread; the user pointer is the manager.
+inline constexpr KDint E_SUB_EVENT_SUBSCRIBE = 0x400000cb;
+inline constexpr KDint E_SUB_EVENT_DESUBSCRIBE = 0x400000cc;
 
 class CRegisterSipProcess : public ISipStackEvent, public CPSObject {
  public:
@@ -67,6 +81,18 @@ class CRegisterSipProcess : public ISipStackEvent, public CPSObject {
   void RegMgrUnlock();
   CRegisterEnd& GetEnd() { return m_oEnd; }
 
+  // RegisterSipProcessSub.cpp
+  // With m_oRegMgrMutex held: asks the service for the registration's own view, unless that is
+  // under way. nExpires: seconds.
+  void Subscribe(CRegister* pRegister, int nExpires);
+  // Without it: ends the subscription of this registration; leaves it as it is for good.
+  void Desubscribe(int nRegId);
+  void KeepSubscription(int nRegId);
+  // A notification of the service.
+  void SubEventDispatch(int nNtfId, CXML* pDoc);
+  // Runs the exchanges that wait.
+  static void SubEventCallBack(const KDEvent* pKdEvent);
+
   // Keeps the index of stack ids in step; called by the registration whose id has changed.
   void OnStackIdChanged(CRegister* pRegister, long lOld, long lNew);
 
@@ -75,12 +101,19 @@ class CRegisterSipProcess : public ISipStackEvent, public CPSObject {
   const PS_EVENT_MAP* GetEventMap() const override;
 
  private:
+  // A notification of the service, taken apart; kept while its subscription is not known yet.
+  struct ST_SUB_EARLY {
+    int nSubscribeId;
+    bool bStop;
+    std::string strBody;
+  };
   class CRegEventRecord;
 
   void InitTables();
   void ClearRegisters();
   bool Remove(CRegister* pRegister, int nRegId);
   CRegister* FindByStackId(long lStackRegId);
+  std::string GetEventWord(int nEventWord) const;
 
   // RegisterSipProcessEvent.cpp
   int OnRegisterRsp(SipStackEvent* pEvent);
@@ -92,12 +125,30 @@ class CRegisterSipProcess : public ISipStackEvent, public CPSObject {
   void EventSerLost(CXML* pDoc, ST_REG_EVENT* pRegEvent);
   static void FreeRegEvent(ST_REG_EVENT* pRegEvent);
 
+  // RegisterSipProcessSub.cpp
+  void SubSuccess(int nNtfId, CXML* pDoc);
+  void SubFailure(int nNtfId, CXML* pDoc);
+  void SubNotify(int nNtfId, CXML* pDoc);
+  // With m_oRegMgrMutex held:
+  bool QueueSubPending(ST_SUB_PENDING* pPending);
+  void EndSubscription(CRegister* pRegister);
+  bool ApplySubEvent(const ST_SUB_EARLY& stEvent);
+  bool NotifySubState(CRegister* pRegister, const ST_REG_EVENT& stRegEvent);
+  // Without it:
+  bool HasSubscribed();
+  ST_SUB_PENDING* TakeSubPending();
+  void RunSubscribe(const ST_SUB_PENDING& stPending);
+  void SetSubRunning();
+  bool EnterSubscription(const ST_SUB_PENDING& stPending, int nSubscribeId);
+  void EndSubExchanges();
+
   static const PS_EVENT_MAP s_stRegEventMap;
   static const PS_EVENT_ENTRY s_astEvents[];
 
   VkMutex m_oRegMgrMutex;
   CRegIdPool m_oIds;
   std::map<int, int> m_mapSubscribe;  // subscription id to registration id
+  std::vector<ST_SUB_EARLY> m_vecEarly;
   std::map<int, std::string>
       m_mapRegEventName;  // event code to event word; constant between start and stop
   KDThread* m_hMainThread = nullptr;

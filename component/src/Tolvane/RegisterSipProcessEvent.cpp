@@ -3,41 +3,11 @@
 // the registry locked.
 
 #include "ParserBaseImpl.h"
+#include "RegEventRecord.h"
 #include "Register.h"
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
-
-namespace {
-
-// Frees an object of vktNew at the end of a scope.
-template <typename T>
-class [[nodiscard]] COwner {
- public:
-  explicit COwner(T* pObject) : m_pObject(pObject) {}
-  ~COwner() { vktDelete(m_pObject); }
-  COwner(const COwner&) = delete;
-  COwner& operator=(const COwner&) = delete;
-  T* operator->() const { return m_pObject; }
-  T* Get() const { return m_pObject; }
-
- private:
-  T* m_pObject;
-};
-
-}  // namespace
-
-// The event record of one stack event, with its texts.
-class CRegisterSipProcess::CRegEventRecord {
- public:
-  CRegEventRecord() { m_stRegEvent.eRegEventType = -1; }
-  ~CRegEventRecord() { FreeRegEvent(&m_stRegEvent); }
-  CRegEventRecord(const CRegEventRecord&) = delete;
-  CRegEventRecord& operator=(const CRegEventRecord&) = delete;
-  ST_REG_EVENT* Get() { return &m_stRegEvent; }
-
- private:
-  ST_REG_EVENT m_stRegEvent{};
-};
+#include "RegOwner.h"
 
 const PS_EVENT_ENTRY CRegisterSipProcess::s_astEvents[] = {
     {SIP_EVENT_REGISTER_RESPONSE,
@@ -57,7 +27,7 @@ int CRegisterSipProcess::OnRegisterRsp(SipStackEvent* pEvent) {
   REG_LOG_KEYS("resp m_mapRegister is %d\n");
   if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
     REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
-    CRegEventRecord oRecord;
+    CRegEventRecord oRecord(-1);
     pRegister->OnRegRsp(pEvent, *oRecord.Get());
     OnRegEvent(pRegister, oRecord.Get());
   }
@@ -68,7 +38,7 @@ int CRegisterSipProcess::OnRegisterErr(SipStackEvent* pEvent) {
   const CRegMgrLocker oLocker(*this);
   if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
     REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
-    CRegEventRecord oRecord;
+    CRegEventRecord oRecord(-1);
     pRegister->OnRegError(pEvent, *oRecord.Get());
     OnRegEvent(pRegister, oRecord.Get());
   }
@@ -79,6 +49,12 @@ void CRegisterSipProcess::FreeRegEvent(ST_REG_EVENT* pRegEvent) {
   delete[] pRegEvent->strAor;
   delete[] pRegEvent->pszReserved;
   delete[] pRegEvent->strWarnText;
+}
+
+// Empty for a code that has no word.
+std::string CRegisterSipProcess::GetEventWord(int nEventWord) const {
+  const auto itWord = m_mapRegEventName.find(nEventWord);
+  return itWord != m_mapRegEventName.end() ? itWord->second : std::string();
 }
 
 int CRegisterSipProcess::OnRegEvent(CRegister* pRegister, ST_REG_EVENT* pRegEvent) {
@@ -118,8 +94,7 @@ void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRe
     const COwner<CRegStateNotify> oMsg(GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
     if (oMsg.Get() == nullptr) return;
     oMsg->m_nId = pRegEvent->nRegId;
-    const auto itWord = m_mapRegEventName.find(pRegEvent->nEventWord);
-    if (itWord != m_mapRegEventName.end()) oMsg->m_strEvent = itWord->second;
+    oMsg->m_strEvent = GetEventWord(pRegEvent->nEventWord);
     oMsg->m_strState = pRegister->GetRegState() == E_REG_STATE_REGED ? "Active" : "Terminate";
     int nRetryAfter = 0;
     pRegister->GetRetryAfter(&nRetryAfter);
@@ -175,8 +150,13 @@ void CRegisterSipProcess::EventIgnore(CRegister* pRegister, ST_REG_EVENT* pRegEv
     }
     REG_LOG_KEYS("post event m_mapRegister is %d\n");
   }
-  // A success lives on; the subscription to its state will start from here.
-  if (pRegEvent->eRegEventType == E_REG_EVENT_SUCCESS) return;
+  if (pRegEvent->eRegEventType == E_REG_EVENT_SUCCESS) {
+    // At every success, so that a subscription that did not come about is asked for again.
+    if (pRegister->GetSubscribeId() <= 0 && pRegister->IsSubscribeEnabled() != 0) {
+      Subscribe(pRegister, E_SUB_EXPIRES);
+    }
+    return;
+  }
   const int nRegId = pRegister->GetRegId();
   const bool bFree = Remove(pRegister, nRegId);
   REG_LOG(E_LOG_INFO, "EventIgnore regid is %d\n", nRegId);

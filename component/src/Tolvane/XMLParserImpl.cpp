@@ -3,18 +3,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "RegLog.h"
 #include "VorelKDCore/VorelKDCore.h"
 #include "Vorelkit/Vorelkit.h"
-
-// How every Parse and Result begins; a macro, so that the log names the operation itself.
-#define ATTACH_OR_FAIL(Attach, pXml, pDoc)       \
-  CXML* pXml = nullptr;                          \
-  if (Attach(pDoc, &(pXml)) == 0) {              \
-    REG_LOG(E_LOG_ERROR, "input param is null"); \
-    return -1;                                   \
-  }                                              \
-  static_assert(true)
 
 std::string ToUpperText(const std::string& strText) {
   std::string strUpper = strText;
@@ -303,4 +293,8 @@ CRegNtfRsp* CXmlCRegFactory::CreateRegNtfRsp() { return vktNew<CXMLCRegNtfRsp>()
 CDeReg* CXmlCRegFactory::CreateDeReg() { return vktNew<CXMLCDeReg>(); }
 CRegSerLost* CXmlCRegFactory::CreateRegSerLost() { return vktNew<CXMLCRegSerLost>(); }
 CRegStateNotify* CXmlCRegFactory::CreateRegStateNotify() { return vktNew<CXMLCRegStateNotify>(); }
+CRegSubNTFMsg* CXmlCRegFactory::CreateRegSubNTFMsg() { return vktNew<CXMLCRegSubNTFMsg>(); }
+CRegSubSuccess* CXmlCRegFactory::CreateRegSubSuccess() { return vktNew<CXMLCRegSubSuccess>(); }
+CRegSubcribe* CXmlCRegFactory::CreateRegSubcribe() { return vktNew<CXMLCRegSubcribe>(); }
+CRegDeSub* CXmlCRegFactory::CreateRegDeSub() { return vktNew<CXMLCRegDeSub>(); }
 CRegLogSwitch* CXmlCRegFactory::CreateRegLogSwitch() { return vktNew<CXMLCRegLogSwitch>(); }

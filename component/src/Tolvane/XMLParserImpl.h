@@ -7,6 +7,16 @@
 
 #include "Domletlib/Domletlib.h"
 #include "ParserBaseImpl.h"
+#include "RegLog.h"
+
+// How every Parse and Result begins; a macro, so that the log names the operation itself.
+#define ATTACH_OR_FAIL(Attach, pXml, pDoc)       \
+  CXML* pXml = nullptr;                          \
+  if (Attach(pDoc, &(pXml)) == 0) {              \
+    REG_LOG(E_LOG_ERROR, "input param is null"); \
+    return -1;                                   \
+  }                                              \
+  static_assert(true)
 
 // 1 for "true" in any case and for "1"; 0 for "false"; otherwise the default.
 int TextToBool(const std::string& strText, int nDefault);
@@ -97,6 +107,27 @@ class CXMLCRegStateNotify : public CRegStateNotify, public CXMLObj {
   int Result(void* pDoc) override;
 };
 
+class CXMLCRegSubNTFMsg : public CRegSubNTFMsg, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+};
+
+class CXMLCRegSubSuccess : public CRegSubSuccess, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+};
+
+class CXMLCRegSubcribe : public CRegSubcribe, public CXMLObj {
+ public:
+  int Parse(void* pDoc) override;
+  int Result(void* pDoc) override;
+};
+
+class CXMLCRegDeSub : public CRegDeSub, public CXMLObj {
+ public:
+  int Result(void* pDoc) override;
+};
+
 class CXMLCRegLogSwitch : public CRegLogSwitch, public CXMLObj {
  public:
   int Parse(void* pDoc) override;
@@ -111,5 +142,9 @@ class CXmlCRegFactory : public CRegParserFactory {
   CDeReg* CreateDeReg() override;
   CRegSerLost* CreateRegSerLost() override;
   CRegStateNotify* CreateRegStateNotify() override;
+  CRegSubNTFMsg* CreateRegSubNTFMsg() override;
+  CRegSubSuccess* CreateRegSubSuccess() override;
+  CRegSubcribe* CreateRegSubcribe() override;
+  CRegDeSub* CreateRegDeSub() override;
   CRegLogSwitch* CreateRegLogSwitch() override;
 };

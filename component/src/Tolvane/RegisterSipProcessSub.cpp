@@ -1,0 +1,356 @@
+// The subscription to the registrar's own view: exchanges with the subscription service, and what
+// its notifications do.
+//
+// An exchange is a bus command that has to run on m_hMainThread with no lock held, so it is put
+// into a block, queued, and a thread event sets the queue going. m_oRegMgrMutex guards the queue
+// and the members of a CRegister that belong to its subscription.
+
+#include <chrono>
+#include <cstddef>
+#include <new>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "ParserBaseImpl.h"
+#include "RegEventRecord.h"
+#include "RegLog.h"
+#include "RegOwner.h"
+
+namespace {
+
+constexpr int E_SUB_CMD_SUBSCRIBE = 2;
+constexpr int E_SUB_CMD_DESUBSCRIBE = 3;
+constexpr std::size_t E_SUB_EARLY_MAX = 64;
+
+}  // namespace
+
+// One exchange with its own documents.
+struct ST_SUB_PENDING {
+  explicit ST_SUB_PENDING(int nEvent) : nType(nEvent) {}
+  ~ST_SUB_PENDING() {
+    vktDelete(pRequest);
+    vktDelete(pResponse);
+    vktDelete(pSubMsg);
+  }
+  ST_SUB_PENDING(const ST_SUB_PENDING&) = delete;
+  ST_SUB_PENDING& operator=(const ST_SUB_PENDING&) = delete;
+
+  const int nType;  // of the thread event
+  // Of a subscribe. The pointer is only compared: its object may have gone when the block runs.
+  int nRegId = 0;
+  CRegister* pRegister = nullptr;
+  CRegSubcribe* pSubMsg = nullptr;
+  CXML* pRequest = vktNew<CXML>();
+  CXML* pResponse = vktNew<CXML>();
+  ST_SUB_PENDING* pNext = nullptr;
+};
+
+namespace {
+
+// The blocks that wait, in order.
+struct {
+  ST_SUB_PENDING* pFirst = nullptr;
+  ST_SUB_PENDING* pLast = nullptr;
+  bool bSubscribed = false;  // a subscribe has been queued in this process
+  bool bRunning = false;     // a subscribe is at the service now
+} g_stSubPending;
+
+// A block with both documents, or null.
+ST_SUB_PENDING* NewSubPending(int nType) {
+  COwner<ST_SUB_PENDING> oPending(vktNew<ST_SUB_PENDING>(nType));
+  if (oPending.Get() == nullptr || oPending->pRequest == nullptr ||
+      oPending->pResponse == nullptr) {
+    return nullptr;
+  }
+  return oPending.Release();
+}
+
+// A desubscribe for this subscription, or null.
+ST_SUB_PENDING* NewDesubscribe(int nSubscribeId) {
+  try {
+    COwner<ST_SUB_PENDING> oPending(NewSubPending(E_SUB_EVENT_DESUBSCRIBE));
+    const COwner<CRegDeSub> oMsg(GetRegGlobal().m_pParserFactory->CreateRegDeSub());
+    if (oPending.Get() == nullptr || oMsg.Get() == nullptr) return nullptr;
+    oMsg->m_nId = nSubscribeId;
+    oMsg->Result(oPending->pRequest);
+    return oPending.Release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void RunDesubscribe(const ST_SUB_PENDING& stPending) {
+  XSExecuteCommand(SUB_BUS_IDENTITY, E_SUB_CMD_DESUBSCRIBE, stPending.pRequest,
+                   stPending.pResponse);
+}
+
+}  // namespace
+
+// ---- asking, with m_oRegMgrMutex held
+
+// Takes the block; false when there is none.
+bool CRegisterSipProcess::QueueSubPending(ST_SUB_PENDING* pPending) {
+  if (pPending == nullptr) return false;
+  (g_stSubPending.pFirst == nullptr ? g_stSubPending.pFirst : g_stSubPending.pLast->pNext) =
+      pPending;
+  g_stSubPending.pLast = pPending;
+  CRegister::PostThreadEvent(pPending->nType, this, m_hMainThread);
+  return true;
+}
+
+void CRegisterSipProcess::Subscribe(CRegister* pRegister, int nExpires) {
+  REG_LOG_SCOPE();
+  if (pRegister->IsSubExchanging()) {
+    // The event of a block that still waits may have got no memory.
+    if (g_stSubPending.pFirst != nullptr) {
+      CRegister::PostThreadEvent(E_SUB_EVENT_SUBSCRIBE, this, m_hMainThread);
+    }
+    return;
+  }
+  COwner<ST_SUB_PENDING> oPending(NewSubPending(E_SUB_EVENT_SUBSCRIBE));
+  if (oPending.Get() == nullptr) {
+    REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
+    return;
+  }
+  CRegSubcribe* const pMsg = GetRegGlobal().m_pParserFactory->CreateRegSubcribe();
+  if (pMsg == nullptr) return;  // the next success asks again
+  oPending->pSubMsg = pMsg;
+  pMsg->m_strFrom = pRegister->GetDefaultUri();
+  pMsg->m_strTo = pRegister->GetDefaultUri();
+  pMsg->m_strEvent = "reg";
+  pMsg->m_nExpires = nExpires;
+  pMsg->Result(oPending->pRequest);
+  oPending->nRegId = pRegister->GetRegId();
+  oPending->pRegister = pRegister;
+  pRegister->SetSubExchanging(true);
+  g_stSubPending.bSubscribed = true;
+  QueueSubPending(oPending.Release());
+}
+
+void CRegisterSipProcess::Desubscribe(int nRegId) {
+  REG_LOG_SCOPE();
+  const CRegMgrLocker oLocker(*this);
+  const auto itRegister = m_mapRegister.find(nRegId);
+  if (itRegister == m_mapRegister.end()) {
+    REG_LOG(E_LOG_ERROR, "Register is not exist!\n");
+    return;
+  }
+  CRegister* const pRegister = itRegister->second;
+  if (pRegister->IsSubscribeEnabled() == 0) return;
+  int nSubscribeId = -1;
+  for (const auto& [nKey, nValue] : m_mapSubscribe) {
+    if (nValue == nRegId) {
+      nSubscribeId = nKey;
+      break;
+    }
+  }
+  if (!QueueSubPending(NewDesubscribe(nSubscribeId))) {
+    REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
+    return;
+  }
+  if (nSubscribeId > 0) pRegister->LeaveSubscription();
+}
+
+void CRegisterSipProcess::KeepSubscription(int nRegId) {
+  const CRegMgrLocker oLocker(*this);
+  const auto itRegister = m_mapRegister.find(nRegId);
+  if (itRegister != m_mapRegister.end()) itRegister->second->LeaveSubscription();
+}
+
+// The subscription of a registration that leaves the registry. Nobody else would end it, and the
+// service would refresh it for ever.
+void CRegisterSipProcess::EndSubscription(CRegister* pRegister) {
+  const int nSubscribeId = pRegister->GetSubscribeId();
+  if (nSubscribeId <= 0) return;
+  m_mapSubscribe.erase(nSubscribeId);
+  if (!pRegister->HasLeftSubscription()) QueueSubPending(NewDesubscribe(nSubscribeId));
+}
+
+// ---- the exchanges, on m_hMainThread with no lock held
+
+void CRegisterSipProcess::SubEventCallBack(const KDEvent* pKdEvent) {
+  REG_LOG_SCOPE();
+  CRegisterSipProcess& oManager = *GetRegGlobal().m_pRegisterSipProcess;
+  if (pKdEvent == nullptr || !oManager.HasSubscribed()) {
+    REG_LOG(E_LOG_INFO, "Leave SubEventCallBack because of null pointer;\n");
+    while (ST_SUB_PENDING* const pPending = oManager.TakeSubPending()) vktDelete(pPending);
+    return;
+  }
+  if (pKdEvent->userptr == nullptr) return;
+  // All that wait, since another one's event may have got no memory.
+  while (ST_SUB_PENDING* const pPending = oManager.TakeSubPending()) {
+    const COwner<ST_SUB_PENDING> oPending(pPending);
+    if (pPending->nType == E_SUB_EVENT_SUBSCRIBE) {
+      oManager.RunSubscribe(*pPending);
+    } else {
+      RunDesubscribe(*pPending);
+    }
+  }
+}
+
+bool CRegisterSipProcess::HasSubscribed() {
+  const CRegMgrLocker oLocker(*this);
+  return g_stSubPending.bSubscribed;
+}
+
+ST_SUB_PENDING* CRegisterSipProcess::TakeSubPending() {
+  const CRegMgrLocker oLocker(*this);
+  ST_SUB_PENDING* const pPending = g_stSubPending.pFirst;
+  if (pPending != nullptr) g_stSubPending.pFirst = pPending->pNext;
+  return pPending;
+}
+
+void CRegisterSipProcess::RunSubscribe(const ST_SUB_PENDING& stPending) {
+  CRegSubcribe& oMsg = *stPending.pSubMsg;
+  SetSubRunning();
+  try {
+    if (XSExecuteCommand(SUB_BUS_IDENTITY, E_SUB_CMD_SUBSCRIBE, stPending.pRequest,
+                         stPending.pResponse) == 0) {
+      oMsg.Parse(stPending.pResponse);
+    }
+  } catch (const std::bad_alloc&) {
+    REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
+  }
+  try {
+    if (EnterSubscription(stPending, oMsg.m_nId)) return;
+    const COwner<ST_SUB_PENDING> oEnd(NewDesubscribe(oMsg.m_nId));
+    if (oEnd.Get() != nullptr) RunDesubscribe(*oEnd.Get());
+  } catch (const std::bad_alloc&) {
+    REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
+  }
+}
+
+void CRegisterSipProcess::SetSubRunning() {
+  const CRegMgrLocker oLocker(*this);
+  g_stSubPending.bRunning = true;
+}
+
+// What the service's answer means for the registration that asked. False: there is a subscription
+// that nobody holds.
+bool CRegisterSipProcess::EnterSubscription(const ST_SUB_PENDING& stPending, int nSubscribeId) {
+  const CRegMgrLocker oLocker(*this);
+  g_stSubPending.bRunning = false;
+  std::vector<ST_SUB_EARLY> vecEarly;
+  vecEarly.swap(m_vecEarly);
+  const auto itRegister = m_mapRegister.find(stPending.nRegId);
+  if (itRegister == m_mapRegister.end() || itRegister->second != stPending.pRegister) {
+    return nSubscribeId <= 0;
+  }
+  CRegister* const pRegister = itRegister->second;
+  pRegister->SetSubExchanging(false);
+  if (nSubscribeId <= 0) return true;
+  try {
+    m_mapSubscribe[nSubscribeId] = pRegister->GetRegId();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  pRegister->SetSubscribeId(nSubscribeId);
+  for (const ST_SUB_EARLY& stEarly : vecEarly) {
+    if (stEarly.nSubscribeId == nSubscribeId) ApplySubEvent(stEarly);
+  }
+  return true;
+}
+
+// At shutdown. The events in the queue of m_hMainThread name this object, so they go; what they
+// would have ended at the service is ended from here.
+void CRegisterSipProcess::EndSubExchanges() {
+  const auto tEnd = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (kdForgetUserPtr(m_hMainThread, this) != 0 && std::chrono::steady_clock::now() < tEnd) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  while (ST_SUB_PENDING* const pPending = TakeSubPending()) {
+    const COwner<ST_SUB_PENDING> oPending(pPending);
+    if (pPending->nType == E_SUB_EVENT_DESUBSCRIBE && HasSubscribed()) RunDesubscribe(*pPending);
+  }
+}
+
+// ---- the service's notifications, on the bus's delivery thread
+
+void CRegisterSipProcess::SubEventDispatch(int nNtfId, CXML* pDoc) {
+  switch (nNtfId) {
+    case E_SUB_NTF_SUCCESS:
+      SubSuccess(nNtfId, pDoc);
+      break;
+    case E_SUB_NTF_FAILURE:
+      SubFailure(nNtfId, pDoc);
+      break;
+    case E_SUB_NTF_NOTIFY:
+      SubNotify(nNtfId, pDoc);
+      break;
+    default:
+      break;
+  }
+}
+
+void CRegisterSipProcess::SubSuccess(int nNtfId, CXML* pDoc) {
+  if (nNtfId != E_SUB_NTF_SUCCESS || pDoc == nullptr) return;
+  const COwner<CRegSubSuccess> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubSuccess());
+  if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0 || oMsg->m_strFinal != "SUB_STOP") return;
+  const CRegMgrLocker oLocker(*this);
+  ApplySubEvent({oMsg->m_nId, true, {}});
+}
+
+void CRegisterSipProcess::SubFailure(int /*nNtfId*/, CXML* /*pDoc*/) {}
+
+void CRegisterSipProcess::SubNotify(int nNtfId, CXML* pDoc) {
+  if (nNtfId != E_SUB_NTF_NOTIFY || pDoc == nullptr) return;
+  const COwner<CRegSubNTFMsg> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubNTFMsg());
+  if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0) return;
+  bool bNoMemory = false;
+  {
+    const CRegMgrLocker oLocker(*this);
+    bNoMemory = !ApplySubEvent({oMsg->m_nId, false, std::move(oMsg->m_strMsgBody)});
+  }
+  if (bNoMemory) REG_LOG(E_LOG_ERROR, "Create xml Fail\n");
+}
+
+// With m_oRegMgrMutex held. False when there was no memory to tell the client.
+bool CRegisterSipProcess::ApplySubEvent(const ST_SUB_EARLY& stEvent) {
+  const auto itSubscribe = m_mapSubscribe.find(stEvent.nSubscribeId);
+  if (itSubscribe == m_mapSubscribe.end()) {
+    // The service may be faster than the thread that waits for its answer: the first document,
+    // which tells our contact's id, must not be lost.
+    if (g_stSubPending.bRunning && m_vecEarly.size() < E_SUB_EARLY_MAX) {
+      m_vecEarly.push_back(stEvent);
+    }
+    return true;
+  }
+  const auto itRegister = m_mapRegister.find(itSubscribe->second);
+  CRegister* const pRegister = itRegister != m_mapRegister.end() ? itRegister->second : nullptr;
+  if (stEvent.bStop) {
+    m_mapSubscribe.erase(itSubscribe);
+    if (pRegister != nullptr) pRegister->SetSubscribeId(-1);
+    return true;
+  }
+  if (pRegister == nullptr) return true;
+  CRegEventRecord oRecord(0);
+  const ST_REG_EVENT& stRegEvent = *oRecord.Get();
+  const int nResult = pRegister->SubNotifyProc(stEvent.strBody, *oRecord.Get());
+  // A record without an id: nothing in the document was about this registration.
+  if (nResult != 0 || stRegEvent.eRegEventType == E_REG_EVENT_NONE || stRegEvent.nRegId == 0) {
+    return true;
+  }
+  return NotifySubState(pRegister, stRegEvent);
+}
+
+// With m_oRegMgrMutex held. Tells the client of the registration's state; one that is not
+// registered any more ends before. False without memory for the document.
+bool CRegisterSipProcess::NotifySubState(CRegister* pRegister, const ST_REG_EVENT& stRegEvent) {
+  const COwner<CXML> oDoc(vktNew<CXML>());
+  const COwner<CRegStateNotify> oNotify(GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
+  if (oDoc.Get() == nullptr || oNotify.Get() == nullptr) return false;
+  oNotify->m_nId = stRegEvent.nRegId;
+  oNotify->m_strEvent = GetEventWord(stRegEvent.nEventWord);
+  const bool bActive = stRegEvent.eRegState == E_REG_STATE_REGED;
+  oNotify->m_strState = bActive ? "Active" : "Terminate";
+  oNotify->Result(oDoc.Get());
+  if (!bActive) {
+    const int nRegId = pRegister->GetRegId();
+    REG_LOG(E_LOG_INFO, "SubNotify: id is %d\n", nRegId);
+    if (Remove(pRegister, nRegId)) REG_LOG(E_LOG_INFO, "SubNotify:vktDelete pReg");
+    REG_LOG_KEYS("SubNotify: m_mapRegister is %d\n");
+  }
+  XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_STATE, oDoc.Get(), nullptr);
+  return true;
+}
