@@ -19,6 +19,9 @@ struct CXML::Document {
 
   domlet::Tree oTree;
   std::string strError;
+  // The element whose line was asked for last, and that line: who asks for one after the other has
+  // the source counted once. Packed, since threads may share the document: line, then begin.
+  std::atomic<std::uint64_t> nLineAt{std::uint64_t{1} << 32};
   std::atomic<std::uint32_t> nOwners{1};
 };
 
@@ -91,6 +94,7 @@ CXML::Document& CXML::Own() {
     Release();
     m_pDoc = pCopy;
   }
+  m_pDoc->nLineAt = std::uint64_t{1} << 32;
   return *m_pDoc;
 }
 
@@ -249,8 +253,18 @@ std::string CXML::GetName() const {
 int CXML::GetLine() const {
   if (m_nMain == kNone) return 0;
   const domlet::Tree& oTree = m_pDoc->oTree;
-  const auto itBegin = oTree.source.begin();
-  return 1 + static_cast<int>(std::count(itBegin, itBegin + oTree.At(m_nMain).begin, '\n'));
+  const std::uint32_t nEnd = oTree.At(m_nMain).begin;
+  const std::uint64_t nLineAt = m_pDoc->nLineAt.load(std::memory_order_relaxed);
+  auto nBegin = static_cast<std::uint32_t>(nLineAt);
+  auto nLine = static_cast<std::uint32_t>(nLineAt >> 32);
+  if (nBegin > nEnd) {
+    nBegin = 0;
+    nLine = 1;
+  }
+  const char* const pSource = oTree.source.data();
+  nLine += static_cast<std::uint32_t>(std::count(pSource + nBegin, pSource + nEnd, '\n'));
+  m_pDoc->nLineAt.store(std::uint64_t{nLine} << 32 | nEnd, std::memory_order_relaxed);
+  return static_cast<int>(nLine);
 }
 
 std::string CXML::GetAttribName(int nIndex) const {

@@ -70,7 +70,7 @@ class CUnknownParam : public CElement {
   const std::string& GetName() const { return m_strName; }
   const std::string& Key() const { return m_strName; }
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strName;
@@ -84,7 +84,7 @@ class CDisplayName : public CElement {
   void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
   void Merge(CDisplayName&& oNewer) noexcept;
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strDisplayName;
@@ -98,7 +98,7 @@ class CUri : public CElement {
   void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
   void Merge(CUri&& oNewer) noexcept;
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strUri;
@@ -128,7 +128,7 @@ class CContact : public CElement {
   void ClearUnknownParams() { m_vecUnknownParam.Clear(); }
   void Trim() noexcept;
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strId;
@@ -168,7 +168,7 @@ class CRegistration : public CElement {
   void ClearContacts() { m_vecContact.Clear(); }
   void Trim() noexcept;
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strAor;
@@ -202,7 +202,7 @@ class CRegInfo : public CElement {
   void RemoveTerminated();
   void Trim() noexcept;
 
- private:
+ protected:
   int Read() override;
 
   std::string m_strVersion = "-1";
