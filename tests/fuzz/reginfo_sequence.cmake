@@ -1,0 +1,3 @@
+# With the component's own reader of what is handed on.
+tolvane_fuzz(reginfo_sequence_fuzz SOURCES reginfo_sequence_fuzz.cpp
+             LIBS reginfo_sequence tolvane_objects logging VorelKDCore Vorelkit Domletlib nsip sivra Sipcarrier Brunelib)
