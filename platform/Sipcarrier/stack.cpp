@@ -125,7 +125,7 @@ void Stack::OnTurnEnd() noexcept {
   udp_->Flush();
   if (transactions_.has_fresh()) loop_.Wake();
   if (stopping_.load(std::memory_order_acquire)) {
-    if (transactions_.idle() && !loop_.HasTasks()) return loop_.Quit();
+    if (transactions_.idle() && io_timers_closed_) return loop_.Quit();
     if (Clock::now() >= stop_deadline_) {
       transactions_.FailAll();
       loop_.Wake();
