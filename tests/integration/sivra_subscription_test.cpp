@@ -1,0 +1,485 @@
+// Subscriptions through the real stack, against a notifier on loopback that does as each test tells it.
+#include <deque>
+#include <set>
+
+#include "failing_new.h"
+#include "sipcarrier_peer.h"
+#include "sivra/sivra.h"
+
+namespace sip_test {
+namespace {
+
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+std::string StartLine(const std::string& text) { return text.substr(0, text.find("\r\n")); }
+
+// Notes "new BODY" or "BODY" of each NOTIFY and "end STATUS REASON", then runs `action`.
+class Listener final : public sivra::SubscriptionListener {
+ public:
+  using Action = std::function<void(long id, const std::string& note)>;
+  explicit Listener(Action action = nullptr) : action_(std::move(action)) {}
+  void OnNotify(long id, const std::string& body, bool anew) override { Note(id, (anew ? "new " : "") + body); }
+  void OnEnd(long id, int status, const std::string& reason) override {
+    Note(id, "end " + std::to_string(status) + " " + reason);
+  }
+  // The first that has not been asked for yet; empty when there is none in time.
+  std::string Next(milliseconds wait = 20s) {
+    Eventually([this] { return taken_ < size; }, wait);
+    const std::lock_guard lock(mutex_);
+    return taken_ < size ? notes_[taken_++] : "";
+  }
+  std::atomic<std::size_t> size{0};
+
+ private:
+  void Note(long id, const std::string& note) {
+    {
+      const std::lock_guard lock(mutex_);
+      notes_.push_back(note);
+      size = notes_.size();
+    }
+    if (action_) action_(id, note);
+  }
+  Action action_;
+  std::mutex mutex_;
+  std::vector<std::string> notes_;
+  std::size_t taken_ = 0;
+};
+
+class Notifier {
+ public:
+  explicit Notifier(int family = AF_INET) : peer_(family), v6_(family == AF_INET6) {}
+  [[nodiscard]] std::string Place() const { return (v6_ ? "[::1]:" : "127.0.0.1:") + std::to_string(peer_.port()); }
+  [[nodiscard]] sivra::SubscriptionInfo Info(int expires = 600, bool refresh = true) const {
+    return {"sip:alice@" + Place(), "sip:alice@" + Place(), "reg", "application/reginfo+xml", expires, refresh};
+  }
+
+  // The next SUBSCRIBE, retransmissions aside; empty when none came in time.
+  std::string Request(milliseconds wait = 10s) { return Take(requests_, wait); }
+  // Header lines end with \r\n. Answers a request that makes a dialog with this tag.
+  void Answer(const std::string& request, const std::string& status, const std::string& headers = "",
+              const std::string& tag = "n1") {
+    std::string text = ResponseTo(request, status);
+    const std::string to = "To: " + HeaderLine(request, "To");
+    if (!Has(to, ";tag=")) text = Replaced(text, to, to + ";tag=" + tag);
+    peer_.Send(text.insert(text.find("\r\n") + 2, headers));
+  }
+  void Accept(const std::string& request, const std::string& expires = "3600") {
+    Answer(request, "200 OK", "Expires: " + expires + "\r\nContact: <sip:n@" + Place() + ">\r\n");
+  }
+  // A NOTIFY in the dialog of this SUBSCRIBE, with From tag n1.
+  std::string Notify(const std::string& request, const std::string& state, const std::string& body = "", int cseq = 0) {
+    const std::string to = HeaderLine(request, "To");
+    const std::string contact = HeaderLine(request, "Contact");
+    return "NOTIFY " + contact.substr(1, contact.find('>') - 1) + " SIP/2.0\r\nVia: SIP/2.0/UDP " + Place() +
+           ";branch=z9hG4bK" + std::to_string(++branches_) + "\r\nFrom: " + to.substr(0, to.find(";tag=")) +
+           ";tag=n1\r\nTo: " + HeaderLine(request, "From") + "\r\nCall-ID: " + HeaderLine(request, "Call-ID") +
+           "\r\nCSeq: " + std::to_string(cseq > 0 ? cseq : ++cseq_) + " NOTIFY\r\nContact: <sip:n@" + Place() +
+           ">\r\nMax-Forwards: 70\r\nEvent: reg\r\nSubscription-State: " + state +
+           "\r\nContent-Type: application/reginfo+xml\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+           body;
+  }
+  // Sends it; its answer.
+  std::string Ask(const std::string& notify, milliseconds wait = 10s) {
+    peer_.Send(notify);
+    return Take(answers_, wait);
+  }
+  void Tell(const std::string& request, const std::string& state, const std::string& body = "") {
+    EXPECT_EQ(StartLine(Ask(Notify(request, state, body))), "SIP/2.0 200 OK");
+  }
+
+ private:
+  std::string Take(std::deque<std::string>& queue, milliseconds wait) {
+    const auto end = Clock::now() + wait;
+    while (queue.empty() && Clock::now() < end) {
+      const std::string text = peer_.Receive(std::chrono::ceil<milliseconds>(end - Clock::now()));
+      // A request has a branch of its own, an answer that of the NOTIFY.
+      if (text.empty() || !seen_.insert(text.substr(0, 4) + HeaderLine(text, "Via")).second) continue;
+      (text.starts_with("SIP/2.0") ? answers_ : requests_).push_back(text);
+    }
+    const std::string text = queue.empty() ? "" : queue.front();
+    if (!queue.empty()) queue.pop_front();
+    return text;
+  }
+
+  Peer peer_;
+  bool v6_;
+  std::set<std::string> seen_;
+  std::deque<std::string> requests_, answers_;
+  int branches_ = 0;
+  int cseq_ = 0;
+};
+
+class SubscriptionTest : public testing::Test {
+ protected:
+  void SetUp() override { StartStack(100ms); }
+  void TearDown() override {
+    sipcarrier::Stop(0ms);
+    EXPECT_EQ(sivra::SubscriptionCount(), 0U);
+  }
+  void StartStack(milliseconds t1, const std::string& address = "127.0.0.1") {
+    sipcarrier::Stop(0ms);
+    sipcarrier::Config config;
+    config.local_address = address;
+    config.t1 = t1;
+    config.t2 = 8 * t1;
+    config.credentials = {{"sip:alice@" + notifier_.Place(), "", "alice", "secret"}};
+    std::string error;
+    ASSERT_EQ(sipcarrier::Start(config, error), 0) << error;
+  }
+  // A subscription up to its first NOTIFY; the SUBSCRIBE.
+  std::string Establish(const std::string& expires = "600", const std::string& state = "active") {
+    id_ = sivra::Subscribe(notifier_.Info(), listener_);
+    EXPECT_GT(id_, 0);
+    const std::string request = notifier_.Request();
+    notifier_.Accept(request, expires);
+    notifier_.Tell(request, state, "first");
+    EXPECT_EQ(listener_->Next(), "new first");
+    return request;
+  }
+  static void ExpectAnew(const std::string& old, const std::string& request) {
+    EXPECT_NE(HeaderLine(request, "Call-ID"), HeaderLine(old, "Call-ID"));
+    EXPECT_TRUE(request.starts_with("SUBSCRIBE ") && !Has(HeaderLine(request, "To"), ";tag=")) << request;
+  }
+  std::string NextAnew(const std::string& old) {
+    const std::string request = notifier_.Request();
+    ExpectAnew(old, request);
+    return request;
+  }
+
+  Notifier notifier_;
+  std::shared_ptr<Listener> listener_ = std::make_shared<Listener>();
+  long id_ = 0;
+};
+
+TEST_F(SubscriptionTest, TheLifeOfOne) {
+  id_ = sivra::Subscribe(notifier_.Info(), listener_);
+  std::string request = notifier_.Request();
+  EXPECT_EQ(StartLine(request), "SUBSCRIBE sip:alice@" + notifier_.Place() + " SIP/2.0");
+  EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ">");
+  EXPECT_EQ(HeaderLine(request, "Event") + HeaderLine(request, "Accept"),
+            "regapplication/reginfo+xml");
+  EXPECT_EQ(HeaderLine(request, "Expires") + "/" + HeaderLine(request, "Max-Forwards"), "600/70");
+  const std::string call = HeaderLine(request, "Call-ID");
+  const std::string from = HeaderLine(request, "From");
+  notifier_.Answer(request, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
+  request = notifier_.Request();
+  EXPECT_TRUE(Has(HeaderLine(request, "Authorization"), "nonce=\"n1\"")) << request;
+  notifier_.Answer(request, "423 Interval Too Brief", "Min-Expires: 700\r\n", "y");
+  request = notifier_.Request();
+  EXPECT_EQ(HeaderLine(request, "Expires") + HeaderLine(request, "CSeq"), "7003 SUBSCRIBE");
+  EXPECT_EQ(HeaderLine(request, "Call-ID"), call);
+  const std::string route = "sip:" + notifier_.Place() + ";lr";
+  notifier_.Answer(request, "200 OK",
+                   "Expires: 2\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: <" + route +
+                       ";n=2>, <" + route + ";n=1>\r\n");
+  const auto granted = Clock::now();
+  notifier_.Tell(request, "active;expires=2", "first");
+  notifier_.Tell(request, "active;expires=2");
+  EXPECT_EQ(listener_->Next(), "new first");
+
+  // The refresh, in the dialog and before the grant runs out.
+  const std::string refresh = notifier_.Request();
+  EXPECT_GT(Clock::now() - granted, 1s);
+  EXPECT_EQ(StartLine(refresh), "SUBSCRIBE sip:n@" + notifier_.Place() + " SIP/2.0") << "the NOTIFY's Contact";
+  EXPECT_TRUE(Has(refresh, "\r\nRoute: <" + route + ";n=1>\r\nRoute: <" + route + ";n=2>\r\n")) << refresh;
+  EXPECT_TRUE(HeaderLine(refresh, "To").ends_with(";tag=n1"));
+  EXPECT_EQ(HeaderLine(refresh, "From") + HeaderLine(refresh, "Call-ID"), from + call);
+  EXPECT_EQ(HeaderLine(refresh, "CSeq") + HeaderLine(refresh, "Expires"), "4 SUBSCRIBE700");
+  EXPECT_TRUE(Has(HeaderLine(refresh, "Authorization"), "nc=00000003")) << refresh;
+  notifier_.Answer(refresh, "200 OK", "Expires: 600\r\n");
+  notifier_.Tell(refresh, "active", "second");
+  EXPECT_EQ(listener_->Next(), "second");
+
+  // The goodbye is challenged, too; what comes on the way is told.
+  EXPECT_TRUE(sivra::Unsubscribe(id_));
+  request = notifier_.Request();
+  EXPECT_EQ(HeaderLine(request, "Expires"), "0");
+  notifier_.Answer(request, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
+  request = notifier_.Request();
+  EXPECT_EQ(HeaderLine(request, "Expires"), "0");
+  notifier_.Accept(request, "0");
+  notifier_.Tell(request, "active", "third");
+  EXPECT_EQ(listener_->Next(), "third");
+  EXPECT_EQ(sivra::SubscriptionCount(), 1U);
+  notifier_.Tell(request, "Terminated;reason=timeout", "last");
+  EXPECT_EQ(listener_->Next(), "last");
+  EXPECT_EQ(listener_->Next(), "end 0 timeout");
+  EXPECT_FALSE(sivra::Unsubscribe(id_) || sivra::RefreshSubscription(id_));
+  EXPECT_TRUE(notifier_.Ask(notifier_.Notify(request, "active")).starts_with("SIP/2.0 481 "));
+}
+
+TEST_F(SubscriptionTest, ANotifyBeforeTheAnswerMakesTheDialogAndOtherForksHaveNone) {
+  id_ = sivra::Subscribe(notifier_.Info(), listener_);
+  std::string request = notifier_.Request();
+  const std::string router = "sip:" + notifier_.Place();
+  EXPECT_TRUE(notifier_
+                  .Ask(Replaced(notifier_.Notify(request, "active", "first"), "CSeq",
+                                "Record-Route: <" + router + ";r=1>,<" + router + ";r=2;lr>\r\nCSeq"))
+                  .starts_with("SIP/2.0 200 "));
+  EXPECT_EQ(listener_->Next(), "new first");
+  const std::string fork =
+      Replaced(notifier_.Notify(request, "terminated;reason=rejected", "fork"), "tag=n1", "tag=n2");
+  EXPECT_TRUE(notifier_.Ask(fork).starts_with("SIP/2.0 481 "));
+  notifier_.Answer(request, "200 OK", "Expires: 1\r\nContact: <sip:fork@127.0.0.1:9>\r\n", "n2");
+  // A strict router stands in the Request-URI, the target behind the other routers.
+  request = notifier_.Request();
+  EXPECT_EQ(StartLine(request), "SUBSCRIBE " + router + ";r=1 SIP/2.0");
+  EXPECT_TRUE(Has(request, "\r\nRoute: <" + router + ";r=2;lr>\r\nRoute: <sip:n@" + notifier_.Place() + ">\r\n"));
+  EXPECT_TRUE(HeaderLine(request, "To").ends_with(";tag=n1"));
+  EXPECT_EQ(listener_->Next(0ms), "");
+}
+
+TEST_F(SubscriptionTest, NotifiesThatAreRefusedChangeNothing) {
+  const std::string request = Establish();
+  const struct {
+    const char* from;
+    const char* to;
+    const char* answer;
+    const char* header = "CSeq: 100 NOTIFY";
+  } cases[] = {
+      {"Call-ID: ", "Call-ID: x", "481"},
+      {"To: ", "To: <sip:alice@a>;tag=x\r\nX: ", "481"},
+      {";tag=n1", ";tag=n2", "481"},
+      {";tag=n1", "", "481"},
+      {"Event: reg", "Event: reg;id=1", "481"},
+      {"Event: reg", "X: reg", "489", "Allow-Events: reg"},
+      {"Event: reg", "Event: Reg", "489", "Allow-Events: reg"},
+      {"Subscription-State: ", "X: ", "400"},
+      {"terminated;", ";", "400"},
+      {"reginfo+xml", "xml", "415", "Accept: application/reginfo+xml"},
+      {"Content-Type", "X", "415", "Accept: application/reginfo+xml"},
+      {"Content-Type", "Content-Encoding: gzip\r\nContent-Type", "415", "Accept-Encoding: identity"},
+  };
+  for (const auto& c : cases) {
+    const std::string notify = notifier_.Notify(request, "terminated;reason=rejected", "foreign", 100);
+    const std::string answer = notifier_.Ask(Replaced(notify, c.from, c.to));
+    EXPECT_TRUE(answer.starts_with(std::string("SIP/2.0 ") + c.answer)) << c.to << "\n" << answer;
+    EXPECT_TRUE(Has(answer, std::string("\r\n") + c.header + "\r\n")) << c.to << "\n" << answer;
+  }
+  const std::string fine =
+      Replaced(notifier_.Notify(request, "pending", "fine", 7), "Content-Type: application/reginfo",
+               "Content-Encoding: Identity\r\nc: Application/RegInfo");
+  EXPECT_TRUE(notifier_.Ask(fine).starts_with("SIP/2.0 200 "));
+  EXPECT_EQ(listener_->Next(), "fine");
+  EXPECT_TRUE(notifier_.Ask(notifier_.Notify(request, "active", "old", 6)).starts_with("SIP/2.0 500 "));
+  EXPECT_EQ(listener_->Next(50ms), "");
+}
+
+TEST_F(SubscriptionTest, WhatEndsItAndWhatIsMadeAnew) {
+  StartStack(20ms);
+  const struct {
+    const char* by;       // a Subscription-State, or the answer to the first SUBSCRIBE, or to the refresh
+    const char* headers;  // of the answer; null: a NOTIFY
+    bool refresh;
+    const char* end;  // null: made anew
+    milliseconds after = 0ms;
+  } cases[] = {
+      {"terminated;reason=rejected", nullptr, false, "end 0 rejected"},
+      {"terminated;reason=NoResource;retry-after=1", nullptr, false, "end 0 NoResource"},
+      {"terminated;reason=invariant", nullptr, false, "end 0 invariant"},
+      {"terminated;reason=deactivated;retry-after=99", nullptr, false, nullptr},
+      {"terminated;reason=timeout", nullptr, false, nullptr},
+      {"terminated", nullptr, false, nullptr},
+      {"terminated;reason=probation;retry-after=1", nullptr, false, nullptr, 1s},
+      {"terminated;reason=probation", nullptr, false, nullptr, 30ms},
+      {"terminated;reason=giveup", nullptr, false, nullptr, 30ms},
+      {"403 No", "", false, "end 403 No"},
+      {"404 No", "", false, "end 404 No"},
+      {"423 No", "Min-Expires: 1\r\n", false, "end 423 No"},
+      {"489 No", "", false, "end 489 No"},
+      {"603 No", "", false, "end 603 No"},
+      {"404 Later", "Retry-After: 1 (soon);duration=9\r\n", false, nullptr, 1s},
+      {"503 Later", "", false, nullptr, 30ms},
+      {"480 Later", "", false, nullptr, 30ms},
+      {"481 Gone", "", true, nullptr},
+      {"408 Gone", "", true, nullptr, 30ms},
+      {"404 Gone", "", true, nullptr, 30ms},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.by) + (c.refresh ? " to a refresh" : ""));
+    std::string request;
+    if (c.headers == nullptr || c.refresh) {
+      request = Establish();
+    } else {
+      id_ = sivra::Subscribe(notifier_.Info(), listener_);
+      request = notifier_.Request();
+    }
+    const auto before = Clock::now();
+    if (c.headers == nullptr) {
+      notifier_.Tell(request, c.by);
+    } else {
+      EXPECT_EQ(sivra::RefreshSubscription(id_) && c.refresh, c.refresh);
+      notifier_.Answer(c.refresh ? notifier_.Request() : request, c.by, c.headers);
+    }
+    if (c.end != nullptr) {
+      EXPECT_EQ(listener_->Next(), c.end);
+      EXPECT_EQ(sivra::SubscriptionCount(), 0U);
+      continue;
+    }
+    request = NextAnew(request);
+    EXPECT_GE(Clock::now() - before, c.after);
+    EXPECT_LT(Clock::now() - before, c.after + 5s);
+    EXPECT_TRUE(sivra::Unsubscribe(id_));
+    notifier_.Answer(request, "500 x");
+    EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
+  }
+}
+
+TEST_F(SubscriptionTest, ShortenedItIsRefreshedEarlierAndARefusalLeavesWhatWasGranted) {
+  const std::string request = Establish();
+  notifier_.Tell(request, "active;expires=2");
+  std::string refresh = notifier_.Request();
+  for (int refusals = 0; HeaderLine(refresh, "Call-ID") == HeaderLine(request, "Call-ID"); ++refusals) {
+    notifier_.Answer(refresh, refusals % 2 == 0 ? "500 Down" : "403 No");
+    notifier_.Tell(request, "active", "still");
+    EXPECT_EQ(listener_->Next(), "still");
+    refresh = notifier_.Request();
+  }
+  ExpectAnew(request, refresh);
+}
+
+TEST_F(SubscriptionTest, SilenceLosesTheDialogAndPausesGrow) {
+  StartStack(10ms);
+  id_ = sivra::Subscribe(notifier_.Info(), listener_);
+  std::string request = notifier_.Request();
+  request = NextAnew(request);  // no answer at all
+  notifier_.Accept(request);
+  request = NextAnew(request);  // an answer, but no NOTIFY
+  auto last = Clock::now();
+  Clock::duration pause{};
+  for (int i = 0; i < 4; ++i) {  // 80 ms and more, doubled each time, a quarter up or down
+    notifier_.Answer(request, "503 Down");
+    request = NextAnew(request);
+    const auto now = Clock::now();
+    EXPECT_GE(now - last, 60ms * (1 << i));
+    pause = now - last;
+    last = now;
+  }
+  EXPECT_LT(pause, 5s);
+  // A goodbye that nobody answers ends, too, and one that waits has nothing to say.
+  notifier_.Accept(request);
+  notifier_.Tell(request, "active", "heard");
+  EXPECT_EQ(listener_->Next(), "new heard");
+  EXPECT_TRUE(sivra::Unsubscribe(id_));
+  EXPECT_EQ(HeaderLine(notifier_.Request(), "Expires"), "0");
+  EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
+  id_ = sivra::Subscribe(notifier_.Info(), listener_);
+  notifier_.Answer(notifier_.Request(), "503 Down", "Retry-After: 100\r\n");
+  EXPECT_EQ(notifier_.Request(100ms), "");
+  EXPECT_TRUE(sivra::Unsubscribe(id_));
+  EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
+}
+
+TEST_F(SubscriptionTest, ANotifierThatSendsRubbishIsAskedForMoreAtGrowingIntervals) {
+  StartStack(20ms);
+  listener_ = std::make_shared<Listener>([](long id, const std::string& note) {
+    if (Has(note, "rubbish")) {
+      EXPECT_TRUE(sivra::RefreshSubscription(id) && sivra::RefreshSubscription(id));
+    }
+  });
+  std::string request = Establish();
+  notifier_.Tell(request, "active", "rubbish");
+  for (int i = 0; i < 5; ++i) {  // the first at once, then after 4 T1 and doubled
+    const auto before = Clock::now();
+    request = notifier_.Request();
+    EXPECT_TRUE(i == 0 || Clock::now() - before > 60ms * (1 << (i - 1))) << i;
+    EXPECT_TRUE(Has(HeaderLine(request, "To"), ";tag=")) << request;
+    notifier_.Accept(request);
+    notifier_.Tell(request, "active", "rubbish");
+  }
+}
+
+TEST_F(SubscriptionTest, WithoutRefreshItRunsOut) {
+  id_ = sivra::Subscribe(notifier_.Info(1, false), listener_);
+  const std::string request = notifier_.Request();
+  notifier_.Accept(request, "1");
+  notifier_.Tell(request, "active", "only");
+  EXPECT_EQ(listener_->Next(), "new only");
+  EXPECT_EQ(notifier_.Request(1200ms) + listener_->Next(0ms), "");
+  notifier_.Tell(request, "terminated;reason=timeout", "last");
+  EXPECT_EQ(listener_->Next(), "last");
+  EXPECT_EQ(listener_->Next(), "end 0 timeout");
+}
+
+TEST_F(SubscriptionTest, ManyAtOnceStopEndsThemAndNothingStartsWithoutTheStack) {
+  constexpr std::size_t kMany = 200;
+  StartStack(500ms);
+  for (std::size_t i = 0; i < kMany; ++i) ASSERT_GT(sivra::Subscribe(notifier_.Info(), listener_), 0);
+  for (std::size_t i = 0; i < kMany - 1; ++i) {
+    const std::string request = notifier_.Request();
+    notifier_.Accept(request);
+    notifier_.Tell(request, "active", "body");
+  }
+  EXPECT_EQ(listener_->size, kMany - 1);
+  sipcarrier::Stop(0ms);  // one is in flight
+  EXPECT_EQ(listener_->size, 2 * kMany - 1);
+  EXPECT_EQ(sivra::SubscriptionCount(), 0U);
+  EXPECT_EQ(sivra::Subscribe(notifier_.Info(), listener_), -1);
+  StartStack(500ms);
+  EXPECT_EQ(sivra::Subscribe(notifier_.Info(), nullptr), -1);
+  for (int bad = 0; bad < 6; ++bad) {
+    sivra::SubscriptionInfo info = notifier_.Info(bad == 0 ? 0 : 1);
+    if (bad == 1) info.from = "";
+    if (bad == 2) info.to = "alice";
+    if (bad == 3) info.to = "tel:+49";
+    if (bad == 4) info.event = "a b";
+    if (bad == 5) info.accept = "x\r\nY: z";
+    EXPECT_EQ(sivra::Subscribe(info, listener_), -1) << bad;
+  }
+}
+
+TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
+  const int family = Peer(AF_INET6).port() != 0 ? AF_INET6 : AF_INET;
+  Notifier notifier(family);
+  StartStack(100ms, family == AF_INET6 ? "::1" : "127.0.0.1");
+  std::atomic<bool> leave{false};
+  listener_ = std::make_shared<Listener>([&](long, const std::string&) { Eventually([&] { return leave.load(); }); });
+  ASSERT_GT(sivra::Subscribe(notifier.Info(), listener_), 0);
+  std::string request = notifier.Request();
+  notifier.Accept(request);
+  notifier.Ask(notifier.Notify(request, "active", "body"), 0ms);
+  EXPECT_EQ(listener_->Next(), "new body");
+  std::atomic<bool> forgotten{false};
+  std::thread forget([&] {
+    sivra::ForgetListener(listener_.get());
+    forgotten = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(forgotten) << "it waits for the call under way";
+  leave = true;
+  forget.join();
+  EXPECT_EQ(listener_.use_count(), 1);
+  request = notifier.Request();
+  EXPECT_EQ(HeaderLine(request, "Expires"), "0") << "the notifier gets its goodbye all the same";
+  notifier.Ask(notifier.Notify(request, "terminated", "late"));
+  EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }));
+  EXPECT_EQ(listener_->size, 1U);
+}
+
+// One allocation of the I/O thread after the other fails: the wish outlives it, and ends as asked.
+TEST_F(SubscriptionTest, MemoryThatRunsOut) {
+  StartStack(5ms);
+  ASSERT_TRUE(sipcarrier::RunOnIoThread([] { failing_new::TakePart(true); }));
+  long normal = 1000;
+  for (long n = 0; n <= normal; ++n) {
+    SCOPED_TRACE(n);
+    id_ = sivra::Subscribe(notifier_.Info(), listener_);
+    failing_new::Fail(n, n);
+    std::string note;
+    while (note.empty() && !testing::Test::HasFailure()) {
+      const std::string request = notifier_.Request(100ms);
+      if (request.empty()) continue;
+      notifier_.Accept(request);
+      notifier_.Ask(notifier_.Notify(request, "active", "body"), 20ms);
+      note = listener_->Next(5ms);
+    }
+    EXPECT_TRUE(note == "new body" || note.starts_with("end 0 ")) << note;
+    const long taken = failing_new::Fail(0, 0);
+    if (n == 0) normal = taken;
+    while (sivra::Unsubscribe(id_)) notifier_.Answer(notifier_.Request(50ms), "481 Gone");
+  }
+  EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }));
+  EXPECT_GT(normal, 50);
+}
+
+}  // namespace
+}  // namespace sip_test
