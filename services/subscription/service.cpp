@@ -1,0 +1,220 @@
+#include "service.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <initializer_list>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "Brunelib/Brunelib.h"
+#include "logging/LogOne.h"
+#include "nsip/nsip.h"
+#include "reginfo_sequence.h"
+#include "Vorelkit/Vorelkit.h"
+
+#define SUB_LOG(level, text) Log(level, __func__, __LINE__, text)
+
+namespace subscription {
+namespace {
+
+constexpr const char* kEvent = "reg";
+constexpr const char* kAccept = "application/reginfo+xml";  // RFC 3680 §4.2
+
+// Down into the root element, when it has this name.
+bool Enter(CXML& document, const char* root) {
+  document.ResetPos();
+  return document.FindElem(root) != 0 && document.IntoElem() != 0;
+}
+
+std::string Text(CXML& document, const char* name) {
+  document.ResetMainPos();
+  return document.FindElem(name) != 0 ? document.GetData() : std::string();
+}
+
+long Number(CXML& document, const char* name) {
+  return std::strtol(Text(document, name).c_str(), nullptr, 10);
+}
+
+// One spelling for all that name one address of record (RFC 3261 §19.1.4); empty when the text is
+// none.
+std::string KeyOf(const std::string& address) {
+  nsip_from from;
+  if (!nsip_from_parse(address, from) || from.url == nullptr || from.url->host.empty()) return {};
+  std::string host = from.url->host;
+  std::transform(host.begin(), host.end(), host.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  return nsip_uri_normal(from.url->user) + "@" + host + ":" + std::to_string(from.url->port);
+}
+
+void Express(int notification, long id,
+             std::initializer_list<std::pair<const char*, const char*>> children) {
+  CXML document;
+  document.AddElem("sub", nullptr, 0);
+  document.AddChildElem("id", static_cast<int>(id), 0);
+  for (const auto& [name, text] : children) document.AddChildElem(name, text, 0);
+  document.ResetPos();
+  XSExpressNotify(kIdentity, notification, &document, nullptr);
+}
+
+std::string Name(long id) { return "subscription " + std::to_string(id); }
+
+}  // namespace
+
+struct Service::Follower {
+  Follower(std::string address_of_record, std::string address_key)
+      : address(std::move(address_of_record)), key(std::move(address_key)), sequence(address) {}
+
+  const std::string address;
+  const std::string key;
+  std::atomic<bool> closing{false};  // only the end of the client's own contact is still news
+  ReginfoSequence sequence;          // the I/O thread's
+};
+
+int Service::OnCommand(int command, CXML* in, CXML* out) {
+  if (in == nullptr || (command == kCommandSubscribe && out == nullptr)) return -1;
+  switch (command) {
+    case kCommandSubscribe:
+      return OnSubscribe(*in, *out);
+    case kCommandDesubscribe:
+      return OnDesubscribe(*in);
+    case kCommandLogSwitch:
+      return OnLogSwitch(*in);
+    default:
+      return -1;
+  }
+}
+
+int Service::OnSubscribe(CXML& in, CXML& out) {
+  if (!Enter(in, "sub") || Text(in, "event") != kEvent) return -1;
+  sivra::SubscriptionInfo info;
+  info.from = Text(in, "from");
+  info.to = Text(in, "to");
+  info.event = kEvent;
+  info.accept = kAccept;
+  info.expires = static_cast<int>(std::clamp(Number(in, "expires"), -1L, 0x7fffffffL));
+  info.refresh = Text(in, "ifrefresh") != "0";
+  std::string key = KeyOf(info.to);
+  if (key.empty()) return -1;
+
+  // Whatever fails, fails before there is a subscription that nobody knows.
+  auto follower = std::make_shared<Follower>(info.to, key);
+  long former = 0;
+  long id = -1;
+  {
+    const std::lock_guard lock(mutex_);
+    followers_.reserve(followers_.size() + 1);
+    const auto newest = newest_.try_emplace(std::move(key), 0).first;
+    id = sivra::Subscribe(info, weak_from_this().lock());
+    if (id > 0) {
+      followers_.emplace(id, std::move(follower));
+      former = std::exchange(newest->second, id);
+    } else if (newest->second == 0) {
+      newest_.erase(newest);
+    }
+  }
+  if (id < 0) return -1;
+  // Two dialogs of one address of record would tell everything twice, and one of them for ever.
+  if (former > 0) Close(former);
+  SUB_LOG(E_LOG_INFO, Name(id) + " begins: " + info.to);
+  out.AddElem("sub", nullptr, 0);
+  out.AddChildElem("id", static_cast<int>(id), 0);
+  out.ResetPos();
+  return 0;
+}
+
+int Service::OnDesubscribe(CXML& in) {
+  return Enter(in, "sub") && Close(Number(in, "id")) ? 0 : -1;
+}
+
+int Service::OnLogSwitch(CXML& in) {
+  if (!Enter(in, "log")) return -1;
+  std::string on = Text(in, "log-switch");
+  std::transform(on.begin(), on.end(), on.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+  if (on != "TRUE" && on != "1") {
+    log_ = nullptr;
+    return 0;
+  }
+  std::string path = in.GetAttrib("path");
+  if (path.empty()) path = "/log";
+  if (path.back() != '/') path += '/';
+  ILogOne* const log = LogOne_Open(VkStrBuilder::Utf8ToUnicodeW(path + "Tolvane.log").c_str());
+  if (log == nullptr) return -1;
+  log_ = log;
+  return 0;
+}
+
+void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
+  try {
+    const auto follower = Find(id);
+    if (follower == nullptr) return;
+    if (follower->closing) follower->sequence.Close();
+    const auto result =
+        follower->sequence.Process(body, new_dialog, sivra::RegisteredContacts(follower->address));
+    if (result.full_wanted) {
+      SUB_LOG(E_LOG_WARNING, Name(id) + ": " + result.reason + "; a full document is asked for");
+      (void)sivra::RefreshSubscription(id);
+    }
+    if (result.verdict == ReginfoSequence::Verdict::kHandedOn) {
+      Express(kNotifyBody, id, {{"event", kEvent}, {"msgbody", result.document.c_str()}});
+    }
+  } catch (const std::bad_alloc&) {
+    // The document is lost; a full one makes up for it.
+    (void)sivra::RefreshSubscription(id);
+  }
+}
+
+void Service::OnEnd(long id, int status, const std::string& reason) {
+  try {
+    SUB_LOG(E_LOG_INFO, Name(id) + " has ended: " + reason +
+                            (status > 0 ? " (" + std::to_string(status) + ")" : ""));
+    Express(kNotifyLife, id, {{"final", "SUB_STOP"}});
+  } catch (const std::bad_alloc&) {
+    SUB_LOG(E_LOG_ERROR, "an end is not told: memory");  // short enough for no memory
+  }
+  const std::lock_guard lock(mutex_);
+  const auto found = followers_.find(id);
+  if (found == followers_.end()) return;
+  const auto newest = newest_.find(found->second->key);
+  if (newest != newest_.end() && newest->second == id) newest_.erase(newest);
+  followers_.erase(found);
+  if (followers_.empty()) none_left_.notify_all();
+}
+
+// Begins the end of a subscription. False: it is not known.
+bool Service::Close(long id) {
+  const auto follower = Find(id);
+  if (follower == nullptr) return false;
+  follower->closing = true;
+  return sivra::Unsubscribe(id);
+}
+
+std::shared_ptr<Service::Follower> Service::Find(long id) {
+  const std::lock_guard lock(mutex_);
+  const auto found = followers_.find(id);
+  return found != followers_.end() ? found->second : nullptr;
+}
+
+void Service::Stop(std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  std::vector<long> ids;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [id, follower] : followers_) ids.push_back(id);
+  }
+  for (const long id : ids) Close(id);
+  {
+    std::unique_lock lock(mutex_);
+    none_left_.wait_until(lock, end, [this] { return followers_.empty(); });
+  }
+  sivra::ForgetListener(this);
+}
+
+void Service::Log(int level, const char* function, int line,
+                  const std::string& text) const noexcept {
+  if (ILogOne* const log = log_)
+    log->PrintAt(level, function, __FILE__, line, "%s\n", text.c_str());
+}
+
+}  // namespace subscription

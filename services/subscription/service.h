@@ -1,0 +1,71 @@
+// The subscription service: keeps SIP subscriptions on behalf of components of the bus, and hands
+// them the bodies that the notifiers send.
+//
+// Commands (documents with the root "sub"):
+//   2        from, to, event ("reg"), expires (seconds), ifrefresh -> id, at once; the network
+//            follows
+//   3        id: ends the subscription
+//   0x10004  log switch, the component's document: TRUE writes into the log of that path, whose
+//            settings belong to the component that opens it; FALSE writes nothing more
+// Notifications:
+//   0x1003  id, final ("SUB_STOP"): the subscription has ended for good
+//   0x1005  id, event, msgbody: a reginfo document, in the order and numbering of RFC 3680 whatever
+//           the notifier's own are (reginfo_sequence.h)
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Domletlib/Domletlib.h"
+#include "sivra/sivra.h"
+
+class ILogOne;
+
+namespace subscription {
+
+inline constexpr const char* kIdentity = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
+inline constexpr int kCommandSubscribe = 2;
+inline constexpr int kCommandDesubscribe = 3;
+inline constexpr int kCommandLogSwitch = 0x10004;
+inline constexpr int kNotifyLife = 0x1003;
+inline constexpr int kNotifyBody = 0x1005;
+
+// Commands come on any thread, the notifiers' words on the stack's I/O thread. The mutex guards the
+// two tables; a subscription is begun with it held, so that nothing is heard of one that is not in
+// the table, and it is not held across any other call.
+class Service final : public sivra::SubscriptionListener,
+                      public std::enable_shared_from_this<Service> {
+ public:
+  // 0; -1: no such command, a document that cannot be understood, an id that is not known, or the
+  // stack does not run. Throws std::bad_alloc.
+  int OnCommand(int command, CXML* in, CXML* out);
+  // Ends every subscription and waits for the notifiers' last words, but not longer than this;
+  // nothing is heard or said afterwards. Commands must have ended.
+  void Stop(std::chrono::milliseconds patience);
+
+  void OnNotify(long id, const std::string& body, bool new_dialog) override;
+  void OnEnd(long id, int status, const std::string& reason) override;
+
+ private:
+  struct Follower;
+
+  int OnSubscribe(CXML& in, CXML& out);
+  int OnDesubscribe(CXML& in);
+  int OnLogSwitch(CXML& in);
+  bool Close(long id);
+  [[nodiscard]] std::shared_ptr<Follower> Find(long id);
+  void Log(int level, const char* function, int line, const std::string& text) const noexcept;
+
+  std::mutex mutex_;
+  std::condition_variable none_left_;
+  std::unordered_map<long, std::shared_ptr<Follower>> followers_;  // by subscription id
+  std::unordered_map<std::string, long> newest_;                   // by address of record
+  std::atomic<ILogOne*> log_{nullptr};
+};
+
+}  // namespace subscription
