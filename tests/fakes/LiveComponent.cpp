@@ -35,7 +35,7 @@ class Call {
   }
 };
 
-int Command(int id, CXML& in, CXML& out) {
+int Send(int id, CXML& in, CXML& out) {
   const Call call;
   return TOLVANE_XSCCmdCallBack(id, &in, &out);
 }
@@ -52,6 +52,7 @@ LiveComponent::LiveComponent(std::chrono::milliseconds t1) {
   config.t1 = t1;
   config.t2 = 8 * t1;
   config.t4 = t1;
+  if (on_trace != nullptr) config.trace = on_trace;
   std::string error;
   EXPECT_EQ(sipcarrier::Start(config, error), 0) << error;
   for (const int id : kNotifications) XSSubNotify(REG_BUS_IDENTITY, id, OnNotification);
@@ -72,18 +73,22 @@ int LiveComponent::Register(const std::string& registrar, int expires, bool rere
             (reregister ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>" : "") +
             "</reg>");
   CXML out;
-  if (Command(3, in, out) != 0) return -1;
+  if (Send(3, in, out) != 0) return -1;
   out.ResetPos();
   out.FindElem("reg");
   out.IntoElem();
   return out.FindElem("id") != 0 ? std::stoi(out.GetData()) : -1;
 }
 
-int LiveComponent::Deregister(int id, bool no_send) {
+int LiveComponent::Command(int id, const std::string& document) {
   CXML in;
-  in.SetDoc("<reg><id>" + std::to_string(id) + "</id><nosend>" + (no_send ? "1" : "0") + "</nosend></reg>");
+  in.SetDoc(document);
   CXML out;
-  return Command(4, in, out);
+  return Send(id, in, out);
+}
+
+int LiveComponent::Deregister(int id, bool no_send) {
+  return Command(4, "<reg><id>" + std::to_string(id) + "</id><nosend>" + (no_send ? "1" : "0") + "</nosend></reg>");
 }
 
 void LiveComponent::PumpFor(std::chrono::milliseconds time) {

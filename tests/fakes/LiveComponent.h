@@ -18,6 +18,8 @@ class LiveComponent {
   LiveComponent(const LiveComponent&) = delete;
   LiveComponent& operator=(const LiveComponent&) = delete;
 
+  // The result of a command whose answer, if there is one, is of no interest.
+  static int Command(int id, const std::string& document);
   // A registration through the command; its id, or -1.
   static int Register(const std::string& registrar, int expires, bool reregister = false);
   // The command's result.
@@ -40,6 +42,8 @@ class LiveComponent {
   // Told when a call goes into the component or the loop, and when it is back: for tests that count
   // memory.
   static inline void (*on_call)(bool inside) = nullptr;
+  // Told each message on the wire, on the I/O thread; set before the component is made.
+  static inline void (*on_trace)(const sipcarrier::TraceRecord& record) = nullptr;
 };
 
 }  // namespace fakes

@@ -38,6 +38,7 @@ class WorkDir {
     std::ofstream(path_ / "new", std::ios::binary) << text;
     std::filesystem::rename(path_ / "new", path_ / "TOLVANE.xml");
   }
+  [[nodiscard]] const std::filesystem::path& Path() const { return path_; }
   [[nodiscard]] std::string Read(const std::string& name = "Tolvane.log") const {
     std::ifstream in(path_ / name, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};

@@ -1,5 +1,6 @@
 // Many registrations at once against a registrar that answers late, twice, out of order or not at
-// all; and garbage on the wire beside a registration.
+// all; garbage on the wire beside a registration; templates on the wire, also while log and
+// configuration change.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -7,19 +8,26 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstring>
 #include <random>
+#include <set>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "LiveComponent.h"
 #include "Register.h"
+#include "RegLog.h"
 #include "sivra/sivra.h"
 #include "WirePeer.h"
+#include "WorkDir.h"
 
 namespace {
 
 using fakes::LiveComponent;
 using fakes::WirePeer;
+using fakes::WorkDir;
 using namespace std::chrono_literals;
 
 // A host's thread: registers and deregisters as fast as it can, keeps some to be refreshed, leaves
@@ -169,6 +177,204 @@ TEST(ComponentWire, GarbageDisturbsNobody) {
   EXPECT_EQ(LiveComponent::heard[2], 0);
   EXPECT_EQ(LiveComponent::Deregister(id), 0);
   EXPECT_TRUE(LiveComponent::PumpUntil([] { return LiveComponent::heard[1] == 1; }, 2s));
+}
+
+constexpr int kSettings = 0x10000;
+constexpr int kLogSwitch = 0x10004;
+constexpr int kReadConf = 2;
+
+// What the peer of a registration reads.
+class Listener {
+ public:
+  Listener() {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address_;
+    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address_), size), 0);
+    getsockname(socket_, reinterpret_cast<sockaddr*>(&address_), &size);
+    const timeval limit{2, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  }
+  ~Listener() { close(socket_); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  [[nodiscard]] std::string Uri() const { return "sip:127.0.0.1:" + std::to_string(ntohs(address_.sin_port)); }
+  // The next datagram; empty when none comes.
+  [[nodiscard]] std::string Receive() const {
+    std::array<char, 4096> text{};
+    const ssize_t size = recv(socket_, text.data(), text.size(), 0);
+    return {text.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+  }
+
+ private:
+  int socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address_{};
+};
+
+TEST(ComponentWire, TemplatesAndWhatTheyCannotCarry) {
+  const WorkDir dir;
+  struct Case {
+    const char* children;
+    bool leaves;
+    const char* lines;  // of the message, in one piece
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"<aor>sip:alice@example.com</aor><displayname>Alice</displayname><expires>600</expires>"
+       "<user-agent>own</user-agent>", true,
+       "\r\nX-First: sip:alice@example.com\r\nX-Name: (Alice)\r\nX-Literal: ${x}\r\nExpires: 600\r\n"
+       "User-Agent: own\r\nX-Last: 1\r\n"},
+      {"<aor>sip:a&#13;&#10;X-Injected: 1@b</aor>", false, ""},
+      {"<aor>sip:a%0d%0aX-Injected@b</aor>", true, "\r\nX-First: sip:a%0d%0aX-Injected@b\r\nX-Literal"},
+      {"<aor>sip:a@b</aor><displayname>A&#13;&#10;X-Injected: 1</displayname>", false, ""},
+      {"<aor>sip:a@b</aor><displayname>\"A&#13;&#10;X-Injected: 1\" </displayname>", false, ""},
+      {"<aor>sip:a@b</aor><displayname>&lt;sip:b@c&gt;&#10;X-Injected: 1</displayname>", false, ""},
+      {"<aor>sip:a@b</aor><expires>600</expires><user-agent>A&#13;&#10;X-Injected: 1</user-agent>", true,
+       "\r\nExpires: 600\r\nUser-Agent: template\r\n"},
+  };
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.children);
+    const Listener listener;
+    const LiveComponent component(1ms);
+    dir.Template(
+        "X-First: ${local-uri}\nX-Name: (${display-name})\nX-Literal: $${x}\nexpires: 3600\n"
+        "User-Agent: template\nX-Last: 1");
+    EXPECT_EQ(LiveComponent::Command(kSettings, dir.Settings()), 0);
+    LiveComponent::Command(kReadConf, "");
+    dir.Template("X-Last: 1&#13;&#10;X-Injected: 1");  // refused, and the former one stays
+    LiveComponent::Command(kReadConf, "");
+    const int result = LiveComponent::Command(
+        3, "<reg>" + std::string(c.children) + "<registrar>" + listener.Uri() + "</registrar></reg>");
+    EXPECT_EQ(result, c.leaves ? 0 : -1);
+    if (!c.leaves) continue;
+    const std::string text = listener.Receive();
+    EXPECT_NE(text.find(c.lines), std::string::npos) << text;
+    EXPECT_EQ(text.find("\nX-Injected"), std::string::npos) << text;
+  }
+}
+
+// Takes a log's file apart; false where it is not made of whole lines and records. The texts of the
+// loggers below are "@thread number line".
+bool ReadLog(std::string_view all, std::array<std::set<int>, 2>& seen) {
+  const auto line = [&all] {
+    const std::string_view found = all.substr(0, all.find("\r\n"));
+    all.remove_prefix(std::min(all.size(), found.size() + 2));
+    return found;
+  };
+  while (!all.empty()) {
+    const std::string_view head = line();
+    if (head.starts_with("Begin Time:")) continue;
+    const auto parts = std::count(head.begin(), head.end(), '[');
+    if (!head.starts_with("[20") || parts != 4 || !head.ends_with(']')) return false;
+    if (head.ends_with("[Enter]") || head.ends_with("[Leave]")) continue;
+    if (line() != "Content:") return false;
+    const std::string_view text = line();
+    if (!text.starts_with('@')) continue;
+    const std::string place(head.substr(head.find(".cpp:") + 5));
+    int thread = 0;
+    int number = 0;
+    int at = 0;
+    if (std::sscanf(std::string(text).c_str(), "@%d %d %d", &thread, &number, &at) != 3) return false;
+    const char* const word = number % 2 == 0 ? "[War]" : "[Err]";
+    if (std::stoi(place) != at || !head.ends_with(word)) return false;
+    if (!seen[static_cast<std::size_t>(thread)].insert(number).second) return false;
+  }
+  return true;
+}
+
+std::atomic<int> g_configured{0};
+std::atomic<int> g_mixed{0};
+
+// A REGISTER has all of one template, whichever it is.
+void WatchTemplates(const sipcarrier::TraceRecord& record) {
+  if (!record.sent) return;
+  const auto value = [&](std::string_view name) {
+    const auto at = record.text.find(name);
+    return at != std::string_view::npos ? record.text.substr(at + name.size(), 2) : std::string_view();
+  };
+  ++(value("\r\nX-A: ").empty() ? g_mixed : g_configured);
+  if (value("\r\nX-A: ") != value("\r\nX-B: ")) ++g_mixed;
+}
+
+TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
+  const auto end = std::chrono::steady_clock::now() + 3s;
+  const auto goes_on = [end] { return std::chrono::steady_clock::now() < end; };
+  const WorkDir dir;
+  WirePeer peer({.drop = 5, .late = 10});
+  LiveComponent::on_trace = WatchTemplates;
+  std::array<std::vector<int>, 2> owed;  // numbers of records that met an open log
+  std::array<std::set<int>, 2> seen;
+  {
+    LiveComponent component;
+    const auto configure = [&](int n) {
+      dir.Template("X-A: " + std::to_string(n % 10) + "\nX-B: " + std::to_string(n % 10));
+      EXPECT_EQ(LiveComponent::Command(kSettings, dir.Settings()), 0);
+      EXPECT_EQ(LiveComponent::Command(kReadConf, ""), 0x40000002);
+    };
+    const auto on = [&](unsigned n, const char* attributes) {
+      EXPECT_EQ(LiveComponent::Command(kLogSwitch, dir.LogOn(attributes, std::to_string(n % 3))), 0);
+    };
+    configure(0);
+    std::atomic<unsigned> epoch{1};  // even: the log is open and awake
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < 2; ++i) {
+      threads.emplace_back([&peer, i] { Commander(i + 21, peer.Uri()).Run(3s); });
+      threads.emplace_back([&, i] {
+        for (int n = 0; goes_on(); ++n) {
+          const unsigned before = epoch;
+          // clang-format off
+          if (n % 2 == 0) { REG_LOG(E_LOG_WARNING, "@%u %d %d", i, n, __LINE__); }
+          else { REG_LOG(E_LOG_ERROR, "@%u %d %d", i, n, __LINE__); }
+          // clang-format on
+          if (before % 2 == 0 && epoch == before) owed[i].push_back(n);
+          if (n % 4 == 0) std::this_thread::sleep_for(500us);
+        }
+      });
+    }
+    threads.emplace_back([&] {
+      for (unsigned n = 1; goes_on(); ++n) {
+        on(n, "level=\"2\" max-size=\"1\" file-count=\"1000\"");
+        std::this_thread::sleep_for(200us);
+      }
+    });
+    threads.emplace_back([&] {
+      for (int n = 1; goes_on(); ++n) {
+        configure(n);
+        std::this_thread::sleep_for(1ms);
+      }
+    });
+    for (unsigned n = 0; goes_on(); ++n) {
+      on(n, "level=\"3\" max-size=\"1\" file-count=\"1000\"");
+      ++epoch;
+      std::this_thread::sleep_for(2ms);
+      on(n, "level=\"1\"");
+      std::this_thread::sleep_for(2ms);
+      ++epoch;
+      if (n % 4 == 0) {
+        on(n, "pause=\"1\"");
+        on(n, "pause=\"0\"");
+      }
+      EXPECT_EQ(LiveComponent::Command(kLogSwitch, WorkDir::kLogOff), 0);
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(LiveComponent::Command(kLogSwitch, WorkDir::kLogOff), 0);
+  }
+  LiveComponent::on_trace = nullptr;
+  int files = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.Path())) {
+    if (!entry.path().filename().string().ends_with("Tolvane.log")) continue;
+    EXPECT_TRUE(ReadLog(dir.Read(entry.path()), seen)) << entry.path();
+    ++files;
+  }
+  EXPECT_GE(files, 3);
+  for (std::size_t i = 0; i < owed.size(); ++i) {
+    EXPECT_GT(owed[i].size(), 1000u);
+    for (const int n : owed[i]) ASSERT_TRUE(seen[i].contains(n)) << n;
+  }
+  EXPECT_GT(g_configured, 300);
+  EXPECT_EQ(g_mixed, 0);
+  EXPECT_EQ(CRegister::s_nAlive, 0);
 }
 
 }  // namespace
