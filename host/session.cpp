@@ -112,9 +112,9 @@ void Session::ReloadConfig() {
   for (const std::string& fault : reading.faults) {
     Remark("Not read anew, the former templates stay: " + fault);
   }
-  if (reading.faults.empty()) {
-    listener_.OnAnswer(std::chrono::system_clock::now(), bus_.ReadConfig());
-  }
+  // Faults or not: the component finds them, too, and tells its log.
+  const Answer answer = bus_.ReadConfig();
+  if (reading.faults.empty()) listener_.OnAnswer(std::chrono::system_clock::now(), answer);
 }
 
 void Session::Loop() {

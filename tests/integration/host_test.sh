@@ -398,7 +398,7 @@ HEADERS
 
   echo "read anew under way"
   write_config '<header name="X-Version">1</header>'
-  start_tolvane anew --work-dir "$dir/conf" --trace --json --expires 2
+  start_tolvane anew --work-dir "$dir/conf" --trace --json --expires 2 --log-dir log --log-level 0
   wait_for 10 '"id":4096' anew.out
   write_config '<header name="X-Version">2</header>'
   kill -HUP "$tolvane_pid"
@@ -413,10 +413,11 @@ HEADERS
   wait_exit 15 "$tolvane_pid"
   expect_status 0 "templates read anew"
   expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" anew.err "the fault"
+  expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" log/Tolvane.log "the fault in the log"
   expect_line '"direction":"sent".*X-Version: 1\\r' anew.out "the first template"
   (($(grep -c 'X-Version: 2' anew.out) > before)) || fail "the former templates do not apply behind a faulty file"
   ! grep -q 'X-Version: 3' anew.out || fail "a faulty file is in force"
-  [[ $(grep -c '"command":2,"result":1073741826,' anew.out) == 2 ]] || fail "a faulty file is read by the component"
+  [[ $(grep -c '"command":2,"result":1073741826,' anew.out) == 2 ]] || fail "other answers than to the two good files"
 
   echo "nothing is injected"
   write_config '<header name="X-Account">${local-uri} ${display-name}</header>'
