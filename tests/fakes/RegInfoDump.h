@@ -7,74 +7,51 @@
 
 #include "registrationpackage.h"
 
-namespace fakes {
-
-struct OpenElement : CElement {
-  using CElement::m_oXml;
-};
-struct OpenParam : CUnknownParam {
-  using CUnknownParam::m_strValue;
-};
-struct OpenName : CDisplayName {
-  using CDisplayName::m_strDisplayName, CDisplayName::m_strLang;
-};
-struct OpenUri : CUri {
-  using CUri::m_strUri;
-};
-struct OpenContact : CContact {
-  using CContact::m_pUri, CContact::m_pDisplayName, CContact::m_strExpires, CContact::m_strRetryAfter, CContact::m_strQ;
-  using CContact::m_strCallId, CContact::m_strCSeq, CContact::m_strData, CContact::m_strDurationRegistered;
-};
-struct OpenInfo : CRegInfo {
-  using CRegInfo::m_strXmlns, CRegInfo::m_strXmlnsXsi;
-};
-
-inline std::string Document(const CElement& e) { return (e.*&OpenElement::m_oXml).GetDoc(); }
-
-inline std::string Dump(const CUri& e) { return e.*&OpenUri::m_strUri; }
-inline std::string Dump(const CDisplayName& e) {
-  return e.*&OpenName::m_strDisplayName + "/" + e.*&OpenName::m_strLang;
-}
-inline std::string Dump(const CUnknownParam& e) { return e.GetName() + "=" + e.*&OpenParam::m_strValue; }
-
-inline std::string Dump(const CContact& e, bool documents = false) {
-  static constexpr std::pair<const char*, std::string CContact::*> kFields[] = {
-      {" expires=", &OpenContact::m_strExpires},
-      {" retry=", &OpenContact::m_strRetryAfter},
-      {" duration=", &OpenContact::m_strDurationRegistered},
-      {" q=", &OpenContact::m_strQ},
-      {" callid=", &OpenContact::m_strCallId},
-      {" cseq=", &OpenContact::m_strCSeq},
-      {" data=", &OpenContact::m_strData}};
-  const auto document = [&](const CElement& element) { return documents ? "[" + Document(element) + "]" : ""; };
-  std::string text = document(e) + e.GetId() + " " + e.GetState() + " " + e.GetEvent();
-  for (const auto& [name, field] : kFields) {
-    if (!(e.*field).empty()) text += name + e.*field;
+struct RegInfoDump {
+  static std::string Of(const CElement& e, bool documents = false) {
+    const std::string document = documents ? "[" + Document(e) + "]" : "";
+    if (const auto* uri = dynamic_cast<const CUri*>(&e)) return document + "<" + uri->m_strUri + ">";
+    if (const auto* name = dynamic_cast<const CDisplayName*>(&e))
+      return document + name->m_strDisplayName + "/" + name->m_strLang;
+    if (const auto* param = dynamic_cast<const CUnknownParam*>(&e))
+      return document + param->m_strName + "=" + param->m_strValue;
+    if (const auto* contact = dynamic_cast<const CContact*>(&e)) return document + Contact(*contact, documents);
+    if (const auto* info = dynamic_cast<const CRegInfo*>(&e)) {
+      return document + info->m_strXmlns + " " + info->m_strXmlnsXsi + " " + info->m_strState + " " +
+             Registrations(*info, documents);
+    }
+    const auto& registration = dynamic_cast<const CRegistration&>(e);
+    std::string text =
+        document + registration.m_strId + " " + registration.m_strAor + " " + registration.m_strState + " {";
+    for (int i = 0; const CContact* contact = registration.GetContact(i); ++i) text += Of(*contact, documents) + "; ";
+    return text + "}";
   }
-  const CUri* uri = (e.*&OpenContact::m_pUri).Get();
-  if (uri != nullptr) text += " <" + document(*uri) + Dump(*uri) + ">";
-  const CDisplayName* name = (e.*&OpenContact::m_pDisplayName).Get();
-  if (name != nullptr) text += " " + document(*name) + Dump(*name);
-  for (int i = 0; const CUnknownParam* param = e.GetUnknownParam(i); ++i) text += " " + document(*param) + Dump(*param);
-  return text;
-}
 
-inline std::string Dump(const CRegistration& e, bool documents = false) {
-  std::string text = (documents ? Document(e) : "") + e.GetId() + " " + e.GetAor() + " " + e.GetState() + " {";
-  for (int i = 0; const CContact* contact = e.GetContact(i); ++i) text += Dump(*contact, documents) + "; ";
-  return text + "}";
-}
+  static std::string Contact(const CContact& e, bool documents) {
+    std::string text = e.m_strId + " " + e.m_strState + " " + e.m_strEvent;
+    for (const auto& [name, field] : {std::pair<const char*, const std::string&>{"expires", e.m_strExpires},
+                                      {"retry", e.m_strRetryAfter},
+                                      {"duration", e.m_strDurationRegistered},
+                                      {"q", e.m_strQ},
+                                      {"callid", e.m_strCallId},
+                                      {"cseq", e.m_strCSeq},
+                                      {"data", e.m_strData}}) {
+      if (!field.empty()) text += std::string(" ") + name + "=" + field;
+    }
+    if (e.m_pUri.Get() != nullptr) text += " " + Of(*e.m_pUri.Get(), documents);
+    if (e.m_pDisplayName.Get() != nullptr) text += " " + Of(*e.m_pDisplayName.Get(), documents);
+    for (int i = 0; const CUnknownParam* param = e.GetUnknownParam(i); ++i) text += " " + Of(*param, documents);
+    return text;
+  }
 
-// Of a table as well.
-template <typename Registrations>
-std::string DumpRegistrations(const Registrations& from, bool documents = false) {
-  std::string text = from.GetVersion() + " ";
-  for (int i = 0; const CRegistration* reg = from.GetRegistration(i); ++i) text += Dump(*reg, documents);
-  return text;
-}
-inline std::string Dump(const CRegInfo& e, bool documents = false) {
-  return (documents ? Document(e) : "") + e.*&OpenInfo::m_strXmlns + " " + e.*&OpenInfo::m_strXmlnsXsi + " " +
-         e.GetState() + " " + DumpRegistrations(e, documents);
-}
+  // Of a document or a table.
+  template <typename Holder>
+  static std::string Registrations(const Holder& holder, bool documents = false) {
+    std::string text = holder.GetVersion() + " ";
+    for (int i = 0; const CRegistration* registration = holder.GetRegistration(i); ++i)
+      text += Of(*registration, documents);
+    return text;
+  }
 
-}  // namespace fakes
+  static std::string Document(const CElement& e) { return e.m_oXml.GetDoc(); }
+};

@@ -30,6 +30,20 @@ void Walk(const std::string& text, int& budget) {
     while (budget > 0 && xml.FindChildElem(name.c_str()) != 0) {
       const std::string child = xml.GetChildSubDoc();
       Must(text.find(child) != std::string::npos && child.rfind("<" + name, 0) == 0, "it is a part");
+      CXML part = xml.GetChildDoc();
+      CXML alone;
+      alone.SetDoc(child);
+      for (CXML* one : {&part, &alone}) {
+        Must(one->FindElem(name.c_str()) != 0 && one->FindElem(name.c_str()) == 0, "a root stands alone");
+        one->FindChildElem(name.c_str());
+        Must(one->GetAttrib(alone.GetAttribName(0).c_str()) == alone.GetAttrib(part.GetAttribName(0).c_str()),
+             "attributes");
+      }
+      Must(part.GetData() == alone.GetData() && part.GetChildSubDoc() == alone.GetChildSubDoc(),
+           "a part is read alike");
+      part.AddChildElem("added", "&", 0);
+      alone.AddChildElem("added", "&", 0);
+      Must(part.GetDoc() == alone.GetDoc() && xml.GetDoc() == text, "a part is written alike");
       Walk(child, budget);
     }
     if (xml.FindElem(name.c_str()) == 0) continue;

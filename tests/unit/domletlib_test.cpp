@@ -33,6 +33,13 @@ std::string Walk(CXML& xml, const std::string& steps) {
   return seen;
 }
 
+// The same as a part of a larger document.
+CXML Part(const std::string& text) {
+  CXML whole = Read("<w>&#9;<r a='no'>&amp;</r>" + text + "<r>no</r></w>");
+  EXPECT_TRUE(whole.FindChildElem("r") != 0 && whole.FindChildElem("r") != 0);
+  return whole.GetChildDoc();
+}
+
 std::string Repeated(std::string_view text, int count) {
   std::string all;
   for (int i = 0; i < count; ++i) all += text;
@@ -53,10 +60,11 @@ TEST(Read, Positions) {
       {children, "/r > c /d c", "|none||<c>x</c>|"}};  // no main element, no children
   // clang-format on
   for (const auto& c : cases) {
-    CXML xml;
-    xml.SetDoc(c.text);
-    EXPECT_EQ(xml.GetChildSubDoc() + xml.GetAttrib("a"), "");
-    EXPECT_EQ(Walk(xml, c.steps), c.seen) << c.steps;
+    for (CXML xml : {c.text.empty() ? CXML() : Read(c.text), c.text.empty() ? CXML().GetChildDoc() : Part(c.text)}) {
+      EXPECT_EQ(xml.GetChildSubDoc() + xml.GetAttrib("a"), "");
+      EXPECT_EQ(Walk(xml, c.steps), c.seen) << c.steps;
+      EXPECT_EQ(xml.GetDoc(), c.text);
+    }
   }
 }
 
@@ -68,10 +76,13 @@ TEST(Read, TextAndAttributes) {
       {"1\r\n2\r3&#13;<![CDATA[<x>&amp;]]>", "1\n2\n3\r<x>&amp;"},
       {Repeated("<x>y</x>z", 3000), std::string(3000, 'z')}};
   for (const auto& [inside, text] : cases) {
-    CXML xml = Read("<r b='' x:a=\"1&quot;&lt;\t2\">" + inside + "</r>");
-    EXPECT_EQ(Walk(xml, "/r"), text + "|");
-    EXPECT_EQ(xml.GetAttrib("x:a") + xml.GetAttrib("b") + xml.GetAttrib("a"), "1\"< 2");
-    EXPECT_TRUE(xml.FindAttrib("b") != 0 && xml.FindAttrib("a") == 0);
+    const std::string document = "<r b = '' c='&apos;\"' x:a\n=\"1&quot;&lt;\t2\" d='>'>" + inside + "</r>";
+    for (CXML xml : {Read(document), Part(document)}) {
+      EXPECT_EQ(Walk(xml, "/r"), text + "|");
+      EXPECT_EQ(xml.GetAttrib("x:a") + xml.GetAttrib("b") + xml.GetAttrib("a") + xml.GetAttrib("c"), "1\"< 2'\"");
+      EXPECT_EQ(xml.GetAttribName(2) + xml.GetAttrib("d") + xml.GetAttribName(4), "x:a>");
+      EXPECT_TRUE(xml.FindAttrib("b") != 0 && xml.FindAttrib("a") == 0);
+    }
   }
 }
 
@@ -145,6 +156,23 @@ TEST(Write, IsReadLikeAParsedDocument) {
   }
   EXPECT_EQ(xml.GetDoc(), "<r><id>-2147483648</id><_n-1.b:c></_n-1.b:c></r>");
   EXPECT_EQ(Walk(xml, ". id /r"), "<id>-2147483648</id>||");
+}
+
+// Writing to a part makes it a document of its own, which goes on where the part was; so does letting the whole go.
+TEST(Write, IntoAPartOfADocument) {
+  CXML whole = Read("<w><r x='&lt;'>&amp;<a>&gt;</a><b y='&lt;'/></r><b/></w>");
+  Walk(whole, "/w r");
+  CXML part = whole.GetChildDoc();
+  for (CXML xml : {part, part}) {
+    EXPECT_EQ(Walk(xml, "/r a"), "&|<a>&gt;</a>|");
+    xml.AddChildElem("b", "<", 0);
+    EXPECT_EQ(xml.GetAttrib("x") + xml.GetData() + xml.GetChildSubDoc(), "<&<a>&gt;</a>");
+    EXPECT_EQ(Walk(xml, "b b b > /a /b"), "<b y='&lt;'/>|<b>&lt;</b>|none|>||");
+    EXPECT_EQ(xml.GetAttrib("y") + xml.GetDoc(), "<<r x='&lt;'>&amp;<a>&gt;</a><b y='&lt;'/><b>&lt;</b></r>");
+    whole.AddChildElem("c", "", 0);
+  }
+  EXPECT_EQ(Walk(whole, ". b c c c") + part.GetDoc(),
+            "<b/>|<c></c>|<c></c>|none|<r x='&lt;'>&amp;<a>&gt;</a><b y='&lt;'/></r>");
 }
 
 TEST(Write, NoValueMakesTheDocumentUnreadable) {

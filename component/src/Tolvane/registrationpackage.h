@@ -45,6 +45,7 @@ class CElement {
   void Trim() noexcept { m_oXml.Trim(); }
 
  protected:
+  friend struct RegInfoDump;  // for tests, here and below: some fields have no reader
   // Fills the fields from m_oXml. Throws std::bad_alloc.
   virtual int Read() { return 1; }
   // What the classes' Parse and Update do alike.
@@ -70,7 +71,8 @@ class CUnknownParam : public CElement {
   const std::string& GetName() const { return m_strName; }
   const std::string& Key() const { return m_strName; }
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strName;
@@ -84,7 +86,8 @@ class CDisplayName : public CElement {
   void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
   void Merge(CDisplayName&& oNewer) noexcept;
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strDisplayName;
@@ -98,7 +101,8 @@ class CUri : public CElement {
   void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
   void Merge(CUri&& oNewer) noexcept;
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strUri;
@@ -128,7 +132,8 @@ class CContact : public CElement {
   void ClearUnknownParams() { m_vecUnknownParam.Clear(); }
   void Trim() noexcept;
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strId;
@@ -168,7 +173,8 @@ class CRegistration : public CElement {
   void ClearContacts() { m_vecContact.Clear(); }
   void Trim() noexcept;
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strAor;
@@ -202,7 +208,8 @@ class CRegInfo : public CElement {
   void RemoveTerminated();
   void Trim() noexcept;
 
- protected:
+ private:
+  friend struct RegInfoDump;
   int Read() override;
 
   std::string m_strVersion = "-1";
