@@ -100,6 +100,7 @@ template <class Value>
 void DescribeManner(CLI::App& app, const char* name, Value& value, const char* what,
                     const std::vector<std::pair<std::string, Value>>& words) {
   std::vector<std::string> names;
+  names.reserve(words.size());
   for (const auto& [word, meaning] : words) names.push_back(word);
   app.add_option_function<std::string>(
          name,

@@ -83,10 +83,10 @@ Answer Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
   if (nsip_generic_param_get_byname(request.to->params, "tag", &tag) == 0) {
     return Refresh(request, seconds, now);
   }
-  return Begin(request, std::string(event), seconds, now);
+  return Begin(request, event, seconds, now);
 }
 
-Answer Notifier::Begin(const nsip_message& request, std::string event, int seconds,
+Answer Notifier::Begin(const nsip_message& request, std::string_view event, int seconds,
                        Clock::time_point now) {
   Peer target;
   if (!Subscription::FindTarget(request, family_, target)) {
@@ -100,7 +100,7 @@ Answer Notifier::Begin(const nsip_message& request, std::string event, int secon
   }
   std::string tag = RandomHex(8);
   Subscription& subscription =
-      subscriptions_.try_emplace(tag, request, target, aor, std::move(event), tag, own_uri_)
+      subscriptions_.try_emplace(tag, request, target, aor, std::string(event), tag, own_uri_)
           .first->second;
   try {
     by_aor_[aor].push_back(&subscription);

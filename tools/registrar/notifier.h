@@ -52,7 +52,7 @@ class Notifier {
   [[nodiscard]] const RegEventCounters& counters() const { return counters_; }
 
  private:
-  [[nodiscard]] Answer Begin(const nsip_message& request, std::string event, int seconds,
+  [[nodiscard]] Answer Begin(const nsip_message& request, std::string_view event, int seconds,
                              Clock::time_point now);
   [[nodiscard]] Answer Refresh(const nsip_message& request, int seconds, Clock::time_point now);
   [[nodiscard]] Answer Accepted(Subscription& subscription, int seconds, Clock::time_point now);

@@ -61,7 +61,7 @@ void ExpectEnd(std::string_view rest) {
 }
 
 std::string AorOf(std::string_view& rest) {
-  const std::string aor(Word(rest));
+  std::string aor(Word(rest));
   nsip_uri uri;
   if (!nsip_uri_parse(aor, uri))
     Fail("an address of record is missing, such as sip:alice@a.example");
