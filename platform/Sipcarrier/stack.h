@@ -26,7 +26,8 @@ struct IoTimer::Impl final : Hook<IoTimerTag>, TimerSink {
 };
 
 // From one Start to the next Stop. Open and Stop: one thread at a time. Submit, and what server()
-// gives but for its handlers: the I/O thread. The rest: any thread, as long as it holds a reference.
+// gives but for its handlers: the I/O thread. The rest: any thread, as long as it holds a
+// reference.
 class Stack final : LoopClient, TimerSink {
  public:
   explicit Stack(const Config& config);  // may throw
