@@ -52,9 +52,9 @@ void Express(int notification, long id,
   CXML document;
   document.AddElem("sub", nullptr, 0);
   document.AddChildElem("id", static_cast<int>(id), 0);
-  for (const auto& [name, text] : children) document.AddChildElem(name, text, 0);
+  for (const auto& child : children) document.AddChildElem(child.first, child.second, 0);
   document.ResetPos();
-  XSExpressNotify(kIdentity, notification, &document, nullptr);
+  if (XSExpressNotify(kIdentity, notification, &document, nullptr) != XS_OK) throw std::bad_alloc();
 }
 
 std::string Name(long id) { return "subscription " + std::to_string(id); }
@@ -97,8 +97,10 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
   std::string key = KeyOf(info.to);
   if (key.empty()) return -1;
 
-  // Whatever fails, fails before there is a subscription that nobody knows.
-  auto follower = std::make_shared<Follower>(info.to, key);
+  // Whatever fails, fails before there is a subscription that nobody knows: its row is made first.
+  decltype(followers_) rows;
+  rows.emplace(0, std::make_shared<Follower>(info.to, key));
+  auto row = rows.extract(0);
   long former = 0;
   long id = -1;
   {
@@ -107,7 +109,8 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
     const auto newest = newest_.try_emplace(std::move(key), 0).first;
     id = sivra::Subscribe(info, weak_from_this().lock());
     if (id > 0) {
-      followers_.emplace(id, std::move(follower));
+      row.key() = id;
+      followers_.insert(std::move(row));
       former = std::exchange(newest->second, id);
     } else if (newest->second == 0) {
       newest_.erase(newest);
@@ -116,10 +119,15 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
   if (id < 0) return -1;
   // Two dialogs of one address of record would tell everything twice, and one of them for ever.
   if (former > 0) Close(former);
-  SUB_LOG(E_LOG_INFO, Name(id) + " begins: " + info.to);
-  out.AddElem("sub", nullptr, 0);
-  out.AddChildElem("id", static_cast<int>(id), 0);
-  out.ResetPos();
+  try {
+    SUB_LOG(E_LOG_INFO, (Name(id) + " begins: " + info.to).c_str());
+    out.AddElem("sub", nullptr, 0);
+    out.AddChildElem("id", static_cast<int>(id), 0);
+    out.ResetPos();
+  } catch (const std::bad_alloc&) {
+    Close(id);  // who does not hear its id cannot end it
+    throw;
+  }
   return 0;
 }
 
@@ -153,7 +161,8 @@ void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
     const auto result =
         follower->sequence.Process(body, new_dialog, sivra::RegisteredContacts(follower->address));
     if (result.full_wanted) {
-      SUB_LOG(E_LOG_WARNING, Name(id) + ": " + result.reason + "; a full document is asked for");
+      SUB_LOG(E_LOG_WARNING,
+              (Name(id) + ": " + result.reason + "; a full document is asked for").c_str());
       (void)sivra::RefreshSubscription(id);
     }
     if (result.verdict == ReginfoSequence::Verdict::kHandedOn) {
@@ -167,11 +176,12 @@ void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
 
 void Service::OnEnd(long id, int status, const std::string& reason) {
   try {
-    SUB_LOG(E_LOG_INFO, Name(id) + " has ended: " + reason +
-                            (status > 0 ? " (" + std::to_string(status) + ")" : ""));
     Express(kNotifyLife, id, {{"final", "SUB_STOP"}});
+    SUB_LOG(E_LOG_INFO, (Name(id) + " has ended: " + reason +
+                         (status > 0 ? " (" + std::to_string(status) + ")" : ""))
+                            .c_str());
   } catch (const std::bad_alloc&) {
-    SUB_LOG(E_LOG_ERROR, "an end is not told: memory");  // short enough for no memory
+    SUB_LOG(E_LOG_ERROR, "no memory to tell the end of a subscription");
   }
   const std::lock_guard lock(mutex_);
   const auto found = followers_.find(id);
@@ -211,10 +221,8 @@ void Service::Stop(std::chrono::milliseconds patience) {
   sivra::ForgetListener(this);
 }
 
-void Service::Log(int level, const char* function, int line,
-                  const std::string& text) const noexcept {
-  if (ILogOne* const log = log_)
-    log->PrintAt(level, function, __FILE__, line, "%s\n", text.c_str());
+void Service::Log(int level, const char* function, int line, const char* text) const noexcept {
+  if (ILogOne* const log = log_) log->PrintAt(level, function, __FILE__, line, "%s\n", text);
 }
 
 }  // namespace subscription

@@ -59,7 +59,7 @@ class Service final : public sivra::SubscriptionListener,
   int OnLogSwitch(CXML& in);
   bool Close(long id);
   [[nodiscard]] std::shared_ptr<Follower> Find(long id);
-  void Log(int level, const char* function, int line, const std::string& text) const noexcept;
+  void Log(int level, const char* function, int line, const char* text) const noexcept;
 
   std::mutex mutex_;
   std::condition_variable none_left_;

@@ -139,7 +139,7 @@ class CRegister {
   bool IsSubExchanging() const { return m_bSubExchanging; }
   void SetSubExchanging(bool bExchanging) { m_bSubExchanging = bExchanging; }
   bool HasLeftSubscription() const { return m_bSubLeft; }
-  void LeaveSubscription() { m_bSubLeft = true; }
+  void SetLeftSubscription(bool bLeft) { m_bSubLeft = bLeft; }
   int IsSubscribeEnabled() const { return m_bSubscribeEnabled; }
   void SetSubscribeEnabled(int bEnabled) { m_bSubscribeEnabled = bEnabled; }
   void SetRefreshEnabled(int bEnabled) { m_bRefreshEnabled = bEnabled; }

@@ -124,6 +124,7 @@ void CRegisterSipProcess::Subscribe(CRegister* pRegister, int nExpires) {
   oPending->nRegId = pRegister->GetRegId();
   oPending->pRegister = pRegister;
   pRegister->SetSubExchanging(true);
+  pRegister->SetLeftSubscription(false);  // what was said was said of an earlier one
   g_stSubPending.bSubscribed = true;
   QueueSubPending(oPending.Release());
 }
@@ -149,13 +150,13 @@ void CRegisterSipProcess::Desubscribe(int nRegId) {
     REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
     return;
   }
-  if (nSubscribeId > 0) pRegister->LeaveSubscription();
+  if (nSubscribeId > 0) pRegister->SetLeftSubscription(true);
 }
 
 void CRegisterSipProcess::KeepSubscription(int nRegId) {
   const CRegMgrLocker oLocker(*this);
   const auto itRegister = m_mapRegister.find(nRegId);
-  if (itRegister != m_mapRegister.end()) itRegister->second->LeaveSubscription();
+  if (itRegister != m_mapRegister.end()) itRegister->second->SetLeftSubscription(true);
 }
 
 // The subscription of a registration that leaves the registry. Nobody else would end it, and the
