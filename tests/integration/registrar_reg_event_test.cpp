@@ -144,13 +144,13 @@ TEST(RegEventTest, DocumentsFollowTheRequests) {
       "Contact: \"<&> \\\"\" <sip:b@127.0.0.1:7002;x=%22>;q=0.5;+sip.instance=\"<urn:a&b>\"\r\nExpires: 1\r\n";
   const std::string gone = "Contact: <sip:alice@127.0.0.1:7001>;expires=0\r\n";
   for (const auto& [documents, leaving] : {std::pair{Documents::kFull, Gone::kListed},
-                                           {Documents::kPartial, Gone::kListed},
+                                           {Documents::kPartial, Gone::kMissing},
                                            {Documents::kFull, Gone::kMissing}}) {
     Options options = Quick();
     options.reg_event.documents = documents;
     options.reg_event.gone = leaving;
     const bool full = documents == Documents::kFull;
-    const std::string listed = leaving == Gone::kListed ? "" : "!";
+    const std::string listed = leaving == Gone::kListed || !full ? "" : "!";
     const std::string others = full ? "" : "!";
     Watch watch(options);
     watch.Begin();
@@ -341,11 +341,11 @@ TEST(RegEventTest, AnswersToSubscribeByHandAndTheWaitForApproval) {
   watch.registrar.Add(script);
   watch.client.Send(watch.Subscription(1, ""));
   EXPECT_EQ(watch.client.Receive(100ms), "");
-  watch.Register(1, kPhone, 200);  // takes no script of another method
   script = {};
   script.method = "SUBSCRIBE";
   script.delay = 200ms;
   watch.registrar.Add(script);
+  watch.Register(1, kPhone, 200);  // takes no script of another method
   watch.client.Send(watch.Subscription(2, ""));
   const std::string early = watch.client.Receive();
   ExpectParts(early, {"NOTIFY ", "Subscription-State: pending;expires=3761\r\n", "Content-Length: 0", "!Content-Type"});
