@@ -211,6 +211,7 @@ std::vector<std::string> RegisteredContacts(const std::string& address_of_record
     });
   }
   std::vector<std::string> result;
+  result.reserve(contacts.size());
   for (auto& [id, contact] : contacts) {
     result.push_back(std::move(contact));
   }

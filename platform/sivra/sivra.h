@@ -52,11 +52,16 @@ namespace sivra {
 // --- subscriptions (RFC 6665), any event package -------------------------------------------------
 //
 // A subscription is a wish that lives until Unsubscribe or until it has ended for good: behind it
-// stands a SUBSCRIBE dialog, which is refreshed before it runs out and made anew when it was lost
-// (481, no answer, "deactivated", "probation", "timeout", "giveup"; RFC 6665 §4.1.3), with pauses
-// that grow. At the end of every Unsubscribe and of every end that the notifier meant (RFC 6665:
-// "rejected", "noresource", "invariant"; 403, 404, 489 ... to a SUBSCRIBE) OnEnd comes once, as the
-// listener's last call.
+// stands a SUBSCRIBE dialog, which is refreshed before it runs out and made anew when it was lost,
+// with pauses that grow. Lost: 481, 408, no answer, no NOTIFY within 64 * T1 of a SUBSCRIBE, a
+// grant that ran out because its refresh was refused (RFC 6665 §4.1.2.2), a NOTIFY "terminated"
+// that is not final. At the end of every Unsubscribe and of every end that the notifier meant OnEnd
+// comes once, as the listener's last call. What ends for good:
+//   NOTIFY "terminated" with "rejected", "noresource" or "invariant" (RFC 6665 §4.1.3);
+//   any 3xx-6xx to the SUBSCRIBE that was to make a dialog, but for 408, 480, 481, 486, 487, 491,
+//   500, 502-504, 600 and whatever comes with Retry-After: those are asked again (after that time,
+//   at most an hour). 401, 407 and 423 are answered first;
+//   Stop of the stack, without a word to the notifiers: OnEnd comes before Stop returns.
 
 struct SubscriptionInfo {
   std::string from;     // addr-spec or name-addr; names the credentials too

@@ -15,11 +15,11 @@ std::string StartLine(const std::string& text) { return text.substr(0, text.find
 // Notes "new BODY" or "BODY" of each NOTIFY and "end STATUS REASON", then runs `action`.
 class Listener final : public sivra::SubscriptionListener {
  public:
-  using Action = std::function<void(long id, const std::string& note)>;
+  using Action = std::function<void(long id)>;
   explicit Listener(Action action = nullptr) : action_(std::move(action)) {}
-  void OnNotify(long id, const std::string& body, bool anew) override { Note(id, (anew ? "new " : "") + body); }
+  void OnNotify(long id, const std::string& body, bool anew) override { Note(id, anew ? "new " : "", body); }
   void OnEnd(long id, int status, const std::string& reason) override {
-    Note(id, "end " + std::to_string(status) + " " + reason);
+    Note(id, status == 0 ? "end 0 " : "end " + std::to_string(status) + " ", reason);
   }
   // The first that has not been asked for yet; empty when there is none in time.
   std::string Next(milliseconds wait = 20s) {
@@ -28,15 +28,17 @@ class Listener final : public sivra::SubscriptionListener {
     return taken_ < size ? notes_[taken_++] : "";
   }
   std::atomic<std::size_t> size{0};
+  bool memory_fails = false;  // the caller's, not here
 
  private:
-  void Note(long id, const std::string& note) {
-    {
-      const std::lock_guard lock(mutex_);
-      notes_.push_back(note);
-      size = notes_.size();
-    }
-    if (action_) action_(id, note);
+  void Note(long id, const std::string& what, const std::string& rest) {
+    failing_new::TakePart(false);
+    std::unique_lock lock(mutex_);
+    notes_.push_back(what + rest);
+    size = notes_.size();
+    lock.unlock();
+    if (action_) action_(id);
+    failing_new::TakePart(memory_fails);
   }
   Action action_;
   std::mutex mutex_;
@@ -126,23 +128,30 @@ class SubscriptionTest : public testing::Test {
     ASSERT_EQ(sipcarrier::Start(config, error), 0) << error;
   }
   // A subscription up to its first NOTIFY; the SUBSCRIBE.
-  std::string Establish(const std::string& expires = "600", const std::string& state = "active") {
-    id_ = sivra::Subscribe(notifier_.Info(), listener_);
-    EXPECT_GT(id_, 0);
-    const std::string request = notifier_.Request();
-    notifier_.Accept(request, expires);
-    notifier_.Tell(request, state, "first");
+  std::string Establish() {
+    const std::string request = Begin();
+    notifier_.Accept(request);
+    notifier_.Tell(request, "active", "first");
     EXPECT_EQ(listener_->Next(), "new first");
     return request;
   }
-  static void ExpectAnew(const std::string& old, const std::string& request) {
+  // Up to its first SUBSCRIBE.
+  std::string Begin(int expires = 600, bool refresh = true) {
+    id_ = sivra::Subscribe(notifier_.Info(expires, refresh), listener_);
+    EXPECT_GT(id_, 0);
+    return notifier_.Request();
+  }
+  // The SUBSCRIBE of a dialog of its own.
+  std::string NextAnew(const std::string& old) {
+    std::string request = notifier_.Request();
     EXPECT_NE(HeaderLine(request, "Call-ID"), HeaderLine(old, "Call-ID"));
     EXPECT_TRUE(request.starts_with("SUBSCRIBE ") && !Has(HeaderLine(request, "To"), ";tag=")) << request;
-  }
-  std::string NextAnew(const std::string& old) {
-    const std::string request = notifier_.Request();
-    ExpectAnew(old, request);
     return request;
+  }
+  void ExpectAnswer(const std::string& notify, const std::string& status, const std::string& line = "CSeq") {
+    const std::string answer = notifier_.Ask(notify);
+    EXPECT_TRUE(answer.starts_with("SIP/2.0 " + status) && Has(answer, "\r\n" + line)) << answer << "\n to \n"
+                                                                                       << notify;
   }
 
   Notifier notifier_;
@@ -151,13 +160,11 @@ class SubscriptionTest : public testing::Test {
 };
 
 TEST_F(SubscriptionTest, TheLifeOfOne) {
-  id_ = sivra::Subscribe(notifier_.Info(), listener_);
-  std::string request = notifier_.Request();
+  std::string request = Begin();
   EXPECT_EQ(StartLine(request), "SUBSCRIBE sip:alice@" + notifier_.Place() + " SIP/2.0");
   EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ">");
-  EXPECT_EQ(HeaderLine(request, "Event") + HeaderLine(request, "Accept"),
-            "regapplication/reginfo+xml");
-  EXPECT_EQ(HeaderLine(request, "Expires") + "/" + HeaderLine(request, "Max-Forwards"), "600/70");
+  EXPECT_TRUE(Has(request, "\r\nMax-Forwards: 70\r\n"));
+  EXPECT_TRUE(Has(request, "\r\nEvent: reg\r\nAccept: application/reginfo+xml\r\nExpires: 600\r\n")) << request;
   const std::string call = HeaderLine(request, "Call-ID");
   const std::string from = HeaderLine(request, "From");
   notifier_.Answer(request, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
@@ -186,39 +193,31 @@ TEST_F(SubscriptionTest, TheLifeOfOne) {
   EXPECT_EQ(HeaderLine(refresh, "CSeq") + HeaderLine(refresh, "Expires"), "4 SUBSCRIBE700");
   EXPECT_TRUE(Has(HeaderLine(refresh, "Authorization"), "nc=00000003")) << refresh;
   notifier_.Answer(refresh, "200 OK", "Expires: 600\r\n");
-  notifier_.Tell(refresh, "active", "second");
-  EXPECT_EQ(listener_->Next(), "second");
 
   // The goodbye is challenged, too; what comes on the way is told.
   EXPECT_TRUE(sivra::Unsubscribe(id_));
-  request = notifier_.Request();
-  EXPECT_EQ(HeaderLine(request, "Expires"), "0");
-  notifier_.Answer(request, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
+  notifier_.Answer(notifier_.Request(), "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
   request = notifier_.Request();
   EXPECT_EQ(HeaderLine(request, "Expires"), "0");
   notifier_.Accept(request, "0");
-  notifier_.Tell(request, "active", "third");
-  EXPECT_EQ(listener_->Next(), "third");
+  notifier_.Tell(request, "active", "second");
+  EXPECT_EQ(listener_->Next(), "second");
   EXPECT_EQ(sivra::SubscriptionCount(), 1U);
   notifier_.Tell(request, "Terminated;reason=timeout", "last");
   EXPECT_EQ(listener_->Next(), "last");
   EXPECT_EQ(listener_->Next(), "end 0 timeout");
   EXPECT_FALSE(sivra::Unsubscribe(id_) || sivra::RefreshSubscription(id_));
-  EXPECT_TRUE(notifier_.Ask(notifier_.Notify(request, "active")).starts_with("SIP/2.0 481 "));
+  ExpectAnswer(notifier_.Notify(request, "active"), "481");
 }
 
 TEST_F(SubscriptionTest, ANotifyBeforeTheAnswerMakesTheDialogAndOtherForksHaveNone) {
-  id_ = sivra::Subscribe(notifier_.Info(), listener_);
-  std::string request = notifier_.Request();
+  std::string request = Begin();
   const std::string router = "sip:" + notifier_.Place();
-  EXPECT_TRUE(notifier_
-                  .Ask(Replaced(notifier_.Notify(request, "active", "first"), "CSeq",
-                                "Record-Route: <" + router + ";r=1>,<" + router + ";r=2;lr>\r\nCSeq"))
-                  .starts_with("SIP/2.0 200 "));
+  ExpectAnswer(Replaced(notifier_.Notify(request, "active", "first"), "CSeq",
+                        "Record-Route: <" + router + ";r=1>,<" + router + ";r=2;lr>\r\nCSeq"),
+               "200");
   EXPECT_EQ(listener_->Next(), "new first");
-  const std::string fork =
-      Replaced(notifier_.Notify(request, "terminated;reason=rejected", "fork"), "tag=n1", "tag=n2");
-  EXPECT_TRUE(notifier_.Ask(fork).starts_with("SIP/2.0 481 "));
+  ExpectAnswer(Replaced(notifier_.Notify(request, "terminated;reason=rejected", "fork"), "tag=n1", "tag=n2"), "481");
   notifier_.Answer(request, "200 OK", "Expires: 1\r\nContact: <sip:fork@127.0.0.1:9>\r\n", "n2");
   // A strict router stands in the Request-URI, the target behind the other routers.
   request = notifier_.Request();
@@ -234,7 +233,7 @@ TEST_F(SubscriptionTest, NotifiesThatAreRefusedChangeNothing) {
     const char* from;
     const char* to;
     const char* answer;
-    const char* header = "CSeq: 100 NOTIFY";
+    const char* line = "CSeq: 100 NOTIFY";
   } cases[] = {
       {"Call-ID: ", "Call-ID: x", "481"},
       {"To: ", "To: <sip:alice@a>;tag=x\r\nX: ", "481"},
@@ -251,64 +250,53 @@ TEST_F(SubscriptionTest, NotifiesThatAreRefusedChangeNothing) {
   };
   for (const auto& c : cases) {
     const std::string notify = notifier_.Notify(request, "terminated;reason=rejected", "foreign", 100);
-    const std::string answer = notifier_.Ask(Replaced(notify, c.from, c.to));
-    EXPECT_TRUE(answer.starts_with(std::string("SIP/2.0 ") + c.answer)) << c.to << "\n" << answer;
-    EXPECT_TRUE(Has(answer, std::string("\r\n") + c.header + "\r\n")) << c.to << "\n" << answer;
+    ExpectAnswer(Replaced(notify, c.from, c.to), c.answer, c.line);
   }
-  const std::string fine =
-      Replaced(notifier_.Notify(request, "pending", "fine", 7), "Content-Type: application/reginfo",
-               "Content-Encoding: Identity\r\nc: Application/RegInfo");
-  EXPECT_TRUE(notifier_.Ask(fine).starts_with("SIP/2.0 200 "));
+  ExpectAnswer(Replaced(notifier_.Notify(request, "pending", "fine", 7), "Content-Type: application/reginfo",
+                        "Content-Encoding: Identity\r\nc: Application/RegInfo"),
+               "200");
   EXPECT_EQ(listener_->Next(), "fine");
-  EXPECT_TRUE(notifier_.Ask(notifier_.Notify(request, "active", "old", 6)).starts_with("SIP/2.0 500 "));
+  ExpectAnswer(notifier_.Notify(request, "active", "old", 6), "500");
   EXPECT_EQ(listener_->Next(50ms), "");
 }
 
 TEST_F(SubscriptionTest, WhatEndsItAndWhatIsMadeAnew) {
   StartStack(20ms);
+  enum How { kNotify, kAnswer, kRefreshAnswer };
   const struct {
-    const char* by;       // a Subscription-State, or the answer to the first SUBSCRIBE, or to the refresh
-    const char* headers;  // of the answer; null: a NOTIFY
-    bool refresh;
+    How how;
+    const char* by;   // a Subscription-State or a status line, headers behind it
     const char* end;  // null: made anew
     milliseconds after = 0ms;
   } cases[] = {
-      {"terminated;reason=rejected", nullptr, false, "end 0 rejected"},
-      {"terminated;reason=NoResource;retry-after=1", nullptr, false, "end 0 NoResource"},
-      {"terminated;reason=invariant", nullptr, false, "end 0 invariant"},
-      {"terminated;reason=deactivated;retry-after=99", nullptr, false, nullptr},
-      {"terminated;reason=timeout", nullptr, false, nullptr},
-      {"terminated", nullptr, false, nullptr},
-      {"terminated;reason=probation;retry-after=1", nullptr, false, nullptr, 1s},
-      {"terminated;reason=probation", nullptr, false, nullptr, 30ms},
-      {"terminated;reason=giveup", nullptr, false, nullptr, 30ms},
-      {"403 No", "", false, "end 403 No"},
-      {"404 No", "", false, "end 404 No"},
-      {"423 No", "Min-Expires: 1\r\n", false, "end 423 No"},
-      {"489 No", "", false, "end 489 No"},
-      {"603 No", "", false, "end 603 No"},
-      {"404 Later", "Retry-After: 1 (soon);duration=9\r\n", false, nullptr, 1s},
-      {"503 Later", "", false, nullptr, 30ms},
-      {"480 Later", "", false, nullptr, 30ms},
-      {"481 Gone", "", true, nullptr},
-      {"408 Gone", "", true, nullptr, 30ms},
-      {"404 Gone", "", true, nullptr, 30ms},
+      {kNotify, "terminated;reason=rejected", "end 0 rejected"},
+      {kNotify, "terminated;reason=NoResource;retry-after=1", "end 0 NoResource"},
+      {kNotify, "terminated;reason=invariant", "end 0 invariant"},
+      {kNotify, "terminated;reason=deactivated;retry-after=99", nullptr},
+      {kNotify, "terminated;reason=timeout", nullptr},
+      {kNotify, "terminated", nullptr},
+      {kNotify, "terminated;reason=probation;retry-after=1", nullptr, 1s},
+      {kNotify, "terminated;reason=probation", nullptr, 30ms},
+      {kNotify, "terminated;reason=giveup", nullptr, 30ms},
+      {kAnswer, "403 No", "end 403 No"},
+      {kAnswer, "423 No\r\nMin-Expires: 1", "end 423 No"},
+      {kAnswer, "489 No", "end 489 No"},
+      {kAnswer, "404 Later\r\nRetry-After: 1 (soon);duration=9", nullptr, 1s},
+      {kAnswer, "480 Later", nullptr, 30ms},
+      {kAnswer, "503 Later", nullptr, 30ms},
+      {kRefreshAnswer, "481 Gone", nullptr},
+      {kRefreshAnswer, "408 Gone", nullptr, 30ms},
+      {kRefreshAnswer, "404 Gone", nullptr, 30ms},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.by) + (c.refresh ? " to a refresh" : ""));
-    std::string request;
-    if (c.headers == nullptr || c.refresh) {
-      request = Establish();
-    } else {
-      id_ = sivra::Subscribe(notifier_.Info(), listener_);
-      request = notifier_.Request();
-    }
+    SCOPED_TRACE(c.by);
+    std::string request = c.how == kAnswer ? Begin() : Establish();
     const auto before = Clock::now();
-    if (c.headers == nullptr) {
+    if (c.how == kNotify) {
       notifier_.Tell(request, c.by);
     } else {
-      EXPECT_EQ(sivra::RefreshSubscription(id_) && c.refresh, c.refresh);
-      notifier_.Answer(c.refresh ? notifier_.Request() : request, c.by, c.headers);
+      EXPECT_TRUE(c.how == kAnswer || sivra::RefreshSubscription(id_));
+      notifier_.Answer(c.how == kAnswer ? request : notifier_.Request(), c.by);
     }
     if (c.end != nullptr) {
       EXPECT_EQ(listener_->Next(), c.end);
@@ -328,42 +316,36 @@ TEST_F(SubscriptionTest, ShortenedItIsRefreshedEarlierAndARefusalLeavesWhatWasGr
   const std::string request = Establish();
   notifier_.Tell(request, "active;expires=2");
   std::string refresh = notifier_.Request();
-  for (int refusals = 0; HeaderLine(refresh, "Call-ID") == HeaderLine(request, "Call-ID"); ++refusals) {
-    notifier_.Answer(refresh, refusals % 2 == 0 ? "500 Down" : "403 No");
+  int refusals = 0;
+  for (; HeaderLine(refresh, "Call-ID") == HeaderLine(request, "Call-ID"); refresh = notifier_.Request()) {
+    notifier_.Answer(refresh, ++refusals % 2 != 0 ? "500 Down" : "403 No");
     notifier_.Tell(request, "active", "still");
     EXPECT_EQ(listener_->Next(), "still");
-    refresh = notifier_.Request();
   }
-  ExpectAnew(request, refresh);
+  EXPECT_GT(refusals, 0);
+  EXPECT_TRUE(refresh.starts_with("SUBSCRIBE ") && !Has(HeaderLine(refresh, "To"), ";tag=")) << refresh;
 }
 
 TEST_F(SubscriptionTest, SilenceLosesTheDialogAndPausesGrow) {
   StartStack(10ms);
-  id_ = sivra::Subscribe(notifier_.Info(), listener_);
-  std::string request = notifier_.Request();
+  std::string request = Begin();
   request = NextAnew(request);  // no answer at all
   notifier_.Accept(request);
   request = NextAnew(request);  // an answer, but no NOTIFY
   auto last = Clock::now();
-  Clock::duration pause{};
   for (int i = 0; i < 4; ++i) {  // 80 ms and more, doubled each time, a quarter up or down
     notifier_.Answer(request, "503 Down");
     request = NextAnew(request);
-    const auto now = Clock::now();
-    EXPECT_GE(now - last, 60ms * (1 << i));
-    pause = now - last;
-    last = now;
+    EXPECT_GE(Clock::now() - last, 60ms * (1 << i));
+    last = Clock::now();
   }
-  EXPECT_LT(pause, 5s);
   // A goodbye that nobody answers ends, too, and one that waits has nothing to say.
   notifier_.Accept(request);
-  notifier_.Tell(request, "active", "heard");
-  EXPECT_EQ(listener_->Next(), "new heard");
+  notifier_.Tell(request, "active");
   EXPECT_TRUE(sivra::Unsubscribe(id_));
   EXPECT_EQ(HeaderLine(notifier_.Request(), "Expires"), "0");
   EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
-  id_ = sivra::Subscribe(notifier_.Info(), listener_);
-  notifier_.Answer(notifier_.Request(), "503 Down", "Retry-After: 100\r\n");
+  notifier_.Answer(Begin(), "503 Down\r\nRetry-After: 100");
   EXPECT_EQ(notifier_.Request(100ms), "");
   EXPECT_TRUE(sivra::Unsubscribe(id_));
   EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
@@ -371,13 +353,8 @@ TEST_F(SubscriptionTest, SilenceLosesTheDialogAndPausesGrow) {
 
 TEST_F(SubscriptionTest, ANotifierThatSendsRubbishIsAskedForMoreAtGrowingIntervals) {
   StartStack(20ms);
-  listener_ = std::make_shared<Listener>([](long id, const std::string& note) {
-    if (Has(note, "rubbish")) {
-      EXPECT_TRUE(sivra::RefreshSubscription(id) && sivra::RefreshSubscription(id));
-    }
-  });
+  listener_ = std::make_shared<Listener>([](long id) { sivra::RefreshSubscription(id); });
   std::string request = Establish();
-  notifier_.Tell(request, "active", "rubbish");
   for (int i = 0; i < 5; ++i) {  // the first at once, then after 4 T1 and doubled
     const auto before = Clock::now();
     request = notifier_.Request();
@@ -385,12 +362,12 @@ TEST_F(SubscriptionTest, ANotifierThatSendsRubbishIsAskedForMoreAtGrowingInterva
     EXPECT_TRUE(Has(HeaderLine(request, "To"), ";tag=")) << request;
     notifier_.Accept(request);
     notifier_.Tell(request, "active", "rubbish");
+    notifier_.Tell(request, "active", "rubbish");
   }
 }
 
 TEST_F(SubscriptionTest, WithoutRefreshItRunsOut) {
-  id_ = sivra::Subscribe(notifier_.Info(1, false), listener_);
-  const std::string request = notifier_.Request();
+  const std::string request = Begin(1, false);
   notifier_.Accept(request, "1");
   notifier_.Tell(request, "active", "only");
   EXPECT_EQ(listener_->Next(), "new only");
@@ -400,31 +377,25 @@ TEST_F(SubscriptionTest, WithoutRefreshItRunsOut) {
   EXPECT_EQ(listener_->Next(), "end 0 timeout");
 }
 
-TEST_F(SubscriptionTest, ManyAtOnceStopEndsThemAndNothingStartsWithoutTheStack) {
-  constexpr std::size_t kMany = 200;
+TEST_F(SubscriptionTest, StopEndsWhatever200AreDoing) {
   StartStack(500ms);
-  for (std::size_t i = 0; i < kMany; ++i) ASSERT_GT(sivra::Subscribe(notifier_.Info(), listener_), 0);
-  for (std::size_t i = 0; i < kMany - 1; ++i) {
+  std::vector<long> ids(200);
+  for (long& id : ids) ASSERT_GT(id = sivra::Subscribe(notifier_.Info(), listener_), 0);
+  for (std::size_t i = 1; i < ids.size(); ++i) {  // one stays in flight
     const std::string request = notifier_.Request();
     notifier_.Accept(request);
     notifier_.Tell(request, "active", "body");
   }
-  EXPECT_EQ(listener_->size, kMany - 1);
-  sipcarrier::Stop(0ms);  // one is in flight
-  EXPECT_EQ(listener_->size, 2 * kMany - 1);
-  EXPECT_EQ(sivra::SubscriptionCount(), 0U);
-  EXPECT_EQ(sivra::Subscribe(notifier_.Info(), listener_), -1);
+  for (std::size_t i = 0; i < ids.size() / 2; ++i) EXPECT_TRUE(sivra::Unsubscribe(ids[i]));
+  sipcarrier::Stop(0ms);
+  EXPECT_EQ(listener_->size, 2 * ids.size() - 1);
+  EXPECT_EQ(sivra::Subscribe(notifier_.Info(), listener_), -1) << "not started";
   StartStack(500ms);
-  EXPECT_EQ(sivra::Subscribe(notifier_.Info(), nullptr), -1);
-  for (int bad = 0; bad < 6; ++bad) {
-    sivra::SubscriptionInfo info = notifier_.Info(bad == 0 ? 0 : 1);
-    if (bad == 1) info.from = "";
-    if (bad == 2) info.to = "alice";
-    if (bad == 3) info.to = "tel:+49";
-    if (bad == 4) info.event = "a b";
-    if (bad == 5) info.accept = "x\r\nY: z";
-    EXPECT_EQ(sivra::Subscribe(info, listener_), -1) << bad;
-  }
+  EXPECT_EQ(sivra::Subscribe({"", "sip:a@b", "reg", "a/b", 1, true}, listener_), -1);
+  EXPECT_EQ(sivra::Subscribe({"sip:a@b", "tel:+49", "reg", "a/b", 1, true}, listener_), -1);
+  EXPECT_EQ(sivra::Subscribe({"sip:a@b", "sip:a@b", "a b", "a/b", 1, true}, listener_), -1);
+  EXPECT_EQ(sivra::Subscribe({"sip:a@b", "sip:a@b", "reg", "a\r\nb:c", 1, true}, listener_), -1);
+  EXPECT_EQ(sivra::Subscribe({"sip:a@b", "sip:a@b", "reg", "a/b", 0, true}, listener_), -1);
 }
 
 TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
@@ -432,7 +403,7 @@ TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
   Notifier notifier(family);
   StartStack(100ms, family == AF_INET6 ? "::1" : "127.0.0.1");
   std::atomic<bool> leave{false};
-  listener_ = std::make_shared<Listener>([&](long, const std::string&) { Eventually([&] { return leave.load(); }); });
+  listener_ = std::make_shared<Listener>([&](long) { Eventually([&] { return leave.load(); }); });
   ASSERT_GT(sivra::Subscribe(notifier.Info(), listener_), 0);
   std::string request = notifier.Request();
   notifier.Accept(request);
@@ -450,6 +421,7 @@ TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
   EXPECT_EQ(listener_.use_count(), 1);
   request = notifier.Request();
   EXPECT_EQ(HeaderLine(request, "Expires"), "0") << "the notifier gets its goodbye all the same";
+  notifier.Accept(request, "0");
   notifier.Ask(notifier.Notify(request, "terminated", "late"));
   EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }));
   EXPECT_EQ(listener_->size, 1U);
@@ -457,13 +429,16 @@ TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
 
 // One allocation of the I/O thread after the other fails: the wish outlives it, and ends as asked.
 TEST_F(SubscriptionTest, MemoryThatRunsOut) {
-  StartStack(5ms);
+  StartStack(3ms);
   ASSERT_TRUE(sipcarrier::RunOnIoThread([] { failing_new::TakePart(true); }));
   long normal = 1000;
+  int ends = 0;
   for (long n = 0; n <= normal; ++n) {
     SCOPED_TRACE(n);
-    id_ = sivra::Subscribe(notifier_.Info(), listener_);
+    listener_ = std::make_shared<Listener>();
+    listener_->memory_fails = true;
     failing_new::Fail(n, n);
+    id_ = sivra::Subscribe(notifier_.Info(), listener_);
     std::string note;
     while (note.empty() && !testing::Test::HasFailure()) {
       const std::string request = notifier_.Request(100ms);
@@ -472,13 +447,17 @@ TEST_F(SubscriptionTest, MemoryThatRunsOut) {
       notifier_.Ask(notifier_.Notify(request, "active", "body"), 20ms);
       note = listener_->Next(5ms);
     }
+    ends += note.starts_with("end 0 ") ? 1 : 0;
     EXPECT_TRUE(note == "new body" || note.starts_with("end 0 ")) << note;
     const long taken = failing_new::Fail(0, 0);
     if (n == 0) normal = taken;
-    while (sivra::Unsubscribe(id_)) notifier_.Answer(notifier_.Request(50ms), "481 Gone");
+    while (sivra::Unsubscribe(id_)) {
+      if (const std::string goodbye = notifier_.Request(2ms); !goodbye.empty()) notifier_.Answer(goodbye, "481 Gone");
+    }
   }
   EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }));
   EXPECT_GT(normal, 50);
+  EXPECT_LE(ends, 1) << "a wish outlives all but the want of its first timer";
 }
 
 }  // namespace

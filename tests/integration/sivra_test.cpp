@@ -98,6 +98,10 @@ TEST_F(SivraTest, TheRequest) {
   EXPECT_EQ(HeaderLine(request, "Contact"),
             "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ";line=" + std::to_string(id_) + ">;expires=60");
   EXPECT_EQ(HeaderLine(request, "Contact"), built_contact);
+  const std::vector<std::string> own{"sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
+                                     ";line=" + std::to_string(id_)};
+  EXPECT_EQ(sivra::RegisteredContacts("<sip:%61lice@EXAMPLE.com>"), own);
+  EXPECT_TRUE(sivra::RegisteredContacts("sip:alice@example.net").empty());
   EXPECT_TRUE(Has(request, "\r\nCSeq: 1 REGISTER\r\n") && Has(request, "\r\nUser-Agent: kept\r\n"));
   EXPECT_FALSE(Has(request, "\r\nExpires:"));
   Answer(request, 100);
@@ -113,6 +117,7 @@ TEST_F(SivraTest, TheRequest) {
   EXPECT_FALSE(nsip_uri_equal(*second->contacts.at(0)->url, *Build(id_)->contacts.at(0)->url));
   EXPECT_EQ(nsip_uri_text(*second->to->url), "sip:alice@example.com;user=phone");
 
+  EXPECT_EQ(sivra::RegisteredContacts(kAor), own) << "nothing has left for the other";
   Release(other);
   EXPECT_FALSE(Build(other));
   EXPECT_FALSE(Send(other, Build(id_)));
