@@ -3,25 +3,60 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace fakes {
+
+namespace {
+constexpr char kService[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
+}
 
 FakeBus& FakeBus::Get() {
   static FakeBus bus;
   return bus;
 }
 
+int FakeBus::Notify(int id, CXML& document) { return subscribers.at(id)(kService, id, &document, nullptr); }
+
 }  // namespace fakes
 
-int XSSubNotify(const char*, int, XSNotifyCallback*) { return XS_OK; }
-int XSUnsubNotify(const char*, int, XSNotifyCallback*) { return XS_OK; }
-int XSExecuteCommand(const char*, int, CXML*, CXML*) { return XS_E_UNKNOWN; }
+using fakes::FakeBus;
+using fakes::kService;
+
+int XSSubNotify(const char* szSource, int nNtfId, XSNotifyCallback* pCallback) {
+  EXPECT_STREQ(szSource, kService);
+  FakeBus::Get().subscribers[nNtfId] = pCallback;
+  return XS_OK;
+}
+
+int XSUnsubNotify(const char*, int nNtfId, XSNotifyCallback*) {
+  FakeBus::Get().subscribers.erase(nNtfId);
+  return XS_OK;
+}
+
+int XSExecuteCommand(const char* szTarget, int nCmdId, CXML* pIn, CXML* pOut) {
+  EXPECT_STREQ(szTarget, kService);
+  FakeBus& bus = FakeBus::Get();
+  bus.expressed.push_back("service " + std::to_string(nCmdId) + " " + pIn->GetDoc());
+  if (const auto hook = std::exchange(bus.at_command, nullptr)) hook();
+  if (nCmdId != 2) return XS_OK;
+  std::string answer = "<sub><id>" + std::to_string(bus.last_id + 1) + "</id></sub>";
+  if (bus.answers.empty()) {
+    ++bus.last_id;
+  } else {
+    answer = std::move(bus.answers.front());
+    bus.answers.pop_front();
+  }
+  if (answer.empty()) return -1;
+  pOut->SetDoc(answer);
+  return XS_OK;
+}
 
 int XSExpressNotify(const char* szSource, int nNtfId, CXML* pDoc, void* pExtra) {
   EXPECT_STREQ(szSource, "{8836E13D-A307-43DF-8C88-B7783DC728BF}");
   EXPECT_EQ(pExtra, nullptr);
   char id[16];
   std::snprintf(id, sizeof id, "%x ", static_cast<unsigned>(nNtfId));
-  fakes::FakeBus::Get().expressed.push_back(id + pDoc->GetDoc());
+  FakeBus::Get().expressed.push_back(id + pDoc->GetDoc());
   return XS_OK;
 }

@@ -11,7 +11,7 @@ FrontDoor::FrontDoor() {
   const long last_id = sip.last_id;
   sip = FakeSip();
   sip.last_id = last_id;  // ids are not reused
-  bus.expressed.clear();
+  bus = FakeBus();
   initialized = TOLVANE_XSCInitialize(nullptr);
 }
 
