@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 
 namespace fakes {
@@ -23,15 +24,9 @@ class WorkDir {
 
   // The file, with a template for REGISTER that has these headers: "name: value", each in a line.
   void Template(const std::string& lines) const {
-    std::string text = "<sip-messages>\n<message kind=\"REG\" method=\"REGISTER\">\n";
-    for (std::size_t at = 0; at < lines.size();) {
-      const std::size_t colon = lines.find(": ", at);
-      const std::size_t end = std::min(lines.find('\n', colon), lines.size());
-      text += "<header name=\"" + lines.substr(at, colon - at) + "\">" + lines.substr(colon + 2, end - colon - 2) +
-              "</header>\n";
-      at = end + 1;
-    }
-    Write(text + "</message>\n</sip-messages>\n");
+    Write("<sip-messages>\n<message kind=\"REG\" method=\"REGISTER\">\n" +
+          std::regex_replace(lines, std::regex("([^:\n]+): ([^\n]*)\n?"), "<header name=\"$1\">$2</header>\n") +
+          "</message>\n</sip-messages>\n");
   }
   // In one step, for who reads it meanwhile.
   void Write(const std::string& text) const {
