@@ -429,7 +429,7 @@ TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
 
 // One allocation of the I/O thread after the other fails: the wish outlives it, and ends as asked.
 TEST_F(SubscriptionTest, MemoryThatRunsOut) {
-  StartStack(3ms);
+  StartStack(2ms);
   ASSERT_TRUE(sipcarrier::RunOnIoThread([] { failing_new::TakePart(true); }));
   long normal = 1000;
   int ends = 0;
