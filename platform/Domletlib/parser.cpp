@@ -47,9 +47,10 @@ struct ParserDeleter {
   void operator()(XML_Parser parser) const noexcept { XML_ParserFree(parser); }
 };
 
-// Tables larger than this grow as they fill: a text full of "<" alone must not reserve for elements
-// that never come.
-constexpr std::size_t kMaxReserve = 4096;
+// Room is made beforehand for an element in so many bytes, and an attribute in half as many. A text
+// that has more of them makes the tables grow; one full of "<" alone reserves for none that never
+// come.
+constexpr std::size_t kBytesForElement = 32;
 
 std::string At(std::size_t line, std::size_t column, std::string_view reason) {
   std::string error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
@@ -95,13 +96,13 @@ class Builder {
   // One look over the text, so that most documents need one allocation for each table.
   void Reserve() {
     std::size_t elements = 0;
-    std::size_t attrs = 0;
-    for (std::size_t i = 0; i + 1 < text_.size(); ++i) {
-      if (text_[i] == '=') ++attrs;
-      if (text_[i] == '<' && std::strchr("/!?", text_[i + 1]) == nullptr) ++elements;
+    for (std::size_t at = text_.find('<'); at != std::string_view::npos;
+         at = text_.find('<', at + 1)) {
+      if (text_.substr(at + 1, 1) != "/") ++elements;
     }
-    tree_.nodes.reserve(std::min(elements, kMaxReserve));
-    tree_.attrs.reserve(std::min(attrs, kMaxReserve));
+    const auto attrs = static_cast<std::size_t>(std::count(text_.begin(), text_.end(), '='));
+    tree_.nodes.reserve(std::min(elements, 1 + text_.size() / kBytesForElement));
+    tree_.attrs.reserve(std::min(attrs, 1 + 2 * text_.size() / kBytesForElement));
   }
 
   // Runs a callback's work unless the run is already lost.
