@@ -160,6 +160,14 @@ TEST_F(LogTest, AFullDiskLeavesNoPieces) {
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
   const rlimit old = limit;
+  std::ofstream(dir_ / "old.log") << std::string(2000, 'o');
+  limit.rlim_cur = 1000;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  ILogOne* full = Open("old.log");
+  full->SetMaxSize(1);
+  for (const char* text : {"lost", "after the rotation"}) full->Print("%s", text);
+  EXPECT_EQ(Body("old.log"), Record("after the rotation"));
+  EXPECT_FALSE(fs::exists(dir_ / "1_old.log"));  // no piece of a copy
   const std::string kept = Record("kept", "Err");
   for (const std::size_t room :
        {std::size_t{0}, std::size_t{10}, kBegin.size() + 10, kBegin.size() + kept.size() + 10}) {

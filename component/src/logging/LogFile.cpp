@@ -38,6 +38,8 @@ int CopyLogFile(const char* szFrom, const char* szTo) noexcept {
   const int nTo = open(szTo, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   int nError = nTo == -1 ? errno : CopyDescriptor(nFrom, nTo);
   if (nTo != -1 && close(nTo) == -1 && nError == 0) nError = errno;
+  // A piece of a copy would end in a piece of a record, and takes room that the log needs.
+  if (nTo != -1 && nError != 0) unlink(szTo);
   close(nFrom);
   return nError;
 }
