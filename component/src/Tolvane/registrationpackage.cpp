@@ -57,6 +57,7 @@ bool CElement::UpdateAs(T& oOwn, CElement* pElement) {
   } catch (const std::bad_alloc&) {
     // The old content stays.
   }
+  oOwn.Trim();
   return true;
 }
 
@@ -154,9 +155,9 @@ void CContact::Merge(CContact&& oNewer) noexcept {
 
 void CContact::Trim() noexcept {
   CElement::Trim();
-  if (m_pUri.Get() != nullptr) m_pUri.Get()->Trim();
-  if (m_pDisplayName.Get() != nullptr) m_pDisplayName.Get()->Trim();
-  for (const auto& pParam : m_vecUnknownParam.All()) pParam->Trim();
+  m_pUri.Trim();
+  m_pDisplayName.Trim();
+  m_vecUnknownParam.Trim();
 }
 
 // ---- CRegistration
@@ -196,7 +197,7 @@ void CRegistration::Merge(CRegistration&& oNewer) noexcept {
 
 void CRegistration::Trim() noexcept {
   CElement::Trim();
-  for (const auto& pContact : m_vecContact.All()) pContact->Trim();
+  m_vecContact.Trim();
 }
 
 // ---- CRegInfo
@@ -244,13 +245,14 @@ void CRegInfo::RemoveTerminated() {
 }
 
 void CRegInfo::Trim() noexcept {
-  for (const auto& pRegistration : m_vecRegistration.All()) pRegistration->Trim();
+  CElement::Trim();
+  m_vecRegistration.Trim();
 }
 
 // ---- CRegistrationTable
 
 // The document goes into the table by moving, so that nothing is copied and hardly anything can
-// fail: without memory for the lists a merge leaves new entries out.
+// fail.
 int CRegistrationTable::Update(const char* pszDoc) noexcept {
   CRegInfo oNewer;
   if (oNewer.Parse(pszDoc) == 0) return -1;

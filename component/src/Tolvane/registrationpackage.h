@@ -41,7 +41,7 @@ class CElement {
 
   // Parse for a part of a document that is parsed already. Throws std::bad_alloc.
   int ReadPart(CXML oPart);
-  // Lets go of documents that are kept for a small part of them; see CXML::Trim.
+  // After a merge: lets go of documents that are kept for a small part of them; see CXML::Trim.
   void Trim() noexcept { m_oXml.Trim(); }
 
  protected:
@@ -229,7 +229,8 @@ class CRegistrationTable {
   //   0  newer, and applied; or of a state that is neither "full" nor "partial", nothing changed
   //   1  partial, and merged, but versions before it have been missed
   //   2  not newer than the last one; nothing changed
-  // What GetRegistration gave before is no longer good.
+  // Without memory for its lists a merge leaves new entries out. What GetRegistration gave before
+  // is no longer good.
   int Update(const char* pszDoc) noexcept;
 
   int GetRegistrationCount() const noexcept { return m_oRegInfo.GetRegistrationCount(); }
