@@ -35,6 +35,18 @@ Dialog::Dialog(std::unique_ptr<nsip_from> from, std::unique_ptr<nsip_to> to) {
   form_.max_forwards = 70;
 }
 
+void Dialog::SetFirstRouter(std::unique_ptr<nsip_uri> router) {
+  if (EqualNoCase(router->host, form_.req_uri->host) && router->port == form_.req_uri->port) {
+    return;  // it goes there anyway
+  }
+  if (!IsLoose(*router)) {
+    router->params.push_back({"lr", {}, false});
+  }
+  auto route = std::make_unique<nsip_route>();
+  route->url = std::move(router);
+  form_.routes.push_back(std::move(route));
+}
+
 bool Dialog::Identify() {
   std::array<unsigned char, 16> call_id{};
   std::array<unsigned char, 8> tag{};

@@ -16,11 +16,14 @@ namespace sivra {
 
 class Dialog {
  public:
-  // Both are addresses of record; the first request goes to the URI of `to`.
+  // Both are addresses of record; the first request is for the URI of `to`, and goes there.
   Dialog(std::unique_ptr<nsip_from> from, std::unique_ptr<nsip_to> to);
   Dialog(const Dialog&) = delete;
   Dialog& operator=(const Dialog&) = delete;
 
+  // The requests that are to make the dialog go there first (RFC 3261 §8.1.2); its own route set
+  // takes the place of it.
+  void SetFirstRouter(std::unique_ptr<nsip_uri> router);
   // Draws Call-ID and local tag. false: no random numbers to be had.
   [[nodiscard]] bool Identify();
   [[nodiscard]] const std::string& call_id() const { return form_.call_id; }

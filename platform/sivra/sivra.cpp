@@ -229,6 +229,16 @@ bool FindEntryCredential(const nsip_uri& address, std::string_view realm,
   return any;
 }
 
+std::unique_ptr<nsip_uri> FindEntryRegistrar(const nsip_uri& address) {
+  const std::lock_guard lock(g_lock);
+  std::unique_ptr<nsip_uri> found;
+  ForEntriesOf(address, [&](const Entry& entry) {
+    found = std::make_unique<nsip_uri>(entry.registrar());
+    return true;
+  });
+  return found;
+}
+
 void FreeMessage(nsip_message* msg) { delete msg; }
 
 std::size_t EntryCount() { return g_entry_count; }

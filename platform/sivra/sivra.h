@@ -64,8 +64,10 @@ namespace sivra {
 //   Stop of the stack, without a word to the notifiers: OnEnd comes before Stop returns.
 
 struct SubscriptionInfo {
-  std::string from;     // addr-spec or name-addr; names the credentials too
-  std::string to;       // the same; its URI is the Request-URI
+  std::string from;  // addr-spec or name-addr; names the credentials too
+  // The same; its URI is the Request-URI. While `from` is registered by an entry, the SUBSCRIBE
+  // goes to that entry's registrar, with a Route where the URI does not lead there by itself.
+  std::string to;
   std::string event;    // "reg": a token
   std::string accept;   // "application/reginfo+xml"; other bodies are answered 415
   int expires = 3600;   // seconds to ask for; above 0

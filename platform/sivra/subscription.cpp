@@ -234,6 +234,10 @@ void Subscription::StartDialog() {
   began_at_ = Clock::Now();
   act_at_ = kNever;
   dialog_ = std::make_unique<Dialog>(AddressOfRecord(info_.from), AddressOfRecord(info_.to));
+  // Where the account is registered its state is known; its domain's name need not lead there.
+  if (auto registrar = FindEntryRegistrar(*AddressOfRecord(info_.from)->url)) {
+    dialog_->SetFirstRouter(std::move(registrar));
+  }
   if (!dialog_->Identify()) {
     return Lose({}, false, "no random numbers");
   }
