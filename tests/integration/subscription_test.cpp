@@ -1,0 +1,266 @@
+// The component and the subscription service on the real stack and the real bus, against the
+// loopback registrar: what its operator does to a binding reaches the client, and nothing is left.
+#include <algorithm>
+#include <set>
+
+#include "Brunelib/Brunelib.h"
+#include "LiveComponent.h"
+#include "Register.h"
+#include "RegisterProcess.h"
+#include "RegisterSipProcess.h"
+#include "registrar_service.h"
+#include "sivra/sivra.h"
+
+namespace {
+
+using namespace registrar_test;
+using fakes::LiveComponent;
+using registrar::ContactEvent;
+using registrar::ContactIds;
+using registrar::Documents;
+using registrar::Gone;
+using registrar::Versions;
+using sip_test::Eventually;
+using sip_test::Replaced;
+
+constexpr char kService[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
+
+// What the client and the service's readers have heard: "1002 7 Active registered".
+std::mutex g_mutex;
+std::vector<std::string> g_heard;
+template <int kId>
+int Hear(const char*, int, CXML* document, void*) {
+  std::string text = std::to_string(kId);
+  document->ResetPos();
+  for (const char* name : {"reg", "sub"}) {
+    if (document->FindElem(name) != 0) document->IntoElem();
+    document->ResetMainPos();
+  }
+  for (const char* name : {"id", "state", "event", "final"}) {
+    document->ResetMainPos();
+    if (document->FindElem(name) != 0) text += " " + document->GetData();
+  }
+  const std::lock_guard lock(g_mutex);
+  g_heard.push_back(text);
+  return 0;
+}
+std::vector<std::string> Heard() {
+  const std::lock_guard lock(g_mutex);
+  return g_heard;
+}
+bool Await(const std::string& text) {
+  return LiveComponent::PumpUntil([&] { return std::ranges::count(Heard(), text) > 0; }, 5s);
+}
+
+// Stack, bus, component and service.
+struct Live {
+  explicit Live(const char* plugin = SERVICE) {
+    g_heard.clear();
+    std::string error;
+    EXPECT_EQ(brunelib::LoadComponent(plugin, "SUBSCRIPTION_XSC", error), kService) << error;
+    XSSubNotify(REG_BUS_IDENTITY, 0x1001, Hear<1001>);
+    XSSubNotify(REG_BUS_IDENTITY, 0x1002, Hear<1002>);
+    XSSubNotify(kService, 0x1003, Hear<1003>);
+  }
+  ~Live() {
+    TOLVANE_XSCUninitialize();  // with the service still there, which it asks for ends
+    EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }, 5s));
+    EXPECT_TRUE(brunelib::UnloadComponent(kService, 5s));
+    XSUnsubNotify(REG_BUS_IDENTITY, 0x1001, Hear<1001>);
+    XSUnsubNotify(REG_BUS_IDENTITY, 0x1002, Hear<1002>);
+    XSUnsubNotify(kService, 0x1003, Hear<1003>);
+    EXPECT_EQ(CRegister::s_nAlive, 0);
+  }
+  int Register(const std::string& aor, const std::string& registrar) {
+    CXML in, out;
+    in.SetDoc("<reg><aor>" + aor + "</aor><registrar>" + registrar +
+              "</registrar><expires>600</expires><auto-refresh>true</auto-refresh><subscribe>true</subscribe></reg>");
+    EXPECT_EQ(TOLVANE_XSCCmdCallBack(3, &in, &out), 0);
+    const std::string text = out.GetDoc();
+    return std::stoi(text.substr(text.find("<id>") + 4));
+  }
+  LiveComponent component{50ms};
+};
+
+int Command(int id, const std::string& document, std::string* answer = nullptr) {
+  CXML in, out;
+  in.SetDoc(document);
+  const int result = XSExecuteCommand(kService, id, &in, &out);
+  if (answer != nullptr) *answer = out.GetDoc();
+  return result;
+}
+
+TEST(SubscriptionTest, TheServicesCommands) {
+  Service service;
+  Live live;
+  const std::string aor = "sip:alice@127.0.0.1:" + std::to_string(service.registrar.port());
+  const auto subscribe = [](const std::string& to, const std::string& event, const std::string& expires) {
+    return "<sub><from>" + to + "</from><to>" + to + "</to><event>" + event + "</event><expires>" + expires +
+           "</expires><ifrefresh>1</ifrefresh><module>REGISTER</module></sub>";
+  };
+  const std::string good = subscribe(aor, "reg", "3761");
+  for (const std::string& bad :
+       {std::string(), std::string("<sub/>"), std::string("<reg><to>" + aor + "</to></reg>"),
+        subscribe(aor, "presence", "3761"), subscribe(aor, "reg", "0"), subscribe(aor, "reg", "-1"),
+        subscribe("", "reg", "3761"), subscribe("tel:1", "reg", "3761"), subscribe(aor + "\r\nX: y", "reg", "3761")}) {
+    std::string answer;
+    EXPECT_EQ(Command(2, bad, &answer), -1) << bad;
+    EXPECT_EQ(answer, "");
+    EXPECT_EQ(Command(3, bad), -1);
+  }
+  EXPECT_EQ(Command(9, good), -1);
+  EXPECT_EQ(XSExecuteCommand(kService, 2, nullptr, nullptr), -1);
+  EXPECT_EQ(sivra::SubscriptionCount(), 0U);
+
+  std::string answer;
+  EXPECT_EQ(Command(2, good, &answer), 0);
+  EXPECT_EQ(answer, "<sub><id>1</id></sub>");
+  EXPECT_TRUE(Eventually([&] { return service.registrar.Subscriptions().size() == 1; }));
+  // The same address of record in another spelling: the former dialog ends, the other one stays.
+  EXPECT_EQ(Command(2, subscribe("Alice &lt;" + Replaced(aor, "alice", "%61lice") + "&gt;", "reg", "3761"), &answer),
+            0);
+  EXPECT_TRUE(Await("1003 1 SUB_STOP"));
+  EXPECT_EQ(service.registrar.Subscriptions().size(), 1U);
+  EXPECT_EQ(Command(3, "<sub><id>1</id></sub>"), -1);
+  EXPECT_EQ(Command(3, "<sub><id>2</id></sub>"), 0);
+  EXPECT_TRUE(Await("1003 2 SUB_STOP"));
+  EXPECT_TRUE(service.registrar.Subscriptions().empty());
+  // An end that the notifier means.
+  registrar::Script refusal;
+  refusal.method = "SUBSCRIBE";
+  refusal.status = 403;
+  service.registrar.Add(refusal);
+  EXPECT_EQ(Command(2, good), 0);
+  EXPECT_TRUE(Await("1003 3 SUB_STOP"));
+}
+
+// The registrar's operator goes through all that he can do, once for each way to end it.
+TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
+  const registrar::RegEventOptions manners[] = {
+      {.t1 = 100ms},
+      {.documents = Documents::kPartial},
+      {.versions = Versions::kOne, .contact_ids = ContactIds::kFresh},
+      {.versions = Versions::kAor, .documents = Documents::kPartial},
+      {.versions = Versions::kZero, .gone = Gone::kMissing},
+      {.versions = Versions::kGaps, .contact_ids = ContactIds::kSwapped},
+      {.versions = Versions::kTwice, .documents = Documents::kPartial},
+  };
+  for (const registrar::RegEventOptions& manner : manners) {
+    Options options;
+    options.reg_event = manner;
+    Service service(options);
+    registrar::Registrar& registrar = service.registrar;
+    const std::string aor = "sip:alice@127.0.0.1:" + std::to_string(registrar.port());
+    const auto foreign = [&](int cseq, const std::string& expires) {
+      service.Ask(Replaced(service.Request(cseq, kPhone + "Expires: " + expires + "\r\n"), kAor, aor), 200);
+    };
+    Live live;
+    std::vector<std::string> expected;
+    int cseq = 0;
+    // kRegistered stands for the client's own deregistration.
+    for (const ContactEvent end : {ContactEvent::kExpired, ContactEvent::kDeactivated, ContactEvent::kProbation,
+                                   ContactEvent::kUnregistered, ContactEvent::kRejected, ContactEvent::kRegistered}) {
+      SCOPED_TRACE(std::to_string(&manner - manners) + " " + Word(end));
+      if (cseq % 4 == 0) foreign(++cseq, "600");
+      const int id = live.Register(aor, registrar.uri());
+      const std::string active = "1002 " + std::to_string(id) + " Active ";
+      ASSERT_TRUE(Await(active + "registered"));
+      expected.push_back(active + "registered");
+      const auto own = [&] {
+        for (const registrar::Binding& binding : registrar.Bindings(aor)) {
+          if (!Has(kPhone, binding.contact)) return binding.contact;
+        }
+        return std::string("none");
+      };
+      const auto order = [&](ContactEvent event) {
+        std::string error;
+        EXPECT_TRUE(registrar.Apply({event, aor, own(), 300}, error)) << error;
+      };
+      order(ContactEvent::kRefreshed);
+      // Another device goes or comes, which is nobody's news.
+      ++cseq;
+      foreign(cseq, cseq % 4 == 2 ? "0" : "600");
+      const auto requests = registrar.GetCounters().requests;
+      order(ContactEvent::kShortened);
+      EXPECT_TRUE(LiveComponent::PumpUntil([&] { return registrar.GetCounters().requests > requests; }, 5s));
+      order(ContactEvent::kCreated);
+      ASSERT_TRUE(Await(active + "created"));
+      expected.push_back(active + "created");
+      if (end == ContactEvent::kRegistered) {
+        EXPECT_EQ(LiveComponent::Deregister(id), 0);
+        EXPECT_TRUE(Await("1001 " + std::to_string(id)));
+      } else {
+        order(end);
+        const char* const word = manner.gone == Gone::kMissing ? "expired" : Word(end);
+        expected.push_back("1002 " + std::to_string(id) + " Terminate " + word);
+        EXPECT_TRUE(Await(expected.back())) << testing::PrintToString(Heard());
+      }
+      EXPECT_TRUE(LiveComponent::PumpUntil([&] { return registrar.Subscriptions().empty(); }, 5s));
+      EXPECT_TRUE(LiveComponent::PumpUntil([&] { return sivra::SubscriptionCount() == 0; }, 5s));
+      EXPECT_EQ(own(), "none");
+    }
+    brunelib::DrainNotifications(5s);
+    std::vector<std::string> heard = Heard();
+    // Whether the registrar's view or its answer comes first at a deregistration is nobody's promise.
+    std::erase_if(heard, [](const std::string& text) {
+      return !text.starts_with("1002") || text.ends_with("Terminate unregistered");
+    });
+    std::erase_if(expected, [](const std::string& text) { return text.ends_with("Terminate unregistered"); });
+    EXPECT_EQ(heard, expected);
+  }
+}
+
+// Every fourth ask is refused, the other answers are late; half of the registrations end by then.
+TEST(SubscriptionTest, TwoHundredAtOnceWithALateService) {
+  Service service;
+  registrar::Registrar& registrar = service.registrar;
+  std::mutex mutex;
+  std::map<int, int> asked;  // first SUBSCRIBEs of each user
+  registrar.OnRequest([&](const nsip_message& request) {
+    char* to = nullptr;
+    nsip_from_to_str(request.to.get(), &to);
+    const std::string text = to;
+    nsip_free(to);
+    const std::lock_guard lock(mutex);
+    if (request.sip_method == "SUBSCRIBE" && !Has(text, ";tag="))
+      ++asked[std::stoi(text.substr(text.find("user") + 4))];
+  });
+  for (const int delay : {1, 40, 90}) {  // of the registrar's answers, in turn
+    registrar::Script late;
+    late.delay = std::chrono::milliseconds(delay);
+    late.repeat = 25;
+    registrar.Add(late);
+    late.method = "SUBSCRIBE";
+    registrar.Add(late);
+  }
+  constexpr int kCount = 200;
+  {
+    Live live(SLOW_SERVICE);
+    std::vector<int> ids;
+    for (int i = 0; i < kCount; ++i) {
+      ids.push_back(
+          live.Register("sip:user" + std::to_string(i) + Replaced(registrar.uri(), "sip:", "@"), registrar.uri()));
+    }
+    // As soon as they are registered, while the exchanges go through one by one.
+    std::thread enemy([&] {
+      EXPECT_TRUE(Eventually([] { return LiveComponent::succeeded == kCount; }, 10s));
+      for (int i = 0; i < kCount; i += 2) LiveComponent::Deregister(ids[static_cast<std::size_t>(i)], i % 4 == 0);
+    });
+    // All of them, or those that are to stay.
+    const auto count = [&](bool all) {
+      const std::lock_guard lock(mutex);
+      return static_cast<std::size_t>(
+          std::ranges::count_if(asked, [&](const auto& user) { return all || user.first % 2 == 1; }));
+    };
+    EXPECT_TRUE(LiveComponent::PumpUntil([&] { return count(true) == kCount * 3 / 4; }, 20s)) << count(true);
+    enemy.join();
+    EXPECT_TRUE(LiveComponent::PumpUntil([&] { return sivra::SubscriptionCount() == count(false); }, 10s))
+        << sivra::SubscriptionCount() << " of " << count(false);
+    EXPECT_GT(count(false), 0U);
+  }
+  EXPECT_EQ(registrar.Subscriptions().size(), 0U);
+  EXPECT_TRUE(Eventually([&] { return registrar.Bindings().size() == kCount / 4; }, 5s));  // not sent
+  for (const auto& [user, times] : asked) EXPECT_EQ(times, 1) << user;
+}
+
+}  // namespace
