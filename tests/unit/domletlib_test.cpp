@@ -76,11 +76,11 @@ TEST(Read, TextAndAttributes) {
       {"1\r\n2\r3&#13;<![CDATA[<x>&amp;]]>", "1\n2\n3\r<x>&amp;"},
       {Repeated("<x>y</x>z", 3000), std::string(3000, 'z')}};
   for (const auto& [inside, text] : cases) {
-    const std::string document = "<r b = '' c='&apos;\"' x:a\n=\"1&quot;&lt;\t2\" d='>'>" + inside + "</r>";
+    const std::string document = "<r b = '' c='&apos;\"' x:a\n=\"1&quot;&lt;\t2\" d='\t>'>" + inside + "</r>";
     for (CXML xml : {Read(document), Part(document)}) {
       EXPECT_EQ(Walk(xml, "/r"), text + "|");
       EXPECT_EQ(xml.GetAttrib("x:a") + xml.GetAttrib("b") + xml.GetAttrib("a") + xml.GetAttrib("c"), "1\"< 2'\"");
-      EXPECT_EQ(xml.GetAttribName(2) + xml.GetAttrib("d") + xml.GetAttribName(4), "x:a>");
+      EXPECT_EQ(xml.GetAttribName(2) + xml.GetAttrib("d") + xml.GetAttribName(4), "x:a >");
       EXPECT_TRUE(xml.FindAttrib("b") != 0 && xml.FindAttrib("a") == 0);
     }
   }
@@ -127,6 +127,16 @@ TEST(Read, WhatIsRefusedLeavesAnEmptyDocumentAndAReason) {
   Read("<r>" + room + "</r>");
 }
 
+TEST(Read, LinesInAnyOrder) {
+  CXML xml = Read("<r>\n<a/><b/>\n\n<c/></r>");
+  Walk(xml, "/r >");
+  const int lines[] = {2, 2, 4};
+  for (int i : {2, 0, 1, 2, 2, 1}) {
+    Walk(xml, "^ /" + std::string(1, static_cast<char>('a' + i)));
+    EXPECT_EQ(xml.GetLine(), lines[i]) << i;
+  }
+}
+
 TEST(Copy, KeepsThePositionsAndIsIndependent) {
   for (int round = 0; round < 200; ++round) {
     CXML first = Read("<r><a>1</a></r>");
@@ -160,7 +170,7 @@ TEST(Write, IsReadLikeAParsedDocument) {
 
 // Writing to a part makes it a document of its own, which goes on where the part was; so does letting the whole go.
 TEST(Write, IntoAPartOfADocument) {
-  CXML whole = Read("<w><r x='&lt;'>&amp;<a>&gt;</a><b y='&lt;'/></r><b/></w>");
+  CXML whole = Read("<w><x/><x/><r x='&lt;'>&amp;<a>&gt;</a><b y='&lt;'/></r><b/></w>");
   Walk(whole, "/w r");
   CXML part = whole.GetChildDoc();
   for (CXML xml : {part, part}) {
@@ -194,19 +204,24 @@ TEST(Write, NoValueMakesTheDocumentUnreadable) {
 // What is written goes to the right place, whatever stands around it, and what stands behind is
 // found.
 TEST(Write, IntoTheMiddleOfAParsedDocument) {
-  CXML xml = Read("<!-- h --><r> <a x='1' /><!-- m --><b>t</b ><c><d/></c>\n</r><!-- t -->");
+  CXML xml = Read("<!-- h --><r> <a x='1' /><!-- m --><b>t</b ><c><d/>&lt;d/><f/></c>\n</r><!-- t -->");
   Walk(xml, "/r");
   xml.AddChildElem("e", 5, 0);
   xml.IntoElem();
-  for (const char* name : {"^ /a", "^ /a", "^ /b"}) {
+  for (const char* name : {"^ /a", "^ /a", "^ /b", "^ /c > /d"}) {
     Walk(xml, name);
     EXPECT_EQ(xml.AddChildElem("n", 1, 0), 1);
   }
   EXPECT_EQ(xml.GetDoc(),
-            "<!-- h --><r> <a x='1' ><n>1</n><n>1</n></a><!-- m --><b>t<n>1</n></b ><c><d/></c>\n"
+            "<!-- h --><r> <a x='1' ><n>1</n><n>1</n></a><!-- m --><b>t<n>1</n></b ><c><d><n>1</n></d>&lt;d/><f/></c>\n"
             "<e>5</e></r><!-- t -->");
   CXML reader = Read(xml.GetDoc());
-  EXPECT_EQ(Walk(xml, ". a b c e"), Walk(reader, "a b c e"));
+  EXPECT_EQ(Walk(xml, ". a b c e /r > /c"), Walk(reader, "a b c e /r > /c"));
+  Walk(xml, ". c");
+  CXML part = xml.GetChildDoc();
+  Walk(part, "/c");
+  part.AddChildElem("n", 2, 0);
+  EXPECT_EQ(Walk(part, "> /d n") + part.GetDoc(), "|<n>1</n>|<c><d><n>1</n></d>&lt;d/><f/><n>2</n></c>");
 }
 
 TEST(Write, TheLimitsOfReadingHold) {

@@ -77,8 +77,7 @@ int CElement::ReadChildren(const char* szName, CRegChildren<T>& oChildren) {
   while (m_oXml.FindChildElem(szName) != 0) {
     std::unique_ptr<T> pChild(vktNew<T>());
     if (pChild == nullptr) return 0;
-    if (pChild->ReadPart(m_oXml.GetChildDoc()) == 0) continue;
-    if (!oChildren.Add(pChild.release())) throw std::bad_alloc();
+    if (pChild->ReadPart(m_oXml.GetChildDoc()) != 0) oChildren.Add(pChild.release());
   }
   return 1;
 }

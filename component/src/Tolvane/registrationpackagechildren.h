@@ -79,17 +79,15 @@ class CRegChildren {
     return Find(strKey, 0, m_vecChild.size());
   }
 
-  // Appends it and takes ownership; null is ignored. Without memory for the list it is deleted, and
-  // false.
-  bool Add(T* pChild) noexcept {
+  // Appends it and takes ownership; null is ignored. Without memory for the list it is deleted.
+  void Add(T* pChild) noexcept {
     std::unique_ptr<T> pOwned(pChild);
-    if (pOwned == nullptr) return true;
+    if (pOwned == nullptr) return;
     try {
       m_vecChild.push_back(std::move(pOwned));
     } catch (const std::bad_alloc&) {
-      return false;
+      // It is left out.
     }
-    return true;
   }
   void Clear() noexcept {
     RemoveIf([](const T&) { return true; });
