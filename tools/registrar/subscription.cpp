@@ -128,7 +128,10 @@ std::string Subscription::Write(const Outgoing& outgoing, const std::string& bra
   }
   std::string standing = outgoing.subscription_state;
   if (standing.empty()) {
-    standing = std::string(Word(state)) + ";expires=" + std::to_string(SecondsLeft(now));
+    // Only the last NOTIFY says that it is the last, also when this one still waits at the end.
+    const SubscriptionState told =
+        state == SubscriptionState::kTerminated ? SubscriptionState::kActive : state;
+    standing = std::string(Word(told)) + ";expires=" + std::to_string(SecondsLeft(now));
   }
   const std::string& event = outgoing.event.empty() ? event_ : outgoing.event;
   nsip_message_set_header(notify.get(), "Event", event.c_str());
