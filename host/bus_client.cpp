@@ -42,10 +42,13 @@ class RegDocument {
     document_.ResetPos();
     readable_ = document_.FindElem("reg") != 0 && document_.IntoElem() != 0;
   }
-  [[nodiscard]] std::string Text(const char* name) {
-    if (!readable_) return {};
+  [[nodiscard]] bool Has(const char* name) {
+    if (!readable_) return false;
     document_.ResetMainPos();
-    return document_.FindElem(name) != 0 ? document_.GetData() : std::string();
+    return document_.FindElem(name) != 0;
+  }
+  [[nodiscard]] std::string Text(const char* name) {
+    return Has(name) ? document_.GetData() : std::string();
   }
   [[nodiscard]] int Value(const char* name, int otherwise) { return Number(Text(name), otherwise); }
 
@@ -54,16 +57,26 @@ class RegDocument {
   bool readable_ = false;
 };
 
-Answer Execute(int command, CXML& in) {
+Answer Execute(int command, CXML& in, const char* target = kComponentIdentity) {
   Answer answer;
   answer.command = command;
   CXML out;
-  answer.result = XSExecuteCommand(kComponentIdentity, command, &in, &out);
+  answer.result = XSExecuteCommand(target, command, &in, &out);
   answer.document = out.GetDoc();
   return answer;
 }
 
 const char* Truth(bool value) { return value ? "true" : "false"; }
+
+bool LoadPlugIn(const char* name, const char* prefix, const char* identity, std::string& error) {
+  const std::string found = brunelib::LoadComponent(name, prefix, error);
+  if (found.empty()) return false;
+  if (found == identity) return true;
+  error = "the plug-in calls itself " + found + " instead of " + identity +
+          "; is it the right lib" + name + ".so?";
+  brunelib::UnloadComponent(found, std::chrono::seconds(1));
+  return false;
+}
 
 }  // namespace
 
@@ -77,6 +90,8 @@ Notice ReadNotice(int id, const std::string& document) {
   notice.warn_code = reg.Value("warncode", 0);
   notice.warn_text = reg.Text("warntext");
   notice.uri = reg.Text("uri");
+  // What tells of an answer has this element, though it may be empty.
+  notice.by_view = id == kNotifyDeregistered && !reg.Has("uri");
   notice.retry_after = reg.Value("retry-after", 0);
   notice.state = reg.Text("state");
   notice.event = reg.Text("event");
@@ -90,19 +105,21 @@ int ReadRegistrationId(const Answer& answer) {
 BusClient::BusClient(Inbox& inbox) : inbox_(inbox) { g_inbox.store(&inbox); }
 
 BusClient::~BusClient() {
-  Unload(std::chrono::seconds(1));
+  UnloadComponent(std::chrono::seconds(1));
+  UnloadSubscriptions(std::chrono::seconds(1));
   g_inbox.store(nullptr);
 }
 
-bool BusClient::Load(std::string& error) {
-  const std::string identity = brunelib::LoadComponent("Tolvane", "TOLVANE_XSC", error);
-  if (identity.empty()) return false;
-  loaded_ = true;
-  if (identity != kComponentIdentity) {
-    error = "the plug-in calls itself " + identity + " instead of " + kComponentIdentity +
-            "; is it the right libTolvane.so?";
-    brunelib::UnloadComponent(identity, std::chrono::seconds(1));
-    loaded_ = false;
+bool BusClient::Load(bool with_subscriptions, std::string& error) {
+  subscriptions_loaded_ =
+      with_subscriptions &&
+      LoadPlugIn("TolvaneSubscription", "SUBSCRIPTION_XSC", kSubscriptionIdentity, error);
+  if (subscriptions_loaded_ != with_subscriptions) return false;
+  loaded_ = LoadPlugIn("Tolvane", "TOLVANE_XSC", kComponentIdentity, error);
+  if (!loaded_) return false;
+  if (subscriptions_loaded_ &&
+      XSSubNotify(kSubscriptionIdentity, kNotifySubscriptionLife, OnNotification) != XS_OK) {
+    error = "the bus has no memory left for a subscription";
     return false;
   }
   for (const int id : kNotifications) {
@@ -124,10 +141,18 @@ Answer BusClient::SwitchLogOn(const LogOptions& log) {
   if (log.max_size) add("max-size", std::to_string(*log.max_size));
   if (log.files) add("file-count", std::to_string(*log.files));
   if (log.level) add("level", std::to_string(*log.level));
-  document += ">TRUE</log-switch></log>";
+  log_document_ = document + ">TRUE</log-switch></log>";
+  // The component's settings of the log hold for the service, too.
+  Answer answer = SwitchLogOn(kComponentIdentity);
+  if (answer.result != 0 || !subscriptions_loaded_) return answer;
+  answer.result = SwitchLogOn(kSubscriptionIdentity).result;
+  return answer;
+}
+
+Answer BusClient::SwitchLogOn(const char* target) const {
   CXML in;
-  in.SetDoc(std::string_view(document));
-  return Execute(kCommandLogSwitch, in);
+  in.SetDoc(std::string_view(log_document_));
+  return Execute(kCommandLogSwitch, in, target);
 }
 
 Answer BusClient::SetWorkDir(const std::string& directory) {
@@ -152,7 +177,7 @@ Answer BusClient::Register(const RegisterOptions& options) {
     in.AddChildElem("displayname", options.display_name.c_str(), 0);
   }
   in.AddChildElem("auto-refresh", Truth(options.auto_refresh), 0);
-  in.AddChildElem("subscribe", Truth(false), 0);
+  in.AddChildElem("subscribe", Truth(options.subscribe), 0);
   in.AddChildElem("auto-reregister", Truth(options.auto_reregister), 0);
   if (options.auto_reregister) {
     in.AddChildElem("reregister-interval", options.reregister_interval, 0);
@@ -175,11 +200,20 @@ Answer BusClient::Deregister(int registration) {
   return Execute(kCommandDeregister, in);
 }
 
-void BusClient::Unload(std::chrono::milliseconds deadline) {
+void BusClient::UnloadComponent(std::chrono::milliseconds deadline) {
   if (!loaded_) return;
   loaded_ = false;
   brunelib::UnloadComponent(kComponentIdentity, deadline);
   for (const int id : kNotifications) XSUnsubNotify(kComponentIdentity, id, OnNotification);
+}
+
+void BusClient::UnloadSubscriptions(std::chrono::milliseconds deadline) {
+  if (!subscriptions_loaded_) return;
+  subscriptions_loaded_ = false;
+  // The component has closed the log behind its own end; the subscriptions' ends are still to come.
+  if (!log_document_.empty()) (void)SwitchLogOn(kSubscriptionIdentity);
+  brunelib::UnloadComponent(kSubscriptionIdentity, deadline);
+  XSUnsubNotify(kSubscriptionIdentity, kNotifySubscriptionLife, OnNotification);
 }
 
 }  // namespace host

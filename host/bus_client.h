@@ -1,5 +1,5 @@
-// The host's end of the bus: loads the registration component, sends it commands, takes its
-// notifications.
+// The host's end of the bus: loads the registration component, and beside it the subscription
+// service where one is wanted, sends them commands, takes the component's notifications.
 #pragma once
 
 #include <chrono>
@@ -11,6 +11,7 @@
 namespace host {
 
 inline constexpr const char* kComponentIdentity = "{8836E13D-A307-43DF-8C88-B7783DC728BF}";
+inline constexpr const char* kSubscriptionIdentity = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
 inline constexpr int kCommandReadConfig = 2;
 inline constexpr int kCommandRegister = 3;
 inline constexpr int kCommandDeregister = 4;
@@ -22,6 +23,8 @@ inline constexpr int kNotifyOutcome = 0x1000;
 inline constexpr int kNotifyDeregistered = 0x1001;
 inline constexpr int kNotifyState = 0x1002;
 inline constexpr int kNotifyServiceLost = 0x1003;
+// The subscription service's: a subscription has ended for good.
+inline constexpr int kNotifySubscriptionLife = 0x1003;
 
 struct Answer {
   int command = 0;
@@ -38,6 +41,8 @@ struct Notice {
   int warn_code = 0;
   std::string warn_text;
   std::string uri;
+  // Of a deregistration: the registrar's own view has shown it, before the answer to the REGISTER.
+  bool by_view = false;
   int retry_after = 0;
   std::string state;  // "Active", "Terminate"
   std::string event;  // "timeout", "refreshed" ...
@@ -48,8 +53,8 @@ struct Notice {
 [[nodiscard]] int ReadRegistrationId(const Answer& answer);
 
 // One per process at a time. All calls on the main thread, which must run a KD loop between Load
-// and Unload: the component's timers live there. Notifications go to the inbox from the bus's
-// delivery thread.
+// and UnloadComponent: the component's timers live there. Notifications go to the inbox from the
+// bus's delivery thread.
 class BusClient {
  public:
   explicit BusClient(Inbox& inbox);
@@ -57,8 +62,10 @@ class BusClient {
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
 
-  [[nodiscard]] bool Load(std::string& error);
-  // Opens the log of the component; what it writes is complete when Unload has returned.
+  // The service is loaded only for those who use it: nobody else needs the file, waits for it at
+  // the end, or fails where it is missing.
+  [[nodiscard]] bool Load(bool with_subscriptions, std::string& error);
+  // Opens the log that both write into; what they write is complete when both are unloaded.
   [[nodiscard]] Answer SwitchLogOn(const LogOptions& log);
   // Where the configuration lies; ReadConfig has it read.
   [[nodiscard]] Answer SetWorkDir(const std::string& directory);
@@ -68,11 +75,18 @@ class BusClient {
   // Another attempt of a registration that the component still knows.
   [[nodiscard]] Answer RegisterAgain(int registration);
   [[nodiscard]] Answer Deregister(int registration);
-  void Unload(std::chrono::milliseconds deadline);
+  // The component first: what it still gives back, it gives back through the service.
+  void UnloadComponent(std::chrono::milliseconds deadline);
+  // Waits for the notifiers' last words, as long as the service does.
+  void UnloadSubscriptions(std::chrono::milliseconds deadline);
 
  private:
+  [[nodiscard]] Answer SwitchLogOn(const char* target) const;
+
   Inbox& inbox_;
   bool loaded_ = false;
+  bool subscriptions_loaded_ = false;
+  std::string log_document_;  // of the log switch; empty: no log
 };
 
 }  // namespace host

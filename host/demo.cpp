@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Domletlib/Domletlib.h"
 #include "host/output.h"
 #include "host/session.h"
 #include "host/signals.h"
@@ -19,6 +20,8 @@ namespace {
 constexpr int kWishedExpires = 2;  // too short for this registrar
 constexpr int kMinExpires = 4;     // so a refresh every two seconds
 constexpr int kRefreshes = 2;
+constexpr int kComesBackAfter = 1;
+constexpr std::chrono::seconds kSoon{2};
 constexpr std::chrono::seconds kTimeLimit{18};
 constexpr const char* kAor = "sip:alice@tolvane.example";
 
@@ -52,9 +55,27 @@ std::string Algorithm(const std::string& value) {
   return algorithm->value;
 }
 
-std::string ShortForm(const nsip_message& message) {
+// What a reginfo document says of the one contact in it.
+std::string ContactState(const std::string& body) {
+  CXML document;
+  if (document.SetDoc(std::string_view(body)) == 0) return "?";
+  document.ResetPos();
+  for (const char* name : {"reginfo", "registration"}) {
+    if (document.FindElem(name) == 0 || document.IntoElem() == 0) return "?";
+  }
+  if (document.FindElem("contact") == 0) return "no binding";
+  return document.GetAttrib("state") + ", " + document.GetAttrib("event");
+}
+
+std::string ShortForm(const nsip_message& message, bool sent) {
+  const std::string arrow = sent ? "-> " : "<- ";
+  if (message.sip_method == "NOTIFY") {
+    return arrow + "NOTIFY CSeq " + std::to_string(message.cseq_number) + ": binding " +
+           Printable(ContactState(message.body)) + "; subscription " +
+           Printable(HeaderValue(message, "Subscription-State"));
+  }
   if (message.status_code == 0) {
-    std::string text = "-> " + message.sip_method + " " +
+    std::string text = arrow + message.sip_method + " " +
                        (message.req_uri ? nsip_uri_text(*message.req_uri) : std::string("?")) +
                        " CSeq " + std::to_string(message.cseq_number) + " Expires " +
                        std::to_string(WishedExpires(message));
@@ -63,7 +84,7 @@ std::string ShortForm(const nsip_message& message) {
     return text;
   }
   std::string text =
-      "<- " + std::to_string(message.status_code) + " " + Printable(message.reason_phrase);
+      arrow + std::to_string(message.status_code) + " " + Printable(message.reason_phrase);
   if (const std::string wanted = HeaderValue(message, "Min-Expires"); !wanted.empty()) {
     text += " Min-Expires " + Printable(wanted);
   }
@@ -101,11 +122,11 @@ class RegistrarLog {
   std::vector<Request> requests_;
 };
 
-// Shows the session in short form, ends it after the second refresh, and remembers what it takes to
-// judge it.
+// Shows the session in short form, has the registrar take the binding out after the second refresh,
+// ends the session when it has come back, and remembers what it takes to judge it.
 class Demo : public SessionListener {
  public:
-  Demo(const RegisterOptions& options, const registrar::Registrar& registrar)
+  Demo(const RegisterOptions& options, registrar::Registrar& registrar)
       : options_(options), registrar_(registrar), start_(std::chrono::system_clock::now()) {}
 
   void SetSession(Session& session) { session_ = &session; }
@@ -115,11 +136,20 @@ class Demo : public SessionListener {
   }
 
   void OnNotification(WallTime time, const NotificationItem& /*item*/, const Notice& notice,
-                      bool unanswered) override {
-    Line(time, DescribeNotice(notice, options_, unanswered));
+                      Circumstances circumstances) override {
+    Line(time, DescribeNotice(notice, options_, circumstances));
+    const bool bound = registrar_.Bindings(kAor).size() == 1;
     if (notice.id == kNotifyOutcome && notice.result == 0) {
-      success_ = true;
-      bound_ = registrar_.Bindings(kAor).size() == 1;
+      if (removed_) {
+        back_ = heard_ && bound;
+        // So that the subscription is seen, too.
+        session_->EndIn(std::chrono::milliseconds(500));
+      } else {
+        bound_ = bound;
+      }
+    }
+    if (notice.id == kNotifyState && notice.state == "Terminate" && removed_ && !back_) {
+      heard_ = notice.event == "deactivated" && !bound && time - *removed_ < kSoon;
     }
     if (notice.id == kNotifyDeregistered && notice.result == 0) deregistered_ = true;
   }
@@ -128,7 +158,8 @@ class Demo : public SessionListener {
     std::string reason;
     const auto message = nsip_message_parse(item.text, reason);
     if (!message) return Line(time, "?? no SIP message: " + reason);
-    Line(time, ShortForm(*message));
+    Line(time, ShortForm(*message, item.sent));
+    if (message->cseq_method != "REGISTER" || removed_) return;
     if (item.sent) {
       wish_ = WishedExpires(*message);
       if (interval_too_brief_ && wish_ == kMinExpires) longer_wish_ = true;
@@ -138,10 +169,16 @@ class Demo : public SessionListener {
     if (message->status_code == 423) interval_too_brief_ = true;
     // The first 200 is the success, the following ones answer refreshes, until the wish is 0.
     if (message->status_code == 200 && wish_ > 0 && ++accepted_ == 1 + kRefreshes) {
-      Line(time, "Two refreshes have been answered; that is enough to see.");
-      // What the wire shows here is still on its way through the component; a deregistration that
-      // overtook it would take that answer for its own.
-      session_->EndIn(std::chrono::milliseconds(200));
+      removed_ = std::chrono::system_clock::now();
+      registrar::Order order;
+      order.event = registrar::ContactEvent::kDeactivated;
+      order.aor = kAor;
+      std::string error;
+      const bool done = registrar_.Apply(order, error);
+      Line(*removed_, done
+                          ? "Two refreshes have been answered. Now the registrar takes the binding "
+                            "out, and nothing but its NOTIFY tells."
+                          : "The registrar could not take the binding out: " + error);
     }
   }
 
@@ -161,12 +198,13 @@ class Demo : public SessionListener {
       output_.Write(std::string(kept ? "  yes  " : "  NO   ") + text + "\n");
       all = all && kept;
     };
-    bool one_call = !requests.empty();
+    int calls = 0;
     bool rising = true;
     int authorised_refreshes = 0;
     for (std::size_t i = 0; i < requests.size(); ++i) {
-      one_call = one_call && requests[i].call_id == requests.front().call_id;
-      rising = rising && (i == 0 || requests[i].cseq > requests[i - 1].cseq);
+      const bool new_call = i == 0 || requests[i].call_id != requests[i - 1].call_id;
+      if (new_call) ++calls;
+      rising = rising && (new_call || requests[i].cseq > requests[i - 1].cseq);
       if (requests[i].authorised && requests[i].expires == kMinExpires) ++authorised_refreshes;
     }
     const auto took = std::chrono::system_clock::now() - start_;
@@ -175,13 +213,17 @@ class Demo : public SessionListener {
                 authorised_refreshes > 0,
             "the registrar's challenge was answered with digest");
     promise(interval_too_brief_ && longer_wish_, "a 423 was answered with a longer expiry");
-    promise(success_ && bound_, "the registration succeeded, and the registrar held one binding");
+    promise(bound_, "the registration succeeded, and the registrar held one binding");
     promise(accepted_ >= 1 + kRefreshes && authorised_refreshes >= 1 + kRefreshes,
             "two refreshes were sent in time and answered");
-    promise(one_call && rising, "all requests had one Call-ID and a rising CSeq");
+    promise(heard_, "the registrar took the binding out, and within two seconds that was known");
+    promise(back_, "it was registered anew, and the registrar held one binding again");
+    promise(calls == 2 && rising,
+            "each of the two registrations had one Call-ID and a rising CSeq");
     promise(deregistered_ && session_status == kExitOk && !requests.empty() &&
-                requests.back().expires == 0 && registrar_.Bindings(kAor).empty(),
-            "the deregistration was answered, and no binding was left");
+                requests.back().expires == 0 && registrar_.Bindings(kAor).empty() &&
+                registrar_.Subscriptions(kAor).empty(),
+            "the deregistration was answered, and neither binding nor subscription was left");
     promise(took < std::chrono::seconds(20), "all of it took less than 20 seconds");
     return all;
   }
@@ -190,7 +232,7 @@ class Demo : public SessionListener {
 
  private:
   const RegisterOptions& options_;
-  const registrar::Registrar& registrar_;
+  registrar::Registrar& registrar_;
   const WallTime start_;
   Session* session_ = nullptr;
   Output output_;
@@ -199,8 +241,10 @@ class Demo : public SessionListener {
   bool challenged_ = false;
   bool interval_too_brief_ = false;
   bool longer_wish_ = false;
-  bool success_ = false;
   bool bound_ = false;
+  std::optional<WallTime> removed_;  // the registrar has taken the binding out
+  bool heard_ = false;
+  bool back_ = false;
   bool deregistered_ = false;
 };
 
@@ -220,6 +264,9 @@ int RunDemo() {
   options.expires = kWishedExpires;
   options.display_name = "Alice";
   options.user_agent = "tolvane-demo";
+  options.subscribe = true;
+  options.auto_reregister = true;
+  options.reregister_interval = kComesBackAfter;
   options.auth_user = "alice";
   options.auth_password = "wonderland";
   options.local_address = "127.0.0.1";

@@ -22,6 +22,8 @@ constexpr const char* kExamples = R"(Examples:
   tolvane register --aor sip:alice@example.com --registrar "sip:[2001:db8::1]" \
       --auto-reregister --reregister-interval 30 --duration 3600 --json
       For one hour, over IPv6; a lost registration is brought back; one JSON object a line.
+  tolvane register --aor sip:alice@example.com --registrar sip:example.com --subscribe
+      Tells at once when the registrar ends the binding, and ends then.
   tolvane check-config --work-dir /etc/tolvane
       Shows the templates in /etc/tolvane/TOLVANE.xml, or what is wrong with them and where.
   tolvane register --aor sip:alice@example.com --registrar sip:example.com \
@@ -75,8 +77,12 @@ void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
   app.add_option("--user-agent", o.user_agent, "text of the User-Agent header")->type_name("TEXT");
   app.add_flag("--auto-refresh,!--no-auto-refresh", o.auto_refresh,
                "refresh the binding before it ends (on unless switched off)");
+  app.add_flag("--subscribe", o.subscribe,
+               "follow the registrar's own view of the binding (event package \"reg\"): hear of it "
+               "when the registrar ends or changes it");
   app.add_flag("--auto-reregister", o.auto_reregister,
-               "bring a registration back that got lost; needs --reregister-interval");
+               "bring a registration back that got lost, or that the registrar ended (unless it "
+               "rejects it); needs --reregister-interval");
   app.add_option("--reregister-interval", raw.interval, "seconds between attempts to bring it back")
       ->type_name("S");
   app.add_option("--auth-user", o.auth_user, "user name for digest authentication")

@@ -32,6 +32,7 @@ struct RegisterOptions {
   std::string display_name;
   std::string user_agent;
   bool auto_refresh = true;
+  bool subscribe = false;
   bool auto_reregister = false;
   int reregister_interval = 0;
   std::string auth_user;  // empty: no digest

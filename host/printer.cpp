@@ -27,8 +27,8 @@ void EventPrinter::OnAnswer(WallTime time, const Answer& answer) {
 }
 
 void EventPrinter::OnNotification(WallTime time, const NotificationItem& item, const Notice& notice,
-                                  bool unanswered) {
-  if (!options_.json) return Line(time, DescribeNotice(notice, options_, unanswered));
+                                  Circumstances circumstances) {
+  if (!options_.json) return Line(time, DescribeNotice(notice, options_, circumstances));
   output_.Write(JsonLine({{"event", "notification"},
                           {"id", item.id},
                           {"source", item.source},

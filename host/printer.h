@@ -15,7 +15,7 @@ class EventPrinter : public SessionListener {
 
   void OnAnswer(WallTime time, const Answer& answer) override;
   void OnNotification(WallTime time, const NotificationItem& item, const Notice& notice,
-                      bool unanswered) override;
+                      Circumstances circumstances) override;
   void OnTrace(WallTime time, const TraceItem& item) override;
   void OnRemark(WallTime time, const std::string& text) override;
 

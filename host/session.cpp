@@ -1,5 +1,7 @@
 #include "host/session.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -27,6 +29,21 @@ constexpr auto kUnloadDeadline = 3s;
 constexpr auto kStopDeadline = 5s;
 constexpr auto kHurriedDeadline = 200ms;
 
+// Whether a message belongs to a REGISTER, by the method in its CSeq (RFC 3261 §8.1.1.5).
+bool OfRegister(std::string_view message) {
+  constexpr std::string_view kName = "CSeq";
+  while (!message.empty()) {
+    std::string_view line = message.substr(0, message.find("\r\n"));
+    if (line.empty()) return false;  // the end of the headers
+    message.remove_prefix(std::min(line.size() + 2, message.size()));
+    if (line.size() > kName.size() && strncasecmp(line.data(), kName.data(), kName.size()) == 0 &&
+        std::string_view(" \t:").find(line[kName.size()]) != std::string_view::npos) {
+      return line.substr(0, line.find_last_not_of(" \t") + 1).ends_with("REGISTER");
+    }
+  }
+  return false;
+}
+
 std::int64_t After(std::chrono::nanoseconds time) { return vorelkd::Now() + time.count(); }
 
 }  // namespace
@@ -40,7 +57,7 @@ int Session::Run() {
     std::fprintf(stderr, "tolvane: the network could not be started: %s\n", error.c_str());
     return kExitNoStart;
   }
-  if (bus_.Load(error) && Prepare(error)) {
+  if (bus_.Load(options_.subscribe, error) && Prepare(error)) {
     Loop();
     // What the end has left in this thread's queue (a timer to stop) is done before the plug-in
     // goes.
@@ -49,14 +66,22 @@ int Session::Run() {
     std::fprintf(stderr, "tolvane: the plug-in could not be started: %s\n", error.c_str());
     status_ = kExitNoStart;
   }
-  bus_.Unload(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline));
-  sipcarrier::Stop(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kStopDeadline));
+  Unload();
   brunelib::Shutdown(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline));
   DrainInbox();  // the trace of the last messages
   if (inbox_.lost() != 0) {
     Remark(std::to_string(inbox_.lost()) + " messages could not be shown for lack of memory.");
   }
   return status_;
+}
+
+void Session::Unload() {
+  const auto deadline = hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline);
+  bus_.UnloadComponent(deadline);
+  // The last words of a notifier take the stack. Without it nothing is left to wait for.
+  if (!hurry_) bus_.UnloadSubscriptions(deadline);
+  sipcarrier::Stop(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kStopDeadline));
+  bus_.UnloadSubscriptions(deadline);
 }
 
 bool Session::StartStack(std::string& error) {
@@ -69,7 +94,7 @@ bool Session::StartStack(std::string& error) {
     config.credentials.push_back({{}, {}, options_.auth_user, options_.auth_password});
   }
   config.trace = [this](const sipcarrier::TraceRecord& record) {
-    if (!record.sent) NoteStatus(record.text);
+    if (!record.sent) NoteReceived(record.text);
     if (!options_.trace) return;
     try {
       inbox_.Push(TraceItem{record.sent, record.local, record.remote, std::string(record.text)});
@@ -80,14 +105,16 @@ bool Session::StartStack(std::string& error) {
   return sipcarrier::Start(config, error) == 0;
 }
 
-// The notification of a deregistration does not say how it was answered; the wire does.
-void Session::NoteStatus(std::string_view message) noexcept {
+// The notification of a deregistration does not say how the REGISTER was answered; the wire does.
+void Session::NoteReceived(std::string_view message) noexcept {
   constexpr std::string_view kVersion = "SIP/2.0 ";
   int status = 0;
-  if (!message.starts_with(kVersion)) return;
+  if (!message.starts_with(kVersion) || !OfRegister(message)) return;
   message.remove_prefix(kVersion.size());
   std::from_chars(message.data(), message.data() + message.size(), status);
-  if (status >= 200) last_status_ = status;
+  if (status < 200) return;
+  last_status_ = status;
+  ++answers_;
 }
 
 // The log comes first, so that it holds the reading of the configuration as well. It is not
@@ -155,17 +182,20 @@ void Session::Handle(const InboxItem& item) {
 }
 
 void Session::OnNotice(WallTime time, const NotificationItem& item) {
+  if (item.source == kSubscriptionIdentity) return OnSubscriptionOver();
   const Notice notice = ReadNotice(item.id, item.document);
-  listener_.OnNotification(time, item, notice, Unanswered(notice));
+  listener_.OnNotification(
+      time, item, notice, {Unanswered(notice), phase_ == Phase::kEnding || phase_ == Phase::kDone});
   if (phase_ == Phase::kDone || notice.registration != registration_) return;
   switch (notice.id) {
     case kNotifyOutcome:
       OnOutcome(notice);
       break;
     case kNotifyDeregistered:
-      OnDeregistered();
+      OnDeregistered(notice);
       break;
     case kNotifyState:
+      view_missed_ = false;
       if (notice.state != "Active") OnLost(notice);
       break;
     default:
@@ -173,34 +203,60 @@ void Session::OnNotice(WallTime time, const NotificationItem& item) {
   }
 }
 
+// Each success asks for the subscription again; a registrar without such a thing is told of once.
+void Session::OnSubscriptionOver() {
+  if (phase_ != Phase::kRegistered || view_missed_) return;
+  view_missed_ = true;
+  Remark(
+      "The registrar does not tell its own view of the binding, or has stopped to; it is asked "
+      "again with every refresh.");
+}
+
 void Session::OnOutcome(const Notice& notice) {
-  if (notice.result != 0) return Finish(kExitFailed);
+  if (notice.result != 0) {
+    // Silence ends an attempt to come back, but not the wish; a refusal does.
+    if (phase_ != Phase::kLost || notice.error_code != 0) return Finish(kExitFailed);
+    forgotten_ = true;
+    return LoseRegistration(options_.reregister_interval);
+  }
   was_registered_ = true;
+  forgotten_ = false;
   again_at_.reset();
   if (phase_ != Phase::kEnding) phase_ = Phase::kRegistered;
 }
 
 void Session::OnLost(const Notice& notice) {
   if (phase_ == Phase::kEnding || !options_.auto_reregister) return Finish(kExitFailed);
-  phase_ = Phase::kLost;
+  if (!RegistrarsEnd(notice.event).empty()) {
+    if (notice.event == kRejected) return Finish(kExitFailed);
+    forgotten_ = true;
+    return LoseRegistration(options_.reregister_interval);
+  }
   // After silence the component tries again by itself, but it gives up without a word when the
   // registrar then refuses; after a refusal it waits for a new command. Asking again under the same
   // id covers both: the answer tells when the component no longer knows the registration.
-  const std::int64_t seconds =
-      notice.event == "timeout"
-          ? std::max(4 * std::int64_t{options_.reregister_interval}, std::int64_t{60})
-          : std::max(options_.reregister_interval, notice.retry_after);
+  LoseRegistration(notice.event == "timeout"
+                       ? std::max(4 * std::int64_t{options_.reregister_interval}, std::int64_t{60})
+                       : std::max(options_.reregister_interval, notice.retry_after));
+}
+
+void Session::LoseRegistration(std::int64_t seconds) {
+  phase_ = Phase::kLost;
   again_at_ = After(std::chrono::seconds(seconds));
 }
 
 void Session::AskAgain() {
   const WallTime time = std::chrono::system_clock::now();
-  const Answer answer = bus_.RegisterAgain(registration_);
+  again_at_.reset();
+  const Answer answer = forgotten_ ? bus_.Register(options_) : bus_.RegisterAgain(registration_);
   listener_.OnAnswer(time, answer);
+  if (forgotten_) registration_ = ReadRegistrationId(answer);
   if (answer.result != 0) {
     Remark("The registrar does not take the registration back; giving up.");
     return Finish(kExitFailed);
   }
+  // The outcome of a new registration is always told.
+  if (forgotten_) return;
   again_at_ = After(std::chrono::seconds(std::max(options_.reregister_interval, 40)));
 }
 
@@ -208,7 +264,7 @@ void Session::BeginEnd() {
   phase_ = Phase::kEnding;
   end_at_.reset();
   again_at_.reset();
-  received_at_end_ = sipcarrier::GetCounters().received;
+  answers_at_end_ = answers_;
   timeouts_at_end_ = sipcarrier::GetCounters().timeouts;
   const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Deregister(registration_);
@@ -251,32 +307,33 @@ std::int64_t Session::NextWait() const {
   return std::max<std::int64_t>(next - vorelkd::Now(), 0);
 }
 
-void Session::OnDeregistered() {
-  if (phase_ != Phase::kEnding || !was_registered_ || DeregistrationUnanswered()) {
+void Session::OnDeregistered(const Notice& notice) {
+  if (phase_ != Phase::kEnding || !was_registered_ || DeregistrationUnanswered(notice)) {
     return Finish(kExitFailed);
   }
   const int status = last_status_;
-  if (status < 300) return Finish(kExitOk);
+  if (notice.by_view || status < 300) return Finish(kExitOk);
   Remark("The registrar refused to take the binding out (" + std::to_string(status) +
          "); it ends when its time is over.");
   Finish(kExitFailed);
 }
 
 bool Session::Unanswered(const Notice& notice) {
-  if (notice.id == kNotifyDeregistered) return DeregistrationUnanswered();
+  if (notice.id == kNotifyDeregistered) return DeregistrationUnanswered(notice);
   const std::uint64_t timeouts = sipcarrier::GetCounters().timeouts;
   const bool grown = timeouts > timeouts_seen_;
   timeouts_seen_ = timeouts;
   return grown;
 }
 
-// The notification does not tell; but when a REGISTER has been given up, or nothing has been
-// received since the command, nobody has answered. The answer to an earlier REGISTER may have
-// caused the notification, so the right one gets a moment to arrive.
-bool Session::DeregistrationUnanswered() const {
+// The notification does not tell; but when a REGISTER has been given up, or none has been answered
+// since the command, nobody has answered. The answer to an earlier REGISTER may have caused the
+// notification, so the right one gets a moment to arrive.
+bool Session::DeregistrationUnanswered(const Notice& notice) const {
+  if (notice.by_view) return false;
   if (sipcarrier::GetCounters().timeouts > timeouts_at_end_) return true;
   for (int i = 0; i < 50; ++i) {
-    if (sipcarrier::GetCounters().received != received_at_end_) return false;
+    if (answers_ != answers_at_end_) return false;
     if (hurry_) break;
     std::this_thread::sleep_for(10ms);
   }

@@ -10,6 +10,7 @@
 #include "host/bus_client.h"
 #include "host/inbox.h"
 #include "host/options.h"
+#include "host/words.h"
 
 namespace host {
 
@@ -19,12 +20,12 @@ class SessionListener {
   virtual ~SessionListener() = default;
   virtual void OnAnswer(WallTime time, const Answer& answer) = 0;
   virtual void OnNotification(WallTime time, const NotificationItem& item, const Notice& notice,
-                              bool unanswered) = 0;
+                              Circumstances circumstances) = 0;
   virtual void OnTrace(WallTime time, const TraceItem& item) = 0;
   virtual void OnRemark(WallTime time, const std::string& text) = 0;
 };
 
-// Starts the SIP stack and the plug-in, registers, waits, deregisters, stops both. One per process
+// Starts the SIP stack and the plug-ins, registers, waits, deregisters, stops all. One per process
 // at a time, on the thread that made the inbox; that thread's KD loop runs inside Run.
 // SIGHUP reads the templates anew where there are some; otherwise it ends the session like SIGTERM.
 class Session {
@@ -42,13 +43,15 @@ class Session {
   enum class Phase { kRegistering, kRegistered, kLost, kEnding, kDone };
 
   [[nodiscard]] bool StartStack(std::string& error);
-  void NoteStatus(std::string_view message) noexcept;
-  void OnDeregistered();
+  void NoteReceived(std::string_view message) noexcept;
+  void Unload();
+  void OnDeregistered(const Notice& notice);
   [[nodiscard]] bool Prepare(std::string& error);
   void ReloadConfig();
   void Loop();
   void Handle(const InboxItem& item);
   void OnNotice(WallTime time, const NotificationItem& item);
+  void OnSubscriptionOver();
   void OnOutcome(const Notice& notice);
   void OnLost(const Notice& notice);
   void BeginEnd();
@@ -57,7 +60,8 @@ class Session {
   [[nodiscard]] std::int64_t NextWait() const;  // nanoseconds
   void DrainInbox();
   [[nodiscard]] bool Unanswered(const Notice& notice);
-  [[nodiscard]] bool DeregistrationUnanswered() const;
+  void LoseRegistration(std::int64_t seconds);
+  [[nodiscard]] bool DeregistrationUnanswered(const Notice& notice) const;
   void Remark(const std::string& text);
   void Finish(int status);
 
@@ -69,13 +73,16 @@ class Session {
   int status_ = 1;
   int registration_ = -1;
   bool was_registered_ = false;
+  bool forgotten_ = false;  // lost, and the component no longer knows it
   bool end_requested_ = false;
-  bool hurry_ = false;  // a second signal: wait for nobody
+  bool hurry_ = false;        // a second signal: wait for nobody
+  bool view_missed_ = false;  // there is no subscription, and that has been told
   std::uint64_t timeouts_seen_ = 0;
-  std::uint64_t received_at_end_ = 0;
+  std::uint64_t answers_at_end_ = 0;
   std::uint64_t timeouts_at_end_ = 0;
-  std::atomic<int> last_status_{
-      0};  // of the last final response on the wire; written by the stack's thread
+  // Written by the stack's thread.
+  std::atomic<std::uint64_t> answers_{0};  // final ones, to a REGISTER
+  std::atomic<int> last_status_{0};        // of the last of them
   // On the clock of the KD timers; nothing: no such deadline.
   std::optional<std::int64_t> end_at_;      // --duration is over, or the listener has seen enough
   std::optional<std::int64_t> give_up_at_;  // the wait for the deregistration's answer

@@ -71,8 +71,11 @@ std::string DescribeFailure(const Notice& notice, const RegisterOptions& options
   return text;
 }
 
-std::string DescribeState(const Notice& notice, const RegisterOptions& options) {
-  if (notice.state == "Active") return "The registration stands (" + Printable(notice.event) + ").";
+std::string DescribeState(const Notice& notice, const RegisterOptions& options, bool ending) {
+  const std::string event = Printable(notice.event);
+  if (notice.state == "Active")
+    return "The registrar's own view: the binding stands (" + event + ").";
+  if (ending) return "The registrar's own view: the binding is gone (" + event + ").";
   std::string text = "Registration lost: ";
   if (notice.event == "timeout") {
     text += "a refresh was not answered, or could not be sent.";
@@ -82,7 +85,12 @@ std::string DescribeState(const Notice& notice, const RegisterOptions& options) 
   } else if (notice.event == "refreshed") {
     text += "the registrar refused a refresh.";
   } else {
-    text += "the registrar ended it (" + Printable(notice.event) + ").";
+    text += std::string(RegistrarsEnd(notice.event)) + " (" + event + ").";
+    if (!options.auto_reregister) {
+      text += " Without --auto-reregister that is the end.";
+    } else if (notice.event != kRejected) {
+      text += " It is registered anew in " + Seconds(options.reregister_interval) + ".";
+    }
   }
   return text + Reason(notice);
 }
@@ -116,24 +124,41 @@ std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options)
   }
 }
 
-std::string DescribeNotice(const Notice& notice, const RegisterOptions& options, bool unanswered) {
+std::string_view RegistrarsEnd(std::string_view event) {
+  static constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kWords{{
+      {"expired", "the registrar says that the binding's time is over"},
+      {"deactivated", "the registrar has taken the binding out and asks for a new one"},
+      {"probation", "the registrar has taken the binding out for a while"},
+      {"unregistered", "the binding has been taken out at the registrar"},
+      {kRejected, "the registrar does not allow the binding any more"},
+      {"shorted", "the registrar has cut the binding short, and no REGISTER could be sent"},
+  }};
+  for (const auto& [word, meaning] : kWords) {
+    if (word == event) return meaning;
+  }
+  return {};
+}
+
+std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
+                           Circumstances circumstances) {
   switch (notice.id) {
     case kNotifyOutcome:
-      if (notice.result != 0) return DescribeFailure(notice, options, unanswered);
+      if (notice.result != 0) return DescribeFailure(notice, options, circumstances.unanswered);
       return "Registered: the registrar holds a binding for " +
              Printable(notice.uri.empty() ? options.aor : notice.uri) + "." +
              (options.auto_refresh
                   ? " It is refreshed before it ends."
                   : " It is not refreshed and ends after the seconds that were granted.");
     case kNotifyDeregistered:
-      if (unanswered) {
+      if (circumstances.unanswered) {
         return "Deregistered here, but nobody answered: the registrar may keep the binding until "
                "its time is "
                "over.";
       }
-      return "Deregistered: the registrar has answered.";
+      return notice.by_view ? "Deregistered: the registrar's own view shows it."
+                            : "Deregistered: the registrar has answered.";
     case kNotifyState:
-      return DescribeState(notice, options);
+      return DescribeState(notice, options, circumstances.ending);
     case kNotifyServiceLost:
       return "The registrar has lost the service (533); a new registration went out at once.";
     default:

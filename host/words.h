@@ -11,11 +11,19 @@
 namespace host {
 
 [[nodiscard]] std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options);
-// `unanswered`: the stack waited in vain (true), or could not send at all (false). It matters only
-// for failures without a status, and for a deregistration, where true means that nobody answered
-// it.
+// What a notification does not say itself.
+struct Circumstances {
+  // The stack waited in vain (true), or could not send at all (false). It matters only for failures
+  // without a status, and for a deregistration, where true means that nobody answered it.
+  bool unanswered = false;
+  bool ending = false;  // the registration has been given back, or is about to be
+};
 [[nodiscard]] std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
-                                         bool unanswered);
+                                         Circumstances circumstances);
+// The word of a state notification in words: that the registrar itself, as its documents tell, has
+// ended the registration (RFC 3680 §5.1), which the component then has forgotten. Empty for others.
+inline constexpr std::string_view kRejected = "rejected";  // the one end that is meant for good
+[[nodiscard]] std::string_view RegistrarsEnd(std::string_view event);
 // "Forbidden" for 403 ...; the class's words for a status without words of its own.
 [[nodiscard]] std::string_view StatusWords(int status);
 

@@ -63,11 +63,11 @@ expect_line() {  # PATTERN FILE WHAT
   grep -qE -- "$1" "$2" || fail "$3: no line matches $1"
 }
 
-# start_registrar NAME ARGUMENT...: sets uri and registrar_pid
+# start_registrar NAME ARGUMENT...: sets uri and registrar_pid; its input is $registrar_in
 start_registrar() {
   local log="$dir/$1.log"
   shift
-  "$registrar" --port 0 --verbose "$@" >"$log" 2>&1 &
+  "$registrar" --port 0 --verbose "$@" <"${registrar_in:-/dev/null}" >"$log" 2>&1 &
   registrar_pid=$!
   pids+=("$registrar_pid")
   wait_for 10 '^listening on ' "$log" || exit 1
@@ -212,6 +212,16 @@ case_no_start() {
   status=$?
   expect_status 3 "no plug-in"
   expect_line 'plug-in could not be started.*libTolvane\.so' "$dir/plugin.err" "no plug-in"
+
+  cp "$(dirname "$tolvane")"/../lib/*.so* "$dir/lib/"
+  rm "$dir/lib/libTolvaneSubscription.so"
+  "$dir/bin/tolvane" register --aor sip:a@b --registrar sip:127.0.0.1:9 --subscribe 2>"$dir/service.err"
+  status=$?
+  expect_status 3 "no subscription service"
+  expect_line 'plug-in could not be started.*libTolvaneSubscription\.so' "$dir/service.err" "no subscription service"
+  "$dir/bin/tolvane" register --aor sip:a@b --registrar sip:127.0.0.1:9 --duration 1 >"$dir/without.out" 2>&1
+  status=$?
+  expect_status 1 "no subscription service, and none is wanted"
 }
 
 case_failures() {
@@ -340,7 +350,9 @@ case_demo() {
   expect_line '<- 423 Interval Too Brief Min-Expires 4' "$dir/demo.out" "demo"
   expect_line '<- 200 OK expires=4' "$dir/demo.out" "demo"
   expect_line '-> REGISTER .* Expires 0' "$dir/demo.out" "demo"
-  [[ $(grep -c '^  yes  ' "$dir/demo.out") == 7 ]] || fail "demo: not all promises kept"
+  expect_line '<- NOTIFY .*binding terminated, deactivated' "$dir/demo.out" "demo"
+  expect_line 'Registration lost: .*\(deactivated\)' "$dir/demo.out" "demo"
+  [[ $(grep -c '^  yes  ' "$dir/demo.out") == 9 ]] || fail "demo: not all promises kept"
 }
 
 # write_config HEADER-LINE...: one template; the first header stands in line 3
@@ -567,16 +579,191 @@ case_log() {
   [[ ! -e $long && ! -e 'a\b' ]] || fail "a directory was made for a log that was refused"
 }
 
+# start_ordered NAME ARGUMENT...: a registrar that takes orders
+start_ordered() {
+  mkfifo "$dir/$1.fifo"
+  exec {orders}<>"$dir/$1.fifo"
+  orders_log="$dir/$1.log"
+  registrar_in="$dir/$1.fifo" start_registrar "$@" --orders
+}
+
+# order LINE: its answer in $answer
+order() {
+  local before i
+  before=$(grep -cE '^(done|error): ' "$orders_log")
+  echo "$1" >&"$orders"
+  for ((i = 0; i < 200; ++i)); do
+    (($(grep -cE '^(done|error): ' "$orders_log") > before)) && break
+    sleep 0.05
+  done
+  answer=$(grep -E '^(done|error): ' "$orders_log" | tail -n 1)
+  [[ $answer == done:* ]] || fail "order \"$1\": $answer"
+}
+
+nothing_left() {  # WHAT
+  order list
+  [[ $answer == 'done: 0 bindings, 0 subscriptions' ]] || fail "$1: the registrar still holds something: $answer"
+}
+
+# expect_states FILE STATE,EVENT...: these state notifications and no others
+expect_states() {
+  local file=$1 found
+  shift
+  found=$(sed -n 's/.*"id":4098,.*<state>\(.*\)<\/state><event>\(.*\)<\/event>.*/\1,\2/p' "$file" | xargs)
+  [[ $found == "$*" ]] || fail "${file##*/}: state notifications \"$found\" instead of \"$*\""
+}
+
+# expect_registers COUNT: until the registrar has taken so many REGISTER requests
+expect_registers() {
+  local i
+  for ((i = 0; i < 200; ++i)); do
+    (($(grep -c 'REGISTER .* -> 200' "$orders_log") >= $1)) && return
+    sleep 0.05
+  done
+  fail "no REGISTER number $1"
+}
+
+# What the registrar does to a binding, and what is heard of it.
+follow() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
+  local name=$1 theirs=() pair aor=sip:alice@example.com contact count end
+  shift
+  while [[ $1 != -- ]]; do
+    theirs+=("$1")
+    shift
+  done
+  shift
+  echo "follow: $name"
+  start_ordered "$name" "${theirs[@]}"
+
+  start_tolvane "$name" --json --subscribe "$@"
+  wait_for 10 'Active.*registered' "$dir/$name.out"
+  order "refresh $aor"
+  order list
+  contact=$(sed -n "s/^binding $aor \\([^ ,]*\\), .*/\\1/p" "$orders_log" | tail -n 1)
+  order "create $aor $contact"
+  wait_for 10 'Active.*created' "$dir/$name.out"
+  # Somebody else's binding comes and goes: of the own one the last word is told once more each time.
+  order "create $aor sip:other@127.0.0.1:9"
+  order "unregister $aor sip:other@127.0.0.1:9"
+  count=$(grep -c 'REGISTER .* -> 200' "$orders_log")
+  order "shorten $aor 100 $contact"
+  expect_registers $((count + 1))
+  kill -INT "$tolvane_pid"
+  wait_exit 15 "$tolvane_pid"
+  expect_status 0 "$name: deregistered"
+  nothing_left "$name: deregistered"
+  local states=(Active,registered Active,created Active,created Active,created)
+  # The registrar's view may be faster than its answer.
+  grep -q Terminate "$dir/$name.out" && states+=(Terminate,unregistered)
+  expect_states "$dir/$name.out" "${states[@]}"
+  expect_line '"id":4097,' "$dir/$name.out" "$name: deregistered"
+
+  for pair in expire,expired deactivate,deactivated probation,probation unregister,unregistered reject,rejected; do
+    end="$name-${pair%,*}"
+    start_tolvane "$end" --json --subscribe "$@"
+    wait_for 10 'Active.*registered' "$dir/$end.out"
+    order "${pair%,*} $aor"
+    wait_exit 10 "$tolvane_pid"
+    expect_status 1 "$end"
+    nothing_left "$end"
+    expect_states "$dir/$end.out" Active,registered "Terminate,${pair#*,}"
+    [[ ! -s $dir/$end.err ]] || fail "$end: something was said on the standard error"
+  done
+  stop_registrar
+  exec {orders}>&-
+}
+
+case_subscribe() {
+  local secret="$dir/secret"
+  echo secret >"$secret"
+  follow proper -- --local 127.0.0.1:0
+  follow partial --documents partial --versions zero --user alice --password-file "$secret" -- \
+    --auth-user alice --auth-password-file "$secret"
+  follow own_way --versions aor --contact-ids fresh --
+}
+
+case_subscribe_ends() {
+  cd "$dir" || exit 1
+  local aor=sip:alice@example.com i n
+  start_ordered ends
+  echo "in words, with a log"
+  start_tolvane words --subscribe --log-dir log --log-level 2
+  wait_for 10 "own view: the binding stands (registered)" words.out
+  order "probation $aor 30"
+  wait_exit 10 "$tolvane_pid"
+  expect_status 1 "the registrar ended it"
+  expect_line 'Registration lost: .*for a while \(probation\).*--auto-reregister' words.out "in words"
+  expect_line 'subscription 1 begins: sip:alice' log/Tolvane.log "the service's log"
+  expect_line 'subscription 1 has ended: ' log/Tolvane.log "the service's log, to its end"
+  expect_log log/Tolvane.log "$tolvane_pid"
+
+  echo "registered anew, but not where that is not wanted"
+  start_tolvane anew --subscribe --auto-reregister --reregister-interval 1
+  for i in 1 2 3; do
+    for ((n = 0; n < 200; ++n)); do
+      [[ $(grep -c 'view: the binding stands' anew.out) == "$i" ]] && break
+      sleep 0.05
+    done
+    ((n < 200)) || fail "registration $i is not seen in the registrar's view"
+    case $i in
+      1) order "deactivate $aor" ;;
+      2) order "unregister $aor" ;;
+      3) order "reject $aor" ;;
+    esac
+  done
+  wait_exit 10 "$tolvane_pid"
+  expect_status 1 "rejected"
+  [[ $(grep -c 'anew in 1 s' anew.out) == 2 ]] || fail "anew more or less often than twice"
+  nothing_left "rejected"
+
+  echo "the registrar ends it while it is being given back"
+  for i in 1 2 3; do
+    start_tolvane "both$i" --subscribe
+    wait_for 10 'binding stands' "both$i.out"
+    kill -STOP "$registrar_pid"
+    kill -INT "$tolvane_pid"
+    wait_for 10 'Deregistering' "both$i.out"
+    # Which of them is served first is chance.
+    echo "unregister $aor" >&"$orders"
+    kill -CONT "$registrar_pid"
+    wait_exit 15 "$tolvane_pid"
+    expect_status 0 "ended from both sides"
+    [[ $(grep -c 'Deregistered: ' "both$i.out") == 1 ]] || fail "the deregistration is told more or less than once"
+    ! grep -q 'lost' "both$i.out" || fail "what was given back is no loss"
+    nothing_left "ended from both sides"
+  done
+
+  echo "no view to be had"
+  order "refuse-subscribe 489"
+  start_tolvane none --subscribe
+  wait_for 10 'does not tell its own view' none.out
+  kill -INT "$tolvane_pid"
+  wait_exit 10 "$tolvane_pid"
+  expect_status 0 "no view to be had"
+  nothing_left "no view to be had"
+  stop_registrar
+}
+
+have_ipv6() {
+  if [[ ! -e /proc/net/if_inet6 ]] || ! grep -q '^0\{31\}1 ' /proc/net/if_inet6; then
+    echo "this machine has no ::1"
+    exit 77
+  fi
+}
+
 case $case_name in
   roads_ipv4) roads 127.0.0.1 127.0.0.1:0 ;;
   roads_ipv6)
-    if [[ ! -e /proc/net/if_inet6 ]] || ! grep -q '^0\{31\}1 ' /proc/net/if_inet6; then
-      echo "this machine has no ::1"
-      exit 77
-    fi
+    have_ipv6
     roads ::1 '[::1]:0'
     ;;
-  demo | usage | no_start | failures | refresh | ends | broken_output | comes_back | config | log) "case_$case_name" ;;
+  subscribe_ipv6)
+    have_ipv6
+    follow ipv6 --address ::1 --versions gaps -- --local '[::1]:0'
+    ;;
+  demo | usage | no_start | failures | refresh | ends | broken_output | comes_back | config | log | subscribe | subscribe_ends)
+    "case_$case_name"
+    ;;
   *)
     echo "there is no case $case_name"
     exit 2
