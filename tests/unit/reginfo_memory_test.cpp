@@ -5,7 +5,6 @@
 #include <climits>
 #include <functional>
 #include <memory>
-#include <new>
 #include <set>
 #include <string>
 
@@ -55,7 +54,8 @@ std::set<std::string> Contacts(const CRegistrationTable& table) {
   return contacts;
 }
 
-// A document is refused, or its entries are taken over: each whole or not at all.
+// A document is refused, or its entries are taken over: each whole or not at all. So are a clone and an update of
+// elements, which leave their source as it was.
 TEST(RegInfoMemory, RunsOutWhileADocumentIsApplied) {
   for (const std::string state : {"full", "partial"}) {
     const std::string base = Info(1, "full", Reg(0, 20) + Reg(0, 2, "registered", "r2"));
@@ -67,11 +67,24 @@ TEST(RegInfoMemory, RunsOutWhileADocumentIsApplied) {
     EXPECT_EQ(fed.Update(newer.c_str()), 0);
     const std::string after = RegInfoDump::Registrations(fed, true);
     known.merge(Contacts(fed));
+    CRegInfo source;
+    source.Parse(newer.c_str());
+    const std::string whole = RegInfoDump::Of(source, true);
     Sweep([&](const Starve& starve) {
+      CRegInfo own;
+      std::unique_ptr<CRegInfo> clone;
+      own.Parse(base.c_str());
       CRegistrationTable table;
       table.Update(base.c_str());
       int result = 7;
-      const bool starved = starve([&] { result = table.Update(newer.c_str()); });
+      const bool starved = starve([&] {
+        result = table.Update(newer.c_str());
+        clone.reset(source.Clone());
+        own.Update(&source);
+      });
+      EXPECT_TRUE(starved || RegInfoDump::Of(*clone, true) == whole);
+      EXPECT_TRUE(own.Parse(newer.c_str()) == 1 && RegInfoDump::Of(own, true) == whole);
+      EXPECT_EQ(RegInfoDump::Of(source, true), whole);
       EXPECT_TRUE(result == 0 || (starved && result == -1)) << result;
       EXPECT_TRUE(starved || RegInfoDump::Registrations(table, true) == after);
       EXPECT_TRUE(result == 0 ? table.GetVersion() == "2" : RegInfoDump::Registrations(table, true) == before);
@@ -81,30 +94,6 @@ TEST(RegInfoMemory, RunsOutWhileADocumentIsApplied) {
       return starved;
     });
   }
-}
-
-TEST(RegInfoMemory, RunsOutWhileElementsAreCopiedAndUpdated) {
-  CRegInfo newer;
-  newer.Parse(Info(2, "partial", Reg(10, 40, "refreshed") + Reg(0, 2, "created", "r2")).c_str());
-  const std::string whole = RegInfoDump::Of(newer, true);
-  Sweep([&](const Starve& starve) {
-    CRegInfo own;
-    CRegInfo assigned;
-    std::unique_ptr<CRegInfo> clone;
-    own.Parse(Info(1, "full", Reg(0, 20)).c_str());
-    const bool starved = starve([&] {
-      clone.reset(newer.Clone());
-      own.Update(&newer);
-      try {
-        assigned = newer;
-      } catch (const std::bad_alloc&) {
-      }
-    });
-    EXPECT_TRUE(starved || (RegInfoDump::Of(*clone, true) == whole && RegInfoDump::Of(assigned, true) == whole));
-    EXPECT_TRUE(own.Parse(RegInfoDump::Document(newer).c_str()) == 1 && RegInfoDump::Of(own, true) == whole);
-    EXPECT_EQ(RegInfoDump::Of(newer, true), whole);
-    return starved;
-  });
 }
 
 double Ratio(long held, std::size_t text) { return static_cast<double>(held) / static_cast<double>(text); }
