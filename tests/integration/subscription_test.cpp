@@ -104,16 +104,15 @@ TEST(SubscriptionTest, TheServicesCommands) {
   std::string answer;
   EXPECT_EQ(Command(2, good, &answer), 0);
   EXPECT_EQ(answer, "<sub><id>1</id></sub>");
-  EXPECT_TRUE(Eventually([&] { return service.registrar.Subscriptions().size() == 1; }));
   // The same address of record in another spelling: the former dialog ends, the other one stays.
   EXPECT_EQ(Command(2, subscribe("Alice &lt;" + Replaced(aor, "alice", "%61lice") + "&gt;", "reg", "3761"), &answer),
             0);
   EXPECT_TRUE(Await("1003 1 SUB_STOP"));
-  EXPECT_EQ(service.registrar.Subscriptions().size(), 1U);
+  EXPECT_TRUE(Eventually([&] { return service.registrar.Subscriptions().size() == 1; }));
   EXPECT_EQ(Command(3, "<sub><id>1</id></sub>"), -1);
   EXPECT_EQ(Command(3, "<sub><id>2</id></sub>"), 0);
   EXPECT_TRUE(Await("1003 2 SUB_STOP"));
-  EXPECT_TRUE(service.registrar.Subscriptions().empty());
+  EXPECT_TRUE(Eventually([&] { return service.registrar.Subscriptions().empty(); }));
   // An end that the notifier means.
   registrar::Script refusal;
   refusal.method = "SUBSCRIBE";
@@ -176,6 +175,13 @@ TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
       ASSERT_TRUE(Await(active + "created"));
       expected.push_back(active + "created");
       if (end == ContactEvent::kRegistered) {
+        // Where documents are full, the subscription ends first: what its last one calls active is no news.
+        if (manner.documents == Documents::kFull) {
+          int last = 0;
+          for (const std::string& text : Heard()) last = text.starts_with("1003") ? std::stoi(text.substr(5)) : last;
+          EXPECT_EQ(Command(3, "<sub><id>" + std::to_string(last + 1) + "</id></sub>"), 0);
+          EXPECT_TRUE(Await("1003 " + std::to_string(last + 1) + " SUB_STOP"));
+        }
         EXPECT_EQ(LiveComponent::Deregister(id), 0);
         EXPECT_TRUE(LiveComponent::PumpUntil([] { return LiveComponent::heard[1] == 1; }, 5s));
       } else {
@@ -190,11 +196,9 @@ TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
     }
     brunelib::DrainNotifications(5s);
     std::vector<std::string> heard = Heard();
+    std::erase_if(heard, [](const std::string& text) { return !text.starts_with("1002"); });
     // Whether the registrar's view or its answer comes first at a deregistration is nobody's promise.
-    std::erase_if(heard, [](const std::string& text) {
-      return !text.starts_with("1002") || text.ends_with("Terminate unregistered");
-    });
-    std::erase_if(expected, [](const std::string& text) { return text.ends_with("Terminate unregistered"); });
+    if (!heard.empty() && Has(heard.back(), "Terminate")) heard.pop_back();
     EXPECT_EQ(heard, expected);
   }
 }

@@ -91,6 +91,8 @@ class Stage {
       door_.bus.answers.push_back(name == "refuses" ? "" : name);
     } else if (verb == "send") {  // the stack's result from now on
       door_.sip.send_result = std::stoi(name);
+    } else if (verb == "refuse") {  // the library, every address from now on
+      door_.sip.refuse_addresses = true;
     } else if (verb == "memory") {  // runs out at the NAMEth object from now
       vorelkit::FailAllocation(std::stoul(name));
     } else if (verb == "wait") {
