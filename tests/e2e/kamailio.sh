@@ -6,6 +6,8 @@ KAMAILIO_PID=
 KAMAILIO_PORT=
 KAMAILIO_V6=0
 LOG=
+# Where Debian's package has the tables of the presence module.
+readonly SCHEMAS=/usr/share/kamailio/db_sqlite
 
 udp_port_in_use() {  # udp_port_in_use PORT
   local hex
@@ -13,21 +15,25 @@ udp_port_in_use() {  # udp_port_in_use PORT
   cat /proc/net/udp /proc/net/udp6 2>/dev/null | sed 's/^ *[0-9]*: \([0-9A-F]*:[0-9A-F]* \).*/\1/' | grep -q "$hex"
 }
 
-start_kamailio() {  # start_kamailio ALGORITHM PASSWORD MIN_EXPIRES
-  local listen i
-  LOG="$DIR/kamailio-$1.log"
+# Words that the configuration knows. With one of them it listens on one address: 127.0.0.1, or HOST if that is set.
+start_kamailio() {  # start_kamailio ALGORITHM PASSWORD MIN_EXPIRES [WORD...]
+  local listen i defines=() word host=${HOST:-127.0.0.1}
+  LOG="$DIR/kamailio.log"
+  for word in "${@:4}"; do defines+=(-A "$word"); done
+  rm -f "$DIR/presence.db"
+  cat "$SCHEMAS/standard-create.sql" "$SCHEMAS/presence-create.sql" | sqlite3 "$DIR/presence.db" || return 1
   if grep -qs '^00000000000000000000000000000001 ' /proc/net/if_inet6; then KAMAILIO_V6=1; fi
   for _ in 1 2 3 4 5; do
     KAMAILIO_PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 40000))
     if udp_port_in_use "$KAMAILIO_PORT"; then continue; fi
-    listen="listen=udp:127.0.0.1:$KAMAILIO_PORT"
-    if ((KAMAILIO_V6)); then listen+="\\nlisten=udp:[::1]:$KAMAILIO_PORT"; fi
-    sed -e "s|@LISTEN@|$listen|" -e "s|@DIR@|$DIR|g" -e "s|@ALGORITHM@|$1|" -e "s|@PASSWORD@|$2|" \
+    listen="listen=udp:$host:$KAMAILIO_PORT"
+    if ((KAMAILIO_V6 && $# == 3)); then listen+="\\nlisten=udp:[::1]:$KAMAILIO_PORT"; fi
+    sed -e "s|@LISTEN@|$listen|" -e "s|@DIR@|$DIR|g" -e "s|@SELF@|$host:$KAMAILIO_PORT|g" -e "s|@ALGORITHM@|$1|" -e "s|@PASSWORD@|$2|" \
       -e "s|@MIN_EXPIRES@|$3|g" "$HERE/kamailio.cfg.in" >"$DIR/kamailio.cfg"
     rm -f "$DIR/ctl"
     # In a session of its own, so that an interrupt at the terminal reaches this script first.
     setsid kamailio -DD -E -f "$DIR/kamailio.cfg" -P "$DIR/kamailio.pid" -w "$DIR" -Y "$DIR" -m 32 -M 4 \
-      >"$LOG" 2>&1 </dev/null &
+      "${defines[@]}" >"$LOG" 2>&1 </dev/null &
     KAMAILIO_PID=$!
     for ((i = 0; i < 100; i++)); do
       if [[ -S $DIR/ctl ]] && ask core.uptime >/dev/null 2>&1; then return 0; fi
@@ -76,6 +82,12 @@ bindings() {  # bindings USER@DOMAIN
 }
 
 binding_count() { bindings "$1" | grep -c . || true; }
+
+# The subscriptions of an address of record to its own state.
+subscription_count() {  # subscription_count USER@DOMAIN
+  sqlite3 -cmd '.timeout 2000' "$DIR/presence.db" \
+    "SELECT count(*) FROM active_watchers WHERE event = 'reg' AND presentity_uri = 'sip:$1';"
+}
 
 # All that Kamailio holds, of any address of record.
 record_count() { ask ul.dump 2>/dev/null | sed -n 's/^[[:space:]]*Records: \([0-9]*\).*/\1/p'; }

@@ -13,9 +13,9 @@ if [[ ! -x $TOLVANE ]]; then
   echo "run.sh: there is no $TOLVANE: build it first" >&2
   exit 2
 fi
-for program in kamailio kamcmd setsid timeout; do
+for program in kamailio kamcmd sqlite3 setsid timeout; do
   if ! command -v "$program" >/dev/null; then
-    echo "run.sh: $program is missing: apt-get install kamailio" >&2
+    echo "run.sh: $program is missing: apt-get install kamailio kamailio-presence-modules kamailio-sqlite-modules sqlite3" >&2
     exit 2
   fi
 done
@@ -29,6 +29,8 @@ DIR=$(mktemp -d) || exit 2
 PIDS=()
 # shellcheck source=tests/e2e/kamailio.sh
 source "$HERE/kamailio.sh"
+# shellcheck source=tests/e2e/reg_event.sh
+source "$HERE/reg_event.sh"
 
 clean_up() {
   local pid
@@ -104,6 +106,7 @@ is() {  # is WANTED FOUND WHAT
 }
 
 WHY=
+NOTE=  # said of a scenario that passed
 why() {
   WHY="$*"
   return 1
@@ -229,11 +232,11 @@ failed=0
 scenario() {  # scenario TITLE FUNCTION ARGUMENT...
   local title=$1 begin=$SECONDS pid file
   shift
-  WHY=
+  WHY= NOTE=
   rm -f "$DIR"/*.out "$DIR"/*.out.err
   if "$@"; then
     passed=$((passed + 1))
-    printf 'ok      %s (%d s)\n' "$title" $((SECONDS - begin))
+    printf 'ok      %s (%d s%s)\n' "$title" $((SECONDS - begin)) "$NOTE"
   else
     failed=$((failed + 1))
     printf 'FAILED  %s: %s\n' "$title" "$WHY"
@@ -249,10 +252,10 @@ scenario() {  # scenario TITLE FUNCTION ARGUMENT...
   fi
 }
 
-need_kamailio() {  # need_kamailio ALGORITHM
+need_kamailio() {  # need_kamailio ALGORITHM [WORD...]
   stop_kamailio
-  if ! start_kamailio "$1" "$PASSWORD" "$MIN_EXPIRES"; then
-    echo "FAILED  Kamailio with $1 does not start:"
+  if ! start_kamailio "$1" "$PASSWORD" "$MIN_EXPIRES" "${@:2}"; then
+    echo "FAILED  Kamailio with $* does not start:"
     tail -n 20 "$LOG" | sed 's/^/  /'
     failed=$((failed + 1))
     return 1
@@ -288,6 +291,9 @@ if need_kamailio SHA-256; then
     keeps_registered_with_digest alice@digest.test 127.0.0.1 --auth-user alice
   scenario "wrong password, digest SHA-256" is_refused mallory@digest.test 1 "${mistaken[@]}"
 fi
+if need_kamailio MD5 REG_EVENT; then reg_event_scenarios "versions as they are"; fi
+if need_kamailio MD5 REG_EVENT VERSIONS; then reg_event_scenarios "versions counted"; fi
+if ((KAMAILIO_V6)) && HOST='[::1]' need_kamailio MD5 REG_EVENT VERSIONS; then reg_event_scenarios_v6; fi
 stop_kamailio
 
 printf '%d passed, %d failed\n' "$passed" "$failed"
