@@ -39,6 +39,19 @@ Answer FrontDoor::Deregister(int id, const std::string& children) {
   return Command(4, "<reg><id>" + std::to_string(id) + "</id>" + children + "</reg>");
 }
 
+int FrontDoor::Live(const std::string& children) {
+  const int id = Register(children);
+  Settle(200);
+  Notifications();
+  SentExpiries();
+  return id;
+}
+
+void FrontDoor::Settle(int status, const std::string& headers) {
+  sip.Answer(LastStackId(), status, headers);
+  Pump();
+}
+
 long FrontDoor::LastStackId() const { return sip.sent.empty() ? 0 : sip.sent.back().stack_id; }
 
 void FrontDoor::Pump() { kdPumpEvents(); }
@@ -56,10 +69,13 @@ std::vector<std::string> FrontDoor::Notifications() { return std::exchange(bus.e
 
 std::vector<int> FrontDoor::SentExpiries() {
   std::vector<int> expiries;
-  for (; seen_sent_ < sip.sent.size(); ++seen_sent_) {
-    expiries.push_back(sip.sent[seen_sent_].expires);
-  }
+  for (; seen_sent_ < sip.sent.size(); ++seen_sent_) expiries.push_back(sip.sent[seen_sent_].expires);
   return expiries;
+}
+
+std::vector<int> FrontDoor::SentIn(std::chrono::seconds time) {
+  Advance(time);
+  return SentExpiries();
 }
 
 }  // namespace fakes

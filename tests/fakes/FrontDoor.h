@@ -35,6 +35,10 @@ class FrontDoor {
   // <reg> with these children; the new registration's id, or -1.
   int Register(const std::string& children);
   Answer Deregister(int id, const std::string& children = {});
+  // The same as Register, answered with success and settled; nothing of it is left to be looked at.
+  int Live(const std::string& children);
+  // Answers the last REGISTER and lets the loop run.
+  void Settle(int status, const std::string& headers = {});
   // The stack id of the last REGISTER sent.
   [[nodiscard]] long LastStackId() const;
   // Lets virtual time pass in steps of a second, with the loop running.
@@ -45,6 +49,8 @@ class FrontDoor {
   // What has come since the last call.
   std::vector<std::string> Notifications();
   std::vector<int> SentExpiries();
+  // What leaves while this time passes.
+  std::vector<int> SentIn(std::chrono::seconds time);
 
   FakeClock clock;
   FakeSip& sip = FakeSip::Get();
