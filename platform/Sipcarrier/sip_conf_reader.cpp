@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <initializer_list>
@@ -194,15 +195,19 @@ class Reader {
     CXML header = element;
     header.IntoElem();
     std::size_t bytes = 0;
-    bool has_expires = false;
+    // A second one would reach the wire beside the one that the request's own takes the place of.
+    std::array<std::pair<const char*, bool>, 2> single = {
+        {{"Expires", false}, {"User-Agent", false}}};
     while (!Full() && header.NextElem() != 0) {
       if (header.GetName() != "header") {
         FaultElement(header, "<message> holds <header> elements");
         continue;
       }
       ConfMessage::Header read = ReadHeader(header);
-      if (EqualNoCase(read.name, "Expires") && std::exchange(has_expires, true)) {
-        Fault(read.line, "a second Expires header in one message; leave one");
+      for (auto& [name, has] : single) {
+        if (EqualNoCase(read.name, name) && std::exchange(has, true)) {
+          Fault(read.line, "a second " + std::string(name) + " header in one message; leave one");
+        }
       }
       bytes += HeaderBytes(read.name, read.value);
       if (message.headers.size() == kMaxTemplateHeaders || bytes > kMaxTemplateBytes) {
