@@ -1,6 +1,7 @@
 // The rolling log, through its face; file names and thread records also by themselves.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <csignal>
@@ -129,40 +130,42 @@ TEST_F(LogTest, AFileOverTheLimitAtTheStartRotatesAtTheSecondWrite) {
   std::ofstream(dir_ / "T.log") << old;
   ILogOne* log = Open("T.log");
   log->SetMaxSize(1);
-  log->Print("first");
-  log->Print("second");
+  for (const char* text : {"first", "second"}) log->Print("%s", text);
   EXPECT_EQ(ReadFile(dir_ / "1_T.log"), old + kBegin + Record("first"));
   log->SetMaxSize(4 * 1024 * 1024);  // 4 GiB: the largest limit, not a negative one
   log->Print("third");
   EXPECT_EQ(Body("T.log"), Record("second") + Record("third"));
 }
 
-TEST_F(LogTest, FailedCopiesAndVanishedDirectoriesCostOnlyRecords) {
-  fs::create_directory(dir_ / "1_T.log");
+TEST_F(LogTest, WhatStandsInTheWayOfAFileCostsOnlyRecords) {
+  for (const char* pipe : {"1_T.log", "pipe.log"}) ASSERT_EQ(mkfifo((dir_ / pipe).c_str(), 0600), 0);
+  ILogOne* const pipe = Open("pipe.log");
+  for (int n = 0; n < 100; ++n) pipe->Print("%s", std::string(5000, 'p').c_str());  // nobody reads them
   ILogOne* log = Open("T.log");
   log->SetMaxSize(0);
   const std::string dir = dir_.string();
   const std::string failed = kStamp + " rename [" + dir + "/T.log] to [" + dir + "/1_T.log] failed code[";
   testing::internal::CaptureStdout();
-  log->Print("lost");
-  log->Print("kept");
+  for (const char* text : {"lost", "kept"}) log->Print("%s", text);
   EXPECT_EQ(Body("T.log"), Record("kept"));
   fs::remove_all(dir_);
   log->Print("nowhere");
   fs::create_directory(dir_);
   log->Print("a failed open is not tried again");
   EXPECT_TRUE(fs::is_empty(dir_));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), failed + "21]\n" + failed + "2]\n");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), failed + "6]\n" + failed + "2]\n");
 }
 
 TEST_F(LogTest, AFullDiskLeavesNoPieces) {
   std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit old = limit;
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto limit = [&](std::size_t room) {
+    const rlimit now{room, old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &now), 0);
+  };
   std::ofstream(dir_ / "old.log") << std::string(2000, 'o');
-  limit.rlim_cur = 1000;
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  limit(1000);
   ILogOne* full = Open("old.log");
   full->SetMaxSize(1);
   for (const char* text : {"lost", "after the rotation"}) full->Print("%s", text);
@@ -172,14 +175,14 @@ TEST_F(LogTest, AFullDiskLeavesNoPieces) {
   for (const std::size_t room :
        {std::size_t{0}, std::size_t{10}, kBegin.size() + 10, kBegin.size() + kept.size() + 10}) {
     const std::string name = std::to_string(room);
-    limit.rlim_cur = room;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    limit(room);
     ILogOne* log = Open(name);
     log->SetLevel(0);
     log->Print("too verbose: the beginning waits for the next write");
-    for (const char* text : {"kept", "second"}) log->PrintAt(0, "F", "f.cpp", 1, "%s", text);
-    log->PrintAt(0, "F", "f.cpp", 1, "%s", std::string(20000, 'x').c_str());
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
+    for (const std::string& text : {std::string("kept"), std::string("second"), std::string(20000, 'x')}) {
+      log->PrintAt(0, "F", "f.cpp", 1, "%s", text.c_str());
+    }
+    limit(old.rlim_cur);
     log->PrintAt(0, "F", "f.cpp", 1, "third");
     EXPECT_EQ(Body(name), (room < kBegin.size() + kept.size() ? "" : kept) + Record("third", "Err"));
   }
@@ -225,16 +228,12 @@ TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {
   scope(nullptr);
   EXPECT_EQ(failing_new::Allocations(), before);
   ILogOne* const file = Open("T.log");
-  scope(file);
-  scope(nullptr);
+  for (ILogOne* at_the_end : {file, static_cast<ILogOne*>(nullptr)}) scope(at_the_end);
   log = file;
   scope(file);
   { const CLogOneScope unnamed(&log, nullptr, nullptr, 4); }  // without a file there is no head
-  std::string expected;
-  for (const char* text : {"2()][Leave", "2()][Enter", "3()][Enter", "3()][Leave"}) {
-    expected += kHead + "[s.cpp:1 " + text + "]\r\n";
-  }
-  EXPECT_EQ(Body("T.log"), expected);
+  const auto line = [](const char* text) { return kHead + "[s.cpp:1 " + text + "]\r\n"; };
+  EXPECT_EQ(Body("T.log"), line("2()][Leave") + line("2()][Enter") + line("3()][Enter") + line("3()][Leave"));
 }
 
 TEST_F(LogTest, OutOfMemoryCostsLinesOnly) {
@@ -259,7 +258,7 @@ TEST_F(LogTest, OutOfMemoryCostsLinesOnly) {
 
 TEST_F(LogTest, PathsFollowTheirRules) {
   // clang-format off
-  static const char* const kRows[][3] = {
+  const struct { const char *path, *dir, *name; } rows[] = {
       {"/log/Tolvane.log", "/opt/app/log/", "Tolvane.log"},
       {"log//./a\\T.log", "/opt/app/log/a/", "T.log"},
       {"T.log", "/opt/app/", "T.log"},
@@ -272,10 +271,9 @@ TEST_F(LogTest, PathsFollowTheirRules) {
       {"x/y:/T.log", "/", "T.log"},
       {"C:T.log", "", ""}};
   // clang-format on
-  for (const auto& row : kRows) {
-    const LOG_PATH path = ResolveLogPath(row[0], "/opt/app");
-    EXPECT_EQ(path.strDir, row[1]) << row[0];
-    EXPECT_EQ(path.strFileName, row[2]) << row[0];
+  for (const auto& row : rows) {
+    const LOG_PATH path = ResolveLogPath(row.path, "/opt/app");
+    EXPECT_EQ(path.strDir + "|" + path.strFileName, std::string(row.dir) + "|" + row.name) << row.path;
   }
   EXPECT_EQ(ResolveLogPath("../T.log", "").strDir, "/Log/");
 }

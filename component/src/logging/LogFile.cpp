@@ -35,13 +35,21 @@ int CopyDescriptor(int nFrom, int nTo) noexcept {
 int CopyLogFile(const char* szFrom, const char* szTo) noexcept {
   const int nFrom = open(szFrom, O_RDONLY | O_CLOEXEC);
   if (nFrom == -1) return errno;
-  const int nTo = open(szTo, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Without O_NONBLOCK the open of a pipe would wait for a reader.
+  const int nTo = open(szTo, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
   int nError = nTo == -1 ? errno : CopyDescriptor(nFrom, nTo);
   if (nTo != -1 && close(nTo) == -1 && nError == 0) nError = errno;
   // A piece of a copy would end in a piece of a record, and takes room that the log needs.
   if (nTo != -1 && nError != 0) unlink(szTo);
   close(nFrom);
   return nError;
+}
+
+std::FILE* OpenForAppend(const char* szPath) noexcept {
+  std::FILE* const fp = std::fopen(szPath, "ab+e");
+  // A pipe in the file's place that nobody reads loses records and does not stop the process.
+  if (fp != nullptr) fcntl(fileno(fp), F_SETFL, O_APPEND | O_NONBLOCK);
+  return fp;
 }
 
 void FormatStampNow(char (&szStamp)[LOG_STAMP_SIZE]) noexcept {
@@ -91,10 +99,10 @@ void CLogOne::OpenLogFile() noexcept {
   if (!m_bNeedOpen) return;
   m_bNeedOpen = false;  // before anything can fail: a failed open is not tried again
   char szPath[PATH_SIZE];
-  if (m_fp == nullptr && BuildPath(0, szPath)) m_fp = std::fopen(szPath, "ab+e");
+  if (m_fp == nullptr && BuildPath(0, szPath)) m_fp = OpenForAppend(szPath);
   if (m_fp == nullptr) {
     std::memcpy(m_szFileName, kFallbackName, sizeof kFallbackName);
-    if (BuildPath(0, szPath)) m_fp = std::fopen(szPath, "ab+e");
+    if (BuildPath(0, szPath)) m_fp = OpenForAppend(szPath);
   }
   if (m_fp == nullptr) return;
   std::fseek(m_fp, 0, SEEK_END);
