@@ -175,10 +175,9 @@ class Demo : public SessionListener {
       order.aor = kAor;
       std::string error;
       const bool done = registrar_.Apply(order, error);
-      Line(*removed_, done
-                          ? "Two refreshes have been answered. Now the registrar takes the binding "
-                            "out, and nothing but its NOTIFY tells."
-                          : "The registrar could not take the binding out: " + error);
+      Line(time, done ? "Two refreshes have been answered. Now the registrar takes the binding "
+                        "out, and nothing but its NOTIFY tells."
+                      : "The registrar could not take the binding out: " + error);
     }
   }
 

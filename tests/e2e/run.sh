@@ -232,7 +232,7 @@ failed=0
 scenario() {  # scenario TITLE FUNCTION ARGUMENT...
   local title=$1 begin=$SECONDS pid file
   shift
-  WHY= NOTE=
+  WHY="" NOTE=""
   rm -f "$DIR"/*.out "$DIR"/*.out.err
   if "$@"; then
     passed=$((passed + 1))
