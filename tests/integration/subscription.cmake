@@ -9,3 +9,7 @@ tolvane_test(subscription_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/subscription_te
 add_dependencies(subscription_test TolvaneSubscription SlowSubscription)
 target_compile_definitions(subscription_test PRIVATE SERVICE="$<TARGET_FILE:TolvaneSubscription>"
                            SLOW_SERVICE="$<TARGET_FILE:SlowSubscription>")
+tolvane_test(subscription_memory_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/subscription_memory_test.cpp ${FAILING_NEW}
+             LIBS tolvane_live registrar_lib)
+add_dependencies(subscription_memory_test TolvaneSubscription)
+target_compile_definitions(subscription_memory_test PRIVATE SERVICE="$<TARGET_FILE:TolvaneSubscription>")
