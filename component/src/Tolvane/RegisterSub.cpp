@@ -7,6 +7,19 @@
 #include "RegLog.h"
 #include "RegOwner.h"
 
+namespace {
+
+// Registrars spell addresses of record in their own way (RFC 3261 §19.1.4).
+bool SameAddress(const std::string& strOne, const std::string& strOther) {
+  if (strOne == strOther) return true;
+  nsip_uri oOne;
+  nsip_uri oOther;
+  return nsip_uri_parse(strOne, oOne) && nsip_uri_parse(strOther, oOther) &&
+         nsip_uri_equal(oOne, oOther);
+}
+
+}  // namespace
+
 int CRegister::SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent) {
   REG_LOG_SCOPE();
   const VkLocker oLocker(g_oRegLock);
@@ -33,7 +46,7 @@ int CRegister::SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent
 
 // Many registrars never send P-Associated-URI, so the address of record counts beside that list.
 bool CRegister::IsOwnAor(const std::string& strAor) {
-  return strAor == m_stRegInfo.m_strAor || strAor == m_strDefaultUri ||
+  return SameAddress(strAor, m_stRegInfo.m_strAor) || SameAddress(strAor, m_strDefaultUri) ||
          IsInPAssociatedURI(strAor) == 1;
 }
 
