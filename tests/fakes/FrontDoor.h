@@ -2,6 +2,7 @@
 // virtual time. One thread plays the host, the stack and the timers' loop.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -15,7 +16,7 @@ namespace fakes {
 class FakeClock : public vorelkd::Clock {
  public:
   [[nodiscard]] KDust Now() const noexcept override { return now_; }
-  KDust now_ = 1'000'000'000'000;
+  std::atomic<KDust> now_{1'000'000'000'000};
 };
 
 // What a command gave: its result, and the answer's text (empty: untouched).

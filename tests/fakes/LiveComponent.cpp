@@ -22,22 +22,17 @@ int OnNotification(const char*, int id, CXML* document, void*) noexcept {
   return 0;
 }
 
-class Call {
- public:
-  Call() { Tell(true); }
-  ~Call() { Tell(false); }
-  Call(const Call&) = delete;
-  Call& operator=(const Call&) = delete;
-
- private:
-  static void Tell(bool inside) {
-    if (LiveComponent::on_call != nullptr) LiveComponent::on_call(inside);
-  }
-};
+// Runs the call, with word of its begin and end.
+template <typename Call>
+int Inside(Call call) {
+  if (LiveComponent::on_call != nullptr) LiveComponent::on_call(true);
+  const int result = call();
+  if (LiveComponent::on_call != nullptr) LiveComponent::on_call(false);
+  return result;
+}
 
 int Send(int id, CXML& in, CXML& out) {
-  const Call call;
-  return TOLVANE_XSCCmdCallBack(id, &in, &out);
+  return Inside([&] { return TOLVANE_XSCCmdCallBack(id, &in, &out); });
 }
 
 constexpr int kNotifications[] = {0x1000, 0x1001, 0x1002, 0x1003};
@@ -92,11 +87,13 @@ int LiveComponent::Deregister(int id, bool no_send) {
 }
 
 void LiveComponent::PumpFor(std::chrono::milliseconds time) {
-  const Call call;
-  const auto end = std::chrono::steady_clock::now() + time;
-  do {
-    kdWaitEvent(std::chrono::nanoseconds(time).count());
-  } while (std::chrono::steady_clock::now() < end);
+  Inside([time] {
+    const auto end = std::chrono::steady_clock::now() + time;
+    do {
+      kdWaitEvent(std::chrono::nanoseconds(time).count());
+    } while (std::chrono::steady_clock::now() < end);
+    return 0;
+  });
 }
 
 }  // namespace fakes

@@ -6,14 +6,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 
 namespace fakes {
 
 namespace {
+
+constexpr std::string_view kRest = "Expires: 2\r\nContent-Length: 0\r\n\r\n";
 
 std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -112,32 +114,27 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
     call->branch = Hash(via);
   }
   if (Percent() < manners_.drop) return;
-  const char* status = "200 OK\r\n";
+  std::string_view status = "200 OK\r\n";
   if (Percent() < manners_.refuse) {
     status = "403 Forbidden\r\n";
   } else if (wish != 0 && Percent() < manners_.too_brief) {
     status = "423 Interval Too Brief\r\nMin-Expires: 2\r\n";
   }
   std::array<char, 1024> text;
-  const auto part = [](std::string_view line) { return static_cast<int>(line.size()); };
-  const std::string_view from_line = Line(request, "From:");
-  const std::string_view to_line = Line(request, "To:");
-  const std::string_view cseq_line = Line(request, "CSeq:");
-  const int size =
-      std::snprintf(text.data(), text.size(), "SIP/2.0 %s%.*s%.*s%.*s%.*s%.*sExpires: 2\r\nContent-Length: 0\r\n\r\n",
-                    status, part(via), via.data(), part(from_line), from_line.data(), part(to_line), to_line.data(),
-                    part(call_id), call_id.data(), part(cseq_line), cseq_line.data());
-  if (size <= 0 || size >= static_cast<int>(text.size())) std::abort();
-  const std::string_view answer(text.data(), static_cast<std::size_t>(size));
+  std::size_t size = 0;
+  for (const std::string_view part : {std::string_view("SIP/2.0 "), status, via, Line(request, "From:"),
+                                      Line(request, "To:"), call_id, Line(request, "CSeq:"), kRest}) {
+    if (size + part.size() > text.size()) std::abort();
+    size += part.copy(text.data() + size, part.size());
+  }
+  const std::string_view answer(text.data(), size);
   if (Percent() < manners_.late) {
-    for (Held& held : held_) {
-      if (held.due != 0) continue;
-      std::memcpy(held.text.data(), answer.data(), answer.size());
-      std::memcpy(held.to.data(), from, from_size);
-      held.size = answer.size();
-      held.due = NowMs() + 1 + static_cast<int>(random_() % 60);
-      break;
-    }
+    const auto held = std::find_if(held_.begin(), held_.end(), [](const Held& one) { return one.due == 0; });
+    if (held == held_.end()) return;
+    held->text = text;
+    std::memcpy(held->to.data(), from, from_size);
+    held->size = size;
+    held->due = NowMs() + 1 + static_cast<int>(random_() % 60);
     return;
   }
   Reply(answer, from, from_size);

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "FrontDoor.h"
 #include "RegisterProcess.h"
@@ -80,33 +82,23 @@ TEST(ComponentCommands, DocumentsAndTheirAnswers) {
 }
 
 TEST(ComponentCommands, WhatTheRegisterCommandPutsOnTheWire) {
-  struct Case {
-    const char* children;
-    const char* from;
-    const char* registrar;
-    const char* expires;
-    const char* user_agent;
-  };
+  using Sent = std::array<std::string, 4>;  // From, registrar, Expires, User-Agent
   // clang-format off
-  const Case cases[] = {
+  const std::pair<const char*, Sent> cases[] = {
       {"<aor>sip:alice@x</aor><registrar>y</registrar><displayname>Alice</displayname><expires>90</expires>"
-       "<user-agent>Phone/1</user-agent>", "Alice<sip:alice@x>", "sip:y", "90", "Phone/1"},
-      {"<aor>alice@x</aor><registrar>sip:y</registrar>", "sip:alice@x", "sip:y", "", ""},
-      {"<aor>sips:alice</aor><registrar>sip:y</registrar>", "sip:sips:alice", "sip:y", "", ""},
-      {"<aor>tel:123</aor><registrar>sip:y</registrar>", "sip:tel:123", "sip:y", "", ""},
+       "<user-agent>Phone/1</user-agent>", {"Alice<sip:alice@x>", "sip:y", "90", "Phone/1"}},
+      {"<aor>alice@x</aor><registrar>sip:y</registrar>", {"sip:alice@x", "sip:y", "", ""}},
+      {"<aor>sips:alice</aor><registrar>sip:y</registrar>", {"sip:sips:alice", "sip:y", "", ""}},
+      {"<aor>tel:123</aor><registrar>sip:y</registrar>", {"sip:tel:123", "sip:y", "", ""}},
       {"<aor>xsip:alice</aor><registrar>sip:y</registrar><contact-param>q</contact-param><require>r</require>",
-       "xsip:alice", "sip:y", "", ""},
+       {"xsip:alice", "sip:y", "", ""}},
   };
   // clang-format on
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.children);
+  for (const auto& [children, expected] : cases) {
     FrontDoor door;
-    ASSERT_GT(door.Register(c.children), 0);
+    ASSERT_GT(door.Register(children), 0);
     const fakes::SentRegister& sent = door.sip.sent.back();
-    EXPECT_EQ(sent.from, c.from);
-    EXPECT_EQ(sent.registrar, c.registrar);
-    EXPECT_EQ(sent.expires_header, c.expires);
-    EXPECT_EQ(sent.user_agent, c.user_agent);
+    EXPECT_EQ((Sent{sent.from, sent.registrar, sent.expires_header, sent.user_agent}), expected) << children;
   }
 }
 

@@ -16,6 +16,7 @@
 #include "logging/LogOrigin.h"
 #include "logging/LogPath.h"
 #include "logging/LogThreads.h"
+#include "WorkDir.h"
 
 namespace {
 
@@ -29,19 +30,11 @@ std::string Record(const std::string& text, const char* word = "Inf", const std:
   return kHead + "[" + place + "()][" + word + "]\r\nContent:\r\n" + text + "\r\n";
 }
 
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 class LogTest : public testing::Test {
  protected:
   LogTest() {
-    std::string name = testing::TempDir() + "/logXXXXXX";
-    dir_ = mkdtemp(name.data());
     SetLogOrigin([](LOG_ORIGIN& stOrigin) { stOrigin = {2024, 1, 31, 9, 5, 7, 8, 4711, 99}; });
   }
-  ~LogTest() override { fs::remove_all(dir_); }
   ILogOne* Open(const std::string& name) {
     ILogOne* log = LogOne_Open((L"file:" + (dir_ / name).wstring()).c_str());
     log->SetLocation("F", "/src/f.cpp", 1, E_LOG_INFO);
@@ -49,10 +42,12 @@ class LogTest : public testing::Test {
   }
   // What lies in a file of the test's directory behind its "Begin Time:" line.
   std::string Body(const std::string& name) {
-    const std::string all = ReadFile(dir_ / name);
+    const std::string all = Read(name);
     return all.starts_with(kBegin) ? all.substr(kBegin.size()) : "No beginning: " + all;
   }
-  fs::path dir_;
+  [[nodiscard]] std::string Read(const fs::path& path) const { return work_.Read(path); }
+  const fakes::WorkDir work_;
+  const fs::path& dir_ = work_.Path();
 };
 
 TEST_F(LogTest, RecordsByteForByte) {
@@ -66,6 +61,7 @@ TEST_F(LogTest, RecordsByteForByte) {
   log->PrintAtW(E_LOG_INFO, "G", "b.cpp", 2, L"a word up to this level");
   log->PrintAt(4, "G", "b.cpp", 3, "four");
   log->PrintAt(0, "G", "dir/", 4, "a file without a name");
+  std::thread([log] { log->Print("a thread without a place writes nothing"); }).join();
   log->SetLocation("H", "c.cpp", 5, E_LOG_INFO);
   log->TraceAt("I", "d.cpp", 6, 1);
   log->TraceAt("", "d.cpp", 6, 0);
@@ -115,7 +111,7 @@ TEST_F(LogTest, RotationIsARingOfCopies) {
       log->Print("%s", filler.c_str());  // one byte below the limit is no reason to rotate
       log->Print("%d", n);
       log->Trace(1);  // rotates and is not written
-      EXPECT_EQ(ReadFile(dir_ / name), "");
+      EXPECT_EQ(Read(name), "");
       EXPECT_EQ(Body(std::to_string(n % count + 1) + "_" + name), Record(filler) + Record(std::to_string(n)));
     }
     EXPECT_FALSE(fs::exists(dir_ / (std::to_string(count + 1) + "_" + name)));
@@ -131,7 +127,7 @@ TEST_F(LogTest, AFileOverTheLimitAtTheStartRotatesAtTheSecondWrite) {
   ILogOne* log = Open("T.log");
   log->SetMaxSize(1);
   for (const char* text : {"first", "second"}) log->Print("%s", text);
-  EXPECT_EQ(ReadFile(dir_ / "1_T.log"), old + kBegin + Record("first"));
+  EXPECT_EQ(Read("1_T.log"), old + kBegin + Record("first"));
   log->SetMaxSize(4 * 1024 * 1024);  // 4 GiB: the largest limit, not a negative one
   log->Print("third");
   EXPECT_EQ(Body("T.log"), Record("second") + Record("third"));
@@ -283,50 +279,15 @@ TEST_F(LogTest, PathsThatCannotBeUsedFallBack) {
   Open("taken.log")->Print("a");
   fs::current_path(dir_);
   LogOne_Open(L"C:T.log")->PrintAt(0, "F", "f.cpp", 1, "b");
-  EXPECT_EQ(ReadFile(dir_ / "MyLog.log"), kBegin + Record("a") + kBegin + Record("b", "Err"));
+  EXPECT_EQ(Read("MyLog.log"), kBegin + Record("a") + kBegin + Record("b", "Err"));
 
   const fs::path module = fs::read_symlink("/proc/self/exe").parent_path();
   fs::remove(module / "Log/MyLog.log");
   std::ofstream(dir_ / "file") << "x";
   Open("file/below/T.log")->Print("c");
   Open(std::string(5000, 'd') + "/T.log")->Print("d");
-  EXPECT_EQ(ReadFile(module / "Log/MyLog.log"), kBegin + Record("c") + kBegin + Record("d"));
+  EXPECT_EQ(Read(module / "Log/MyLog.log"), kBegin + Record("c") + kBegin + Record("d"));
   fs::remove_all(module / "Log");
-}
-
-TEST_F(LogTest, ThreadsWriteWholeRecordsAtTheirOwnPlaces) {
-  static const char* const kNames[] = {"A", "B", "C", "D"};
-  const std::string text(100, 'x');
-  ILogOne* log = Open("T.log");
-  log->SetMaxSize(64);
-  log->SetFileCount(1000);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      log->Print("a thread without a place writes nothing");
-      for (int n = 300 * t; n < 300 * (t + 1); ++n) {
-        log->SetLocation(kNames[t], "t.cpp", n, E_LOG_INFO);
-        log->Print("%d %s", n, text.c_str());
-      }
-    });
-  }
-  for (int n = 0; n < 100; ++n) {  // settings change beside them
-    Open("T.log")->SetLevel(2 + n % 2);
-    log->SetName("name");
-  }
-  for (std::thread& thread : threads) thread.join();
-
-  EXPECT_TRUE(fs::exists(dir_ / "2_T.log"));
-  std::string all;
-  for (const auto& entry : fs::directory_iterator(dir_)) all += Body(entry.path().filename());
-  for (int n = 0; n < 1200; ++n) {
-    const std::string no = std::to_string(n) + " ";
-    const std::string record = Record(no + text, "Inf", "t.cpp:" + no + kNames[n / 300]);
-    const std::size_t found = all.find(record);
-    ASSERT_NE(found, std::string::npos) << record;
-    all.erase(found, record.size());
-  }
-  EXPECT_EQ(all, "");
 }
 
 TEST(LogThreadsTest, RecordsOfEndedThreadsGoAndAreNotInherited) {
