@@ -79,8 +79,9 @@ struct SubscriptionInfo {
 class TOLVANE_PUBLIC SubscriptionListener {
  public:
   virtual ~SubscriptionListener();
-  // The body of a NOTIFY, in the order of the notifier's CSeq within a dialog. `new_dialog`: the
-  // first body of a dialog, which with RFC 3680 is a full document and starts a numbering anew.
+  // The body of a NOTIFY, in the order of the notifier's CSeq within a dialog; for one that another
+  // has overtaken (RFC 3261 §12.2.2) the full state is asked for. `new_dialog`: the first body of a
+  // dialog, which with RFC 3680 is a full document and starts a numbering anew.
   virtual void OnNotify(long id, const std::string& body, bool new_dialog) = 0;
   // `status`: the final SIP status when a SUBSCRIBE was refused, otherwise 0.
   virtual void OnEnd(long id, int status, const std::string& reason) = 0;

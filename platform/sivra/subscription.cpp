@@ -130,15 +130,18 @@ void Subscription::Leave() noexcept {
 }
 
 void Subscription::Refresh() noexcept {
-  // A dialog to come begins with the full state anyway.
-  if (over_ || !heard_ || fetch_at_ != kNever) {
+  // A dialog to come begins with the full state anyway; one that has run out is asked no more.
+  if (over_ || !heard_ || phase_ == Phase::kLeaving || fetch_at_ != kNever) {
     return;
   }
   const TimePoint now = Clock::Now();
   if (now - fetched_at_ > 8 * fetch_pause_) {
     fetch_pause_ = kFetchPause * t1_;
+    fetch_at_ = now;
+  } else {
+    fetch_at_ = std::max(now, fetched_at_ + fetch_pause_);
+    fetch_pause_ = std::min(2 * fetch_pause_, (kFetchPause << kDoublings) * t1_);
   }
-  fetch_at_ = std::max(now, fetched_at_ + fetch_pause_);
   Run([] {});
 }
 
@@ -195,7 +198,9 @@ void Subscription::Continue() {
         Lose({}, false, "no NOTIFY came");
       } else if (now >= expires_at_) {
         if (info_.refresh) {
+          const TimePoint put_off = act_at_;  // what a refused refresh has to wait for still counts
           Lose({}, true, {});
+          act_at_ = std::max(act_at_, put_off);
         } else {  // the notifier has a last word
           EnterLeaving();
           notify_by_ = now + kTimerN * t1_;
@@ -203,7 +208,6 @@ void Subscription::Continue() {
       } else if (now >= fetch_at_) {
         fetch_at_ = kNever;
         fetched_at_ = now;
-        fetch_pause_ = std::min(2 * fetch_pause_, (kFetchPause << kDoublings) * t1_);
         Ask(Wanted(now));
       } else if (now >= act_at_) {
         Ask(Wanted(now));
@@ -365,18 +369,23 @@ void Subscription::OnRefused(const sipcarrier::Outcome& outcome) {
   const std::optional<std::uint32_t> retry_after =
       response != nullptr ? NumberIn(*response, "Retry-After") : std::nullopt;
   const bool silent = outcome.kind == sipcarrier::Outcome::Kind::kTimeout;
+  const bool alive = phase_ == Phase::kRunning && !silent && !EndsSubscription(status);
   if (over_) {
-    End(0, kUnsubscribed);
+    if (!alive) {
+      End(0, kUnsubscribed);
+    }  // else only a refresh was refused: the goodbye follows
   } else if (phase_ == Phase::kAsking) {
     if (response != nullptr && !retry_after && !CanHeal(status)) {
       End(status, response->reason_phrase);
     } else {
       Lose(retry_after, false, outcome.reason);
     }
-  } else if (silent || EndsSubscription(status)) {
+  } else if (!alive) {
     Lose(retry_after, status == 481, outcome.reason);
   } else {
-    notify_by_ = kNever;
+    if (heard_) {
+      notify_by_ = kNever;
+    }
     const Duration wished = seconds(std::min(retry_after.value_or(0), kMaxRetryAfter));
     act_at_ = Clock::Now() + std::max(wished, Pause(false));
   }

@@ -166,6 +166,10 @@ void HandleNotify(std::unique_ptr<nsip_message> request, sipcarrier::ServerTrans
     static_cast<void>(sipcarrier::Respond(id, answer.status, answer.reason, answer.headers));
     if (answer.status == 200) {
       subscription->OnNotify(*request);
+    } else if (answer.status == 500) {
+      // It was late, and nobody will say again what a partial document said. Notifiers of before
+      // RFC 6665 have even dropped the subscription for this answer; asking finds that out, too.
+      subscription->Refresh();
     }
   } catch (const std::exception&) {
     // The notifier drops the subscription for it (RFC 6665 §4.2.2); the next refresh finds out.

@@ -36,9 +36,11 @@ inline std::string HeaderLine(std::string_view message, std::string_view name) {
   return std::string(message.substr(from, message.find("\r\n", from) - from));
 }
 
-// A response as a server would write it (RFC 3261 §8.2.6).
-inline std::string ResponseTo(std::string_view request, const std::string& status) {
-  std::string text = "SIP/2.0 " + status + "\r\n";
+inline bool Has(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
+
+// A response as a server would write it (RFC 3261 §8.2.6); further header lines end with \r\n.
+inline std::string ResponseTo(std::string_view request, const std::string& status, const std::string& headers = "") {
+  std::string text = "SIP/2.0 " + status + "\r\n" + headers;
   for (const char* name : {"Via", "From", "To", "Call-ID", "CSeq"}) {
     text += std::string(name) + ": " + HeaderLine(request, name) + "\r\n";
   }
@@ -162,23 +164,12 @@ inline std::string Complete(Peer& peer, const ResultPtr& result, bool any_outcom
   return last;
 }
 
-// Notes "EVENT #ENTRY STATUS FIRST-CONTACT" of each event, once `action` has run in the call.
-class Handler : public ISipStackEvent {
+class Notes {
  public:
-  using Action = std::function<void(const SipStackEvent&)>;
-  explicit Handler(Action action = nullptr) : action_(std::move(action)) {}
-  int OnStackEvent(SipStackEvent* event) override {
-    if (action_) action_(*event);
-    std::string text = std::to_string(event->nEventId) + " #" + std::to_string(event->nStackId);
-    if (const nsip_message* message = event->pMessage) {
-      text += " " + std::to_string(message->status_code);
-      if (!message->contacts.empty()) text += " " + nsip_from_text(*message->contacts.front());
-    }
+  void Note(const std::string& text) {
     const std::lock_guard lock(mutex_);
     seen_.push_back(text);
-    return 0;
   }
-  std::string GetServiceName() override { return "test"; }
   std::vector<std::string> seen() {
     const std::lock_guard lock(mutex_);
     return seen_;
@@ -189,10 +180,30 @@ class Handler : public ISipStackEvent {
   }
 
  private:
-  Action action_;
   std::mutex mutex_;
   std::vector<std::string> seen_;
   std::size_t taken_ = 0;
+};
+
+// Notes "EVENT #ENTRY STATUS FIRST-CONTACT" of each event, once `action` has run in the call.
+class Handler : public ISipStackEvent, public Notes {
+ public:
+  using Action = std::function<void(const SipStackEvent&)>;
+  explicit Handler(Action action = nullptr) : action_(std::move(action)) {}
+  int OnStackEvent(SipStackEvent* event) override {
+    if (action_) action_(*event);
+    std::string text = std::to_string(event->nEventId) + " #" + std::to_string(event->nStackId);
+    if (const nsip_message* message = event->pMessage) {
+      text += " " + std::to_string(message->status_code);
+      if (!message->contacts.empty()) text += " " + nsip_from_text(*message->contacts.front());
+    }
+    Note(text);
+    return 0;
+  }
+  std::string GetServiceName() override { return "test"; }
+
+ private:
+  Action action_;
 };
 
 class StackTest : public testing::Test {
