@@ -1,4 +1,5 @@
-// The registrar as a notifier, against a subscriber that writes its datagrams by hand.
+// The registrar as a notifier, against a subscriber that writes its datagrams by hand. What the tests of the subscriber
+// and of the whole exercise is not told here once more.
 #include "Domletlib/Domletlib.h"
 #include "registrar/orders.h"
 #include "registrar_service.h"
@@ -6,14 +7,11 @@
 namespace {
 
 using namespace registrar_test;
-using registrar::ContactEvent;
-using registrar::ContactIds;
-using registrar::Documents;
-using registrar::Gone;
-using registrar::NotifyOrder;
-using registrar::Versions;
+using namespace registrar;
+using sip_test::Eventually;
 using sip_test::HeaderLine;
 using sip_test::milliseconds;
+using sip_test::ResponseTo;
 
 Options Quick(milliseconds t1 = 5s) {
   Options options;
@@ -25,29 +23,32 @@ Options Quick(milliseconds t1 = 5s) {
 struct Watch : Service {
   explicit Watch(const Options& options = Quick()) : Service(options) {}
 
-  std::string Subscription(int number, const std::string& rest, bool with_event = true) {
+  std::string Subscription(int number, const std::string& rest = "", const char* event = "Event: reg\r\n") {
     const std::string contact = Has(rest, "Contact:") ? "" : Contact("phone");
-    return Request(number, contact + rest + (with_event ? "Event: reg\r\n" : ""), ";rport", "SUBSCRIBE", kAor, to_tag);
+    return Request(number, contact + rest + event, ";rport", "SUBSCRIBE", kAor, to_tag);
   }
   std::string Contact(const std::string& user) const {
     return "Contact: <sip:" + user + "@127.0.0.1:" + std::to_string(client.port()) + ">\r\n";
   }
   // In a dialog from then on.
-  void Subscribe(int number, const std::string& rest, const Parts& parts = {}) {
+  void Subscribe(int number, const std::string& rest = "", const Parts& parts = {}) {
     const std::string answer = Ask(Subscription(number, rest), 200, parts);
     if (to_tag.empty()) to_tag = answer.substr(answer.find(";tag=", answer.find("\r\nTo:")), 21);
+  }
+  // Out of the dialog, and for a new one.
+  void Leave() {
+    to_tag.clear();
+    cseq = 0;
   }
   // The next NOTIFY, which must be the dialog's next one; it is answered unless the status is empty.
   std::string Expect(const Parts& parts, const std::string& status = "200 OK", const std::string& user = "phone") {
     const std::string notify = client.Receive();
+    const std::string dialog = HeaderLine(notify, "Call-ID") + HeaderLine(notify, "From") + HeaderLine(notify, "To");
+    EXPECT_EQ(dialog, "one<" + std::string(kAor) + ">" + to_tag + "<" + kAor + ">;tag=f");
+    EXPECT_EQ(HeaderLine(notify, "CSeq") + HeaderLine(notify, "Event"), std::to_string(++cseq) + " NOTIFYreg");
     EXPECT_TRUE(notify.starts_with("NOTIFY sip:" + user + "@127.0.0.1:")) << notify;
-    EXPECT_EQ(HeaderLine(notify, "Call-ID"), "one");
-    EXPECT_EQ(HeaderLine(notify, "From"), "<" + std::string(kAor) + ">" + to_tag);
-    EXPECT_EQ(HeaderLine(notify, "To"), "<" + std::string(kAor) + ">;tag=f");
-    EXPECT_EQ(HeaderLine(notify, "CSeq"), std::to_string(++cseq) + " NOTIFY");
-    EXPECT_EQ(HeaderLine(notify, "Event"), "reg");
     ExpectParts(notify, parts);
-    if (!status.empty()) client.Send(sip_test::ResponseTo(notify, status));
+    if (!status.empty()) client.Send(ResponseTo(notify, status));
     return notify;
   }
   void Begin() {
@@ -59,90 +60,72 @@ struct Watch : Service {
     EXPECT_TRUE(registrar.Apply({event, kAor, contact, seconds}, error)) << error;
   }
   bool IsAlone() {
-    return sip_test::Eventually([this] { return registrar.Subscriptions().empty(); }, 3s);
+    return Eventually([this] { return registrar.Subscriptions().empty(); }, 3s);
   }
 
   std::string to_tag;
   int cseq = 0;
 };
 
-std::string Version(const std::string& notify) {
-  const auto from = notify.find(" version=\"", notify.find("<reginfo")) + 10;
-  return notify.substr(from, notify.find('"', from) - from);
-}
-
-// The ids of the contacts, in their order.
-std::string Ids(const std::string& notify) {
-  std::string ids;
-  for (auto at = notify.find("<contact id=\""); at != std::string::npos; at = notify.find("<contact id=\"", at)) {
-    at += 13;
-    ids += notify.substr(at, notify.find('"', at) - at) + " ";
+// The values of an attribute of these elements, in their order.
+std::string Values(const std::string& notify, const std::string& start) {
+  std::string values;
+  for (auto at = notify.find(start); at != std::string::npos; at = notify.find(start, at)) {
+    at += start.size();
+    values += notify.substr(at, notify.find('"', at) - at) + " ";
   }
-  return ids;
+  return values;
 }
 
 TEST(RegEventTest, ADialogFromSubscribeToTheLastNotify) {
   Options options = Quick();
-  options.reg_event.min_expires = 2;
+  options.reg_event.min_expires = 1;
   options.reg_event.max_expires = 100;
   Watch watch(options);
-  const struct {
-    std::string rest, to_tag;
-    int status;
-    Parts parts;
-  } refusals[] = {{"Event: presence\r\n", "", 489, {"Allow-Events: reg\r\n"}},
-                  {"Event: regular\r\n", "", 489, {}},
-                  {"Expires: 5\r\n", "", 489, {}},
-                  {"Event: reg\r\nAccept: application/pidf+xml, text/*;q=1\r\n", "", 406, {"application/reginfo+xml"}},
-                  {"Event: reg\r\nExpires: 1\r\n", "", 423, {"Min-Expires: 2\r\n"}},
-                  {"Event: reg\r\nRequire: gruu\r\n", "", 420, {}},
-                  {"Event: reg\r\nContact: <sip:a@192.0.2.1>\r\n", "", 400, {}},
-                  {"Event: reg\r\n", ";tag=nobody", 481, {}}};
+  // clang-format off
+  const struct { std::string rest; const char *event, *to_tag; int status; Parts parts; } refusals[] = {
+      {"", "Event: presence\r\n", "", 489, {"Allow-Events: reg\r\n"}}, {"", "Event: regular\r\n", "", 489, {}},
+      {"", "", "", 489, {}}, {"Require: gruu\r\n", "Event: reg\r\n", "", 420, {}},
+      {"Accept: application/pidf+xml, text/*;q=1\r\n", "Event: reg\r\n", "", 406, {"application/reginfo+xml"}},
+      {"Contact: <sip:a@192.0.2.1>\r\n", "Event: reg\r\n", "", 400, {}},
+      {"", "Event: reg\r\n", ";tag=nobody", 481, {}}};
+  // clang-format on
   int number = 0;
   for (const auto& refusal : refusals) {
     watch.to_tag = refusal.to_tag;
-    watch.Ask(watch.Subscription(++number, refusal.rest, false), refusal.status, refusal.parts);
+    watch.Ask(watch.Subscription(++number, refusal.rest, refusal.event), refusal.status, refusal.parts);
   }
   EXPECT_TRUE(watch.registrar.Subscriptions().empty());
-  watch.to_tag.clear();
-
+  watch.Leave();
   const std::string route = "<sip:127.0.0.1:" + std::to_string(watch.client.port()) + ";lr>";
   watch.Subscribe(20, "Contact: <sip:phone@127.0.0.1:9>\r\nRecord-Route: " + route + "\r\nAccept: text/plain, */*\r\n",
                   {"Expires: 100\r\n", "Record-Route: " + route, "Contact: <" + watch.registrar.uri() + ">"});
   watch.Expect({"Route: " + route, "Subscription-State: active;expires=100\r\n", "state=\"init\""});
-  watch.Ask(watch.Subscription(20, ""), 500);
+  watch.Ask(watch.Subscription(20), 500);
   watch.call_id = "two";
-  watch.Ask(watch.Subscription(21, ""), 481);
+  watch.Ask(watch.Subscription(21), 481);
   watch.call_id = "one";
   watch.Subscribe(22, watch.Contact("desk") + "Expires: 50\r\n", {"Expires: 50\r\n"});
   watch.Expect({"version=\"1\" state=\"full\"", "expires=50\r\n"}, "200 OK", "desk");
   EXPECT_EQ(watch.registrar.Subscriptions(kAor).front().refreshes, 1U);
   watch.Subscribe(23, "Expires: 0\r\n", {"Expires: 0\r\n"});
   const std::string last = watch.Expect({"Subscription-State: terminated;reason=timeout\r\n", "version=\"2\""}, "");
-  watch.Ask(watch.Subscription(24, ""), 481);  // over, though its last NOTIFY is not answered yet
-  watch.client.Send(sip_test::ResponseTo(last, "200 OK"));
+  watch.Ask(watch.Subscription(24), 481);  // over, though its last NOTIFY is not answered yet
+  watch.client.Send(ResponseTo(last, "200 OK"));
   EXPECT_TRUE(watch.IsAlone());
-
   // A fetch; and a subscription that nobody refreshes.
-  for (const char* seconds : {"0", "2"}) {
-    watch.to_tag.clear();
-    watch.cseq = 0;
+  for (const char* seconds : {"0", "1"}) {
+    watch.Leave();
     watch.Subscribe(30, "Expires: " + std::string(seconds) + "\r\n");
-    if (*seconds != '0') watch.Expect({"active;expires=2"});
+    if (*seconds != '0') watch.Expect({"active;expires=1"});
     watch.Expect({"terminated;reason=timeout\r\n", "<reginfo"});
     EXPECT_TRUE(watch.IsAlone());
   }
-  options.users = {{"alice", "secret"}};
-  options.challenge_with_407 = true;
-  Watch closed(options);
-  closed.Ask(closed.Subscription(1, ""), 407, {"Proxy-Authenticate: Digest "});
-  EXPECT_TRUE(closed.registrar.Subscriptions().empty());
 }
 
 TEST(RegEventTest, DocumentsFollowTheRequests) {
   const std::string odd =
       "Contact: \"<&> \\\"\" <sip:b@127.0.0.1:7002;x=%22>;q=0.5;+sip.instance=\"<urn:a&b>\"\r\nExpires: 1\r\n";
-  const std::string gone = "Contact: <sip:alice@127.0.0.1:7001>;expires=0\r\n";
   for (const auto& [documents, leaving] : {std::pair{Documents::kFull, Gone::kListed},
                                            {Documents::kPartial, Gone::kMissing},
                                            {Documents::kFull, Gone::kMissing}}) {
@@ -160,41 +143,32 @@ TEST(RegEventTest, DocumentsFollowTheRequests) {
     watch.Register(2, kPhone, 200);
     watch.Expect({"event=\"refreshed\"", "!registered\""});
     watch.Register(3, odd, 200);
-    const std::string notify = watch.Expect({"q=\"0.5\"", others + "refreshed", "event=\"registered\""});
+    const std::string notify =
+        watch.Expect({"q=\"0.5\"", others + "refreshed", "event=\"registered\"", "&lt;urn:a&amp;b&gt;",
+                      "<display-name>&lt;&amp;&gt; &quot;</display-name>"});
     CXML document;
     ASSERT_NE(document.SetDoc(notify.substr(notify.find("<?xml"))), 0) << document.LastError();
-    ExpectParts(notify, {"<display-name>&lt;&amp;&gt; &quot;</display-name>", "&lt;urn:a&amp;b&gt;"});
     watch.Expect(
         {listed + "state=\"terminated\" event=\"expired\"", others + "refreshed", "state=\"active\">\n    <contact"});
-    watch.Register(4, gone, 200);
-    watch.Expect({listed + "event=\"unregistered\"", "registration", "!refreshed", "state=\"terminated\">"});
-    watch.Register(5, kPhone, 200);
-    watch.Expect({"event=\"registered\""});
-    watch.Register(6, "Contact: *\r\nExpires: 0\r\n", 200);
-    watch.Expect({listed + "event=\"unregistered\""});
-    const std::map<int, std::uint64_t> answers = {{200, 8}};
-    EXPECT_TRUE(sip_test::Eventually([&] { return watch.registrar.GetRegEventCounters().answers == answers; }, 3s));
+    watch.Register(4, "Contact: *\r\nExpires: 0\r\n", 200);
+    watch.Expect({listed + "event=\"unregistered\"", "!refreshed", "state=\"terminated\">"});
   }
 }
 
 TEST(RegEventTest, OrdersChangeTheBindingsAndAreTold) {
   Watch watch;
   watch.Begin();
-  const struct {
-    ContactEvent event;
-    std::optional<int> seconds;
-    Parts parts;
-  } orders[] = {{ContactEvent::kRefreshed, 900, {"state=\"active\" event=\"refreshed\"", "expires=\"900\""}},
-                {ContactEvent::kShortened, 30, {"state=\"active\" event=\"shortened\"", "expires=\"30\""}},
-                {ContactEvent::kCreated, {}, {"state=\"active\" event=\"created\"", "expires=\"7200\""}},
-                {ContactEvent::kExpired, {}, {"state=\"terminated\" event=\"expired\"", "!retry-after", "! expires="}},
-                {ContactEvent::kDeactivated, {}, {"state=\"terminated\" event=\"deactivated\""}},
-                {ContactEvent::kProbation, 17, {"state=\"terminated\" event=\"probation\"", "retry-after=\"17\""}},
-                {ContactEvent::kUnregistered, {}, {"state=\"terminated\" event=\"unregistered\""}},
-                {ContactEvent::kRejected, {}, {"state=\"terminated\" event=\"rejected\""}}};
-  std::string error;
-  EXPECT_FALSE(watch.registrar.Apply({ContactEvent::kRejected, kAor, "", {}}, error));
-  EXPECT_TRUE(Has(error, "no such binding")) << error;
+  // clang-format off
+  const struct { ContactEvent event; std::optional<int> seconds; Parts parts; } orders[] = {
+      {ContactEvent::kRefreshed, 900, {"state=\"active\" event=\"refreshed\"", "expires=\"900\""}},
+      {ContactEvent::kShortened, 30, {"state=\"active\" event=\"shortened\"", "expires=\"30\""}},
+      {ContactEvent::kCreated, {}, {"state=\"active\" event=\"created\"", "expires=\"7200\""}},
+      {ContactEvent::kExpired, {}, {"state=\"terminated\" event=\"expired\"", "!retry-after", "! expires="}},
+      {ContactEvent::kDeactivated, {}, {"state=\"terminated\" event=\"deactivated\""}},
+      {ContactEvent::kProbation, 17, {"state=\"terminated\" event=\"probation\"", "retry-after=\"17\""}},
+      {ContactEvent::kUnregistered, {}, {"state=\"terminated\" event=\"unregistered\""}},
+      {ContactEvent::kRejected, {}, {"state=\"terminated\" event=\"rejected\""}}};
+  // clang-format on
   int number = 0;
   for (const auto& order : orders) {
     watch.Register(++number, kPhone, 200);
@@ -202,10 +176,8 @@ TEST(RegEventTest, OrdersChangeTheBindingsAndAreTold) {
     watch.Order(order.event, order.seconds);
     watch.Expect(order.parts);
     const auto bindings = watch.registrar.Bindings(kAor);
-    EXPECT_EQ(bindings.empty(), registrar::Terminates(order.event)) << Word(order.event);
-    if (!bindings.empty()) {
-      EXPECT_EQ(bindings.front().expires, order.seconds.value_or(7200));
-    }
+    ASSERT_EQ(bindings.empty(), Terminates(order.event)) << Word(order.event);
+    EXPECT_EQ(bindings.empty() ? 0 : bindings.front().expires, bindings.empty() ? 0 : order.seconds.value_or(7200));
   }
   // One contact of two, both made by the operator.
   for (const char* contact : {"sip:a@127.0.0.1:1", "sip:b@127.0.0.1:1"}) {
@@ -218,7 +190,8 @@ TEST(RegEventTest, OrdersChangeTheBindingsAndAreTold) {
 }
 
 TEST(RegEventTest, DocumentsAreNumberedAsTheMannerIs) {
-  for (const auto& [manner, numbers] : {std::pair<Versions, const char*>{Versions::kProper, "0 1 2 3 | 0 "},
+  // The numbers of four documents of one dialog and of the next dialog's first.
+  for (const auto& [manner, numbers] : {std::pair{Versions::kProper, "0 1 2 3 | 0 "},
                                         {Versions::kOne, "1 2 3 4 | 1 "},
                                         {Versions::kAor, "0 1 2 3 | 4 "},
                                         {Versions::kZero, "0 0 0 0 | 0 "},
@@ -228,157 +201,126 @@ TEST(RegEventTest, DocumentsAreNumberedAsTheMannerIs) {
     options.reg_event.versions = manner;
     Watch watch(options);
     std::string seen;
-    for (int number = 1; number <= 4; ++number) {
-      watch.Subscribe(number, "");
-      seen += Version(watch.Expect({})) + " ";
+    for (int number = 1; number <= 5; ++number) {
+      if (number == 5) watch.Leave();
+      watch.Subscribe(number);
+      seen += (number == 5 ? "| " : "") + Values(watch.Expect({}), "reginfo\" version=\"");
     }
-    watch.to_tag.clear();
-    watch.cseq = 0;
-    watch.Subscribe(5, "");
-    EXPECT_EQ(seen + "| " + Version(watch.Expect({})) + " ", numbers);
+    EXPECT_EQ(seen, numbers);
   }
-  for (const auto manner : {ContactIds::kStable, ContactIds::kFresh, ContactIds::kSwapped}) {
+  for (const auto& [manner, ids] : {std::pair{ContactIds::kStable, "c1 c2 c1 c2 "},
+                                    {ContactIds::kFresh, "f1 f2 f3 f4 "},
+                                    {ContactIds::kSwapped, "c1 c2 c2 c1 "}}) {
     Options options = Quick();
     options.reg_event.contact_ids = manner;
     Watch watch(options);
     watch.Register(1, kPhone + "Contact: <sip:desk@127.0.0.1:7002>\r\n", 200);
-    std::string ids[2];
-    for (int i = 0; i < 2; ++i) {
-      watch.Subscribe(i + 2, "");
-      ids[i] = Ids(watch.Expect({}));
+    std::string seen;
+    for (const int number : {2, 3}) {
+      watch.Subscribe(number);
+      seen += Values(watch.Expect({}), "<contact id=\"");
     }
-    const std::string second = manner == ContactIds::kStable  ? "c1 c2 "
-                               : manner == ContactIds::kFresh ? "f3 f4 "
-                                                              : "c2 c1 ";
-    EXPECT_EQ(ids[1], second);
-    EXPECT_EQ(ids[0], manner == ContactIds::kFresh ? "f1 f2 " : "c1 c2 ");
+    EXPECT_EQ(seen, ids);
   }
 }
 
 TEST(RegEventTest, OneNotifyAtATimeUntilItIsAnsweredOrGivenUp) {
-  Watch watch(Quick(25ms));
-  watch.Subscribe(1, "");
-  // The same datagram again and again, ever more slowly; 64 times T1 are 1.6 s.
+  Watch watch(Quick(10ms));
+  watch.Subscribe(1);
+  // The same datagram again and again, ever more slowly; 64 times T1 are 640 ms.
   const auto began = sip_test::Clock::now();
   const std::string first = watch.Expect({}, "");
   int copies = 1;
-  for (std::string copy; !(copy = watch.client.Receive(400ms)).empty(); ++copies) EXPECT_EQ(copy, first);
-  EXPECT_GE(sip_test::Clock::now() - began, 1400ms);
-  EXPECT_GE(copies, 5);
-  EXPECT_LE(copies, 12);
+  for (std::string copy; !(copy = watch.client.Receive(300ms)).empty(); ++copies) EXPECT_EQ(copy, first);
+  EXPECT_GE(sip_test::Clock::now() - began, 560ms);
+  EXPECT_TRUE(copies >= 5 && copies <= 12) << copies;
   EXPECT_TRUE(watch.IsAlone());
   EXPECT_EQ(watch.registrar.GetRegEventCounters().answers.at(408), 1U);
 
-  Watch calm;
-  calm.Subscribe(1, "");
+  Options options = Quick();
+  options.reg_event.documents = Documents::kPartial;
+  Watch calm(options);
+  calm.Subscribe(1);
   const std::string held = calm.Expect({"init"}, "");
   calm.Register(1, kPhone, 200);
   calm.Order(ContactEvent::kRefreshed);
   EXPECT_EQ(calm.client.Receive(100ms), "");
   EXPECT_EQ(calm.registrar.Subscriptions().front().waiting, 3U);
-  for (const char* status : {"100 Trying", "200 OK", "200 OK"}) calm.client.Send(sip_test::ResponseTo(held, status));
-  calm.Expect({"version=\"1\"", "event=\"registered\""}, "503 Service Unavailable");
-  calm.Expect({"version=\"2\"", "event=\"refreshed\""}, "");
+  for (const char* status : {"100 Trying", "200 OK", "200 OK"}) calm.client.Send(ResponseTo(held, status));
+  calm.Expect({"version=\"1\" state=\"partial\"", "event=\"registered\""}, "503 Service Unavailable");
+  const std::string third = calm.Expect({"version=\"2\"", "event=\"refreshed\""}, "");
   // What does not fit into the queue any more is said by one full document.
   for (int i = 0; i < 65; ++i) calm.Order(ContactEvent::kRefreshed, 100 + i);
   EXPECT_EQ(calm.registrar.Subscriptions().front().waiting, 2U);
   EXPECT_EQ(calm.registrar.Subscriptions().front().last_status, 503);
-  calm.registrar.ForgetSubscriptions({});
-  EXPECT_TRUE(calm.registrar.Subscriptions().empty());
-
-  Watch strange;
-  strange.Subscribe(1, "");
-  strange.Expect({}, "481 Gone");
-  EXPECT_TRUE(strange.IsAlone());
+  calm.client.Send(ResponseTo(third, "200 OK"));
+  calm.Expect({"state=\"full\"", "expires=\"164\""}, "481 Gone");
+  EXPECT_TRUE(calm.IsAlone());
 }
 
-TEST(RegEventTest, NotifiesByHand) {
-  Watch watch;
-  watch.Begin();
-  NotifyOrder order;
-  order.aor = kAor;
-  order.body = "<odd/>";
-  order.content_type = "text/odd";
-  order.subscription_state = "pending";
-  EXPECT_EQ(watch.registrar.Notify(order), 1U);
+TEST(RegEventTest, NotifiesAndAnswersByHand) {
+  Options options = Quick();
+  options.reg_event.pending = true;
+  Watch watch(options);
+  Script script;
+  script.method = "SUBSCRIBE";
+  script.delay = 200ms;
+  watch.registrar.Add(script);
+  watch.Register(1, kPhone, 200);  // takes no script of another method
+  watch.client.Send(watch.Subscription(2));
+  const std::string early = watch.client.Receive();
+  ExpectParts(early, {"NOTIFY ", "Subscription-State: pending;expires=3761\r\n", "Content-Length: 0", "!Content-Type"});
+  watch.client.Send(ResponseTo(early, "200 OK"));
+  watch.to_tag = HeaderLine(early, "From").substr(std::string(kAor).size() + 2);
+  ExpectParts(watch.client.Receive(), {"SIP/2.0 200", watch.to_tag});
+  watch.cseq = 1;
+  watch.Order(ContactEvent::kShortened, 9);
+  EXPECT_EQ(watch.client.Receive(100ms), "");
+  EXPECT_EQ(watch.registrar.Approve(kAor), 1U);
+  watch.Expect({"Subscription-State: active;", "version=\"0\" state=\"full\"", "shortened"});
+
+  NotifyOrder odd;
+  odd.aor = kAor;
+  odd.body = "<odd/>";
+  odd.content_type = "text/odd";
+  odd.subscription_state = "pending";
+  EXPECT_EQ(watch.registrar.Notify(odd), 1U);
   watch.Expect({"Content-Type: text/odd\r\n", "Subscription-State: pending\r\n", "\r\n\r\n<odd/>"});
-  order = {};
+  NotifyOrder order;
   order.aor = kAor;
   order.body = "";
   order.copies = 2;
   watch.registrar.Notify(order);
   const std::string twice = watch.Expect({"!Content-Type", "Content-Length: 0\r\n"}, "");
   EXPECT_EQ(watch.client.Receive(), twice);
-  watch.client.Send(sip_test::ResponseTo(twice, "200 OK"));
-  order = {};
-  order.aor = kAor;
+  watch.client.Send(ResponseTo(twice, "200 OK"));
   order.cseq = 2;
+  order.copies = 1;
   watch.registrar.Notify(order);
   watch.cseq = 1;
-  watch.Expect({"version=\"1\""}, "500 Out Of Order");
+  watch.Expect({}, "500 Out Of Order");
+  watch.cseq = 4;
   order.cseq.reset();
   order.foreign = true;
   watch.registrar.Notify(order);
   const std::string foreign = watch.client.Receive();
-  ExpectParts(foreign, {"NOTIFY sip:phone@", "<reginfo", "!Call-ID: one\r\n", "!" + watch.to_tag, "!;tag=f\r\n"});
-  watch.client.Send(sip_test::ResponseTo(foreign, "481 Not Mine"));
-  watch.cseq = 3;
-  watch.Order(ContactEvent::kCreated, {}, "sip:a@127.0.0.1:1");
-  watch.Expect({"created"});
-  EXPECT_EQ(watch.registrar.GetRegEventCounters().answers.at(481), 1U);
+  ExpectParts(foreign, {"NOTIFY sip:phone@", "!Call-ID: one\r\n", "!" + watch.to_tag, "!;tag=f\r\n"});
+  watch.client.Send(ResponseTo(foreign, "481 Not Mine"));
   EXPECT_EQ(watch.registrar.EndSubscriptions(kAor, "probation", 5), 1U);
   watch.Expect({"Subscription-State: terminated;reason=probation;retry-after=5\r\n"});
   EXPECT_TRUE(watch.IsAlone());
 }
 
-TEST(RegEventTest, AnswersToSubscribeByHandAndTheWaitForApproval) {
-  Options options = Quick();
-  options.reg_event.pending = true;
-  Watch watch(options);
-  registrar::Script script;
-  script.method = "SUBSCRIBE";
-  script.drop = true;
-  watch.registrar.Add(script);
-  watch.client.Send(watch.Subscription(1, ""));
-  EXPECT_EQ(watch.client.Receive(100ms), "");
-  script = {};
-  script.method = "SUBSCRIBE";
-  script.delay = 200ms;
-  watch.registrar.Add(script);
-  watch.Register(1, kPhone, 200);  // takes no script of another method
-  watch.client.Send(watch.Subscription(2, ""));
-  const std::string early = watch.client.Receive();
-  ExpectParts(early, {"NOTIFY ", "Subscription-State: pending;expires=3761\r\n", "Content-Length: 0", "!Content-Type"});
-  watch.client.Send(sip_test::ResponseTo(early, "200 OK"));
-  const std::string late = watch.client.Receive();
-  watch.to_tag = HeaderLine(early, "From").substr(std::string(kAor).size() + 2);
-  ExpectParts(late, {"SIP/2.0 200", watch.to_tag});
-  watch.cseq = 1;
-  watch.Order(ContactEvent::kShortened, 9);
-  EXPECT_EQ(watch.client.Receive(100ms), "");
-  EXPECT_EQ(watch.registrar.Approve(kAor), 1U);
-  watch.Expect({"Subscription-State: active;", "version=\"0\" state=\"full\"", "shortened"});
-  script.status = 503;
-  watch.registrar.Add(script);
-  watch.Ask(watch.Subscription(3, ""), 503);
-  EXPECT_EQ(watch.registrar.ForgetSubscriptions(kAor), 1U);
-  watch.Ask(watch.Subscription(4, ""), 481);
-  EXPECT_EQ(watch.registrar.GetRegEventCounters().subscribes, 4U);
-}
-
 TEST(RegEventTest, OrdersAsLines) {
   Watch watch;
   watch.Begin();
+  // clang-format off
   for (const auto& [line, answer] : std::initializer_list<std::pair<std::string, std::string>>{
-           {"", ""},
-           {" # deactivate sip:alice@example.com", ""},
-           {"reboot", "error: unknown order \"reboot\""},
-           {"expire", "error: an address of record is missing"},
-           {"expire alice", "error: an address of record is missing"},
+           {"", ""}, {" # deactivate sip:alice@example.com", ""}, {"reboot", "error: unknown order \"reboot\""},
+           {"expire", "error: an address of record is missing"}, {"expire alice", "error: an address of record is"},
            {"expire sip:bob@example.com", "error: no such binding"},
            {"create sip:alice@example.com nonsense", "error: \"nonsense\" is no URI"},
            {"create sip:alice@example.com sip:a@127.0.0.1:1 90\r", "done: created sip:alice@example.com"},
-           {"shorten sip:alice@example.com", "error: how many seconds"},
            {"shorten sip:alice@example.com 0", "error: how many seconds"},
            {"shorten sip:alice@example.com 60 sip:a@127.0.0.1:1 more", "error: \"more\" is too much"},
            {"shorten sip:alice@example.com 60 sip:a@127.0.0.1:1", "done: shortened"},
@@ -391,20 +333,21 @@ TEST(RegEventTest, OrdersAsLines) {
            {"end-subscription sip:alice@example.com deactivated 0", "done: 1 subscription"},
            {"end-subscription sip:alice@example.com", "error: no subscription"},
            {"refuse-subscribe 200", "error: \"200\" is not a number from 300 to 699"}}) {
-    const std::string told = registrar::RunOrder(watch.registrar, line);
+    const std::string told = RunOrder(watch.registrar, line);
     EXPECT_TRUE(told.starts_with(answer) && told.empty() == answer.empty()) << line << "\n" << told;
   }
+  // clang-format on
   for (const char* part : {"created", "shortened", "terminated;reason=giveup\r\n", "\r\n\r\n two words ",
                            "terminated;reason=deactivated;retry-after=0\r\n"}) {
     watch.Expect({part});
   }
   std::string lines;
-  registrar::LineReader reader([&](std::string_view line) { lines += std::string(line) + "|"; },
-                               [&] { lines += "!|"; });
-  const std::string most(registrar::LineReader::kMaxLine, 'x');
-  for (const std::string& bytes :
-       {std::string("a"), std::string("b\nc\n"), most + "\n", most + "x\n", std::string("d")})
+  LineReader reader([&](std::string_view line) { (lines += line) += "|"; }, [&] { lines += "!|"; });
+  const std::string most(LineReader::kMaxLine, 'x');
+  for (const std::string& bytes : {std::string("a"), std::string("b\nc\n"), most + "\n", most + "x\n"}) {
     reader.Feed(bytes);
+  }
+  reader.Feed("d");
   reader.End();
   EXPECT_EQ(lines, "ab|c|" + most + "|!|d|");
 }
