@@ -98,6 +98,8 @@ int CDisplayName::Read() {
   return 1;
 }
 
+void CDisplayName::Update(CElement* pElement) { UpdateAs(*this, pElement); }
+
 void CDisplayName::Merge(CDisplayName&& oNewer) noexcept {
   Replace(m_strDisplayName, oNewer.m_strDisplayName);
   Replace(m_strLang, oNewer.m_strLang);
@@ -108,6 +110,8 @@ int CUri::Read() {
   m_strUri = m_oXml.GetData();
   return 1;
 }
+
+void CUri::Update(CElement* pElement) { UpdateAs(*this, pElement); }
 
 void CUri::Merge(CUri&& oNewer) noexcept { Replace(m_strUri, oNewer.m_strUri); }
 
@@ -134,6 +138,8 @@ int CContact::Read() {
   m_oXml.ResetPos();
   return ReadChildren("unknown-param", m_vecUnknownParam);
 }
+
+void CContact::Update(CElement* pElement) { UpdateAs(*this, pElement); }
 
 void CContact::Merge(CContact&& oNewer) noexcept {
   m_oXml = std::move(oNewer.m_oXml);

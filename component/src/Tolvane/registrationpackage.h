@@ -83,7 +83,7 @@ class CDisplayName : public CElement {
  public:
   int Parse(const char* pszDoc) override { return ParseAndRead(pszDoc); }
   CDisplayName* Clone() const override { return vktNew<CDisplayName>(*this); }
-  void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
+  void Update(CElement* pElement) override;
   void Merge(CDisplayName&& oNewer) noexcept;
 
  private:
@@ -98,7 +98,7 @@ class CUri : public CElement {
  public:
   int Parse(const char* pszDoc) override { return ParseAndRead(pszDoc); }
   CUri* Clone() const override { return vktNew<CUri>(*this); }
-  void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
+  void Update(CElement* pElement) override;
   void Merge(CUri&& oNewer) noexcept;
 
  private:
@@ -114,7 +114,7 @@ class CContact : public CElement {
  public:
   int Parse(const char* pszDoc) override;
   CContact* Clone() const override { return vktNew<CContact>(*this); }
-  void Update(CElement* pElement) override { UpdateAs(*this, pElement); }
+  void Update(CElement* pElement) override;
   void Merge(CContact&& oNewer) noexcept;
 
   const std::string& GetId() const { return m_strId; }
