@@ -80,47 +80,9 @@ TEST(NsipRead, Responses) {
   EXPECT_EQ(Read("SIP/2.0 200 \r\n"s + kMandatory + "\r\n")->reason_phrase, "");
 }
 
-TEST(NsipRead, RefusedStartLines) {
-  // clang-format off
-  const std::string lines[] = {
-      // responses
-      "SIP/3.0 200 OK", "SIP/2.0", "SIP/2.0 200", "SIP/2.0 99 x", "SIP/2.0 099 x", "SIP/2.0 700 x", "SIP/2.0 2000 x",
-      "SIP/2.0  200 x", "SIP/2.0 +20 x", "SIP/2.00 200 OK", "SIP/2.0 200 a\x01",
-      // requests
-      "REGISTER sip:b SIP/2.1", "REGISTER sip:b", "REGISTER  sip:b SIP/2.0", "REGISTER", "REGISTER sip:b  SIP/2.0",
-      "REGISTER sip:b SIP/2.0 ", "REGISTER <sip:b> SIP/2.0", " REGISTER sip:b SIP/2.0", "RE{G sip:b SIP/2.0",
-      "REGISTER sip: SIP/2.0", "REGISTER b SIP/2.0", "register sip:b SIP/2.0", "OPTIONS sip:b SIP/2.0", "x"};
-  // clang-format on
-  ASSERT_EQ(Reason("REGISTER sip:b SIP/2.0\r\n" + std::string(kMandatory) + "\r\n"), "");
-  for (const std::string& line : lines) {
-    EXPECT_NE(Reason(line + "\r\n" + kMandatory + "\r\n"), "") << line;
-  }
+TEST(NsipRead, ReasonsToRefuse) {
   EXPECT_EQ(Reason("SIP/7.0 200 OK\r\n\r\n"), "SIP version is not 2.0");
   EXPECT_EQ(Reason("\r\n\r\n"), "no start line");
-}
-
-TEST(NsipRead, RefusedHeaders) {
-  // clang-format off
-  const std::string headers[] = {
-      // once only
-      "From: <sip:x@y>;tag=2", "t: <sip:x@y>", "i: other", "CSeq: 7 REGISTER", "Max-Forwards: 1\r\nMax-Forwards: 1",
-      "l: 0\r\nContent-Length: 0",
-      // numbers
-      "Content-Length: -1", "Content-Length:", "Content-Length: 0x0", "Content-Length: 0 0", "Content-Length: 1",
-      "Content-Length: 4294967296", "Content-Length: 18446744073709551616", "Max-Forwards: 256", "Max-Forwards: -1",
-      // lists
-      "Contact:", "Contact: ,<sip:a@b>", "Contact: <sip:a@b>,", "Contact: \"a, sip:b", "Contact: <sip:a@b",
-      "Contact: *, <sip:a@b>", "Contact: *\r\nm: <sip:a@b>", "m: <sip:a@b>\r\nContact: *", "Contact: *\r\nContact: *",
-      "Contact: *;expires=0", "Route: sip", "Record-Route: <sip:a>;;", "Via: SIP/2.0/UDP", "Via: SIP/2.0 UDP h",
-      "Via: SIP/2.0/UDP[::1]", "Via: SIP/3.0/UDP h", "Via: SIP/2.0/UDP h:0", "Via: SIP/2.0/UDP h x",
-      "Via: SIP/2.0/UDP h;branch=", "Via: HTTP/2.0/UDP h", "Via: SIP/2.0/UDP h,,",
-      // lines
-      "No colon", ": x", "A b: x", "A\xC3\xBC: x", "X: a\nY: b", "X: a\rb", "X: a\0b"s, "X: a\x7F", "X: a\r\n b\0"s,
-      "X: \"a\\\r\"", "X: a\r"};
-  // clang-format on
-  for (const std::string& header : headers) {
-    EXPECT_NE(Reason(Response(header + "\r\n")), "") << header;
-  }
   EXPECT_NE(Reason(Response("X: a\n")), "");
   EXPECT_EQ(Reason(kStatus + " folded: x\r\n"s + kMandatory + "\r\n"), "bad header line");
 }
