@@ -1,21 +1,16 @@
 // Entries through the real stack, against a peer on loopback that answers as each test tells it.
 #include "sivra/sivra.h"
 
-#include <cstdlib>
-
 #include "sipcarrier_peer.h"
 
+namespace sip_test {
 namespace {
 
-using namespace std::chrono_literals;
-using sip_test::HeaderLine;
 using MessagePtr = std::unique_ptr<nsip_message>;
 
 constexpr const char* kAor = "Alice<sip:alice@example.com>";
 
 int CSeq(const std::string& request) { return std::atoi(HeaderLine(request, "CSeq").c_str()); }
-
-bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // Under the library's lock.
 template <class Call>
@@ -39,21 +34,16 @@ bool Send(long id, MessagePtr message) {
 }
 bool Register(long id, int expires = 60) { return Send(id, Build(id, expires)); }
 void Release(long id) {
-  sivra_lock();
-  sivra_register_release(id);
-  sivra_unlock();
+  Locked([id] { return sivra_register_release(id), 0; });
 }
-std::string Challenge(const std::string& nonce, const std::string& more = "") {
-  return "WWW-Authenticate: Digest realm=r,qop=\"auth\",nonce=" + nonce + more + "\r\n";
+std::string Challenge(const std::string& nonce, const std::string& more = ",realm=r") {
+  return "WWW-Authenticate: Digest qop=\"auth\",nonce=" + nonce + more + "\r\n";
 }
 
-class SivraTest : public ::testing::Test {
+class SivraTest : public StackTest {
  protected:
   void SetUp() override {
-    config_.local_address = "127.0.0.1";
-    config_.t1 = 2s;  // no retransmission on a busy machine
-    config_.credentials = {{"sip:alice@example.com", "", "alice", "secret"}};
-    StartStack();
+    StartStack(2s);  // no retransmission on a busy machine
     id_ = SetInfo(0, kAor, registrar_);
   }
   void TearDown() override {
@@ -61,68 +51,60 @@ class SivraTest : public ::testing::Test {
     Release(id_);
     EXPECT_EQ(sivra::EntryCount(), 0U);
   }
-  void StartStack() {
-    std::string error;
-    ASSERT_EQ(sipcarrier::Start(config_, error), 0) << error;
+  void StartStack(milliseconds t1) {
+    auto config = Quick(t1);
+    config.credentials = {{"sip:alice@example.com", "", "alice", "secret"}};
+    StartWith(config);
     ASSERT_EQ(Sipcarrier_RegisterHandler(&handler_), 0);
   }
-  // Header lines end with \r\n.
   void Answer(const std::string& request, int status, const std::string& headers = "") {
-    std::string text = sip_test::ResponseTo(request, std::to_string(status) + " x");
-    peer_.Send(text.insert(text.find("\r\n") + 2, headers));
+    peer_.Send(ResponseTo(request, std::to_string(status) + " x", headers));
   }
   [[nodiscard]] std::string Reported(int event, const std::string& rest = "") const {
     return std::to_string(event) + " #" + std::to_string(id_) + rest;
   }
+  [[nodiscard]] std::string OwnContact() const {
+    return "sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ";line=" + std::to_string(id_);
+  }
 
-  sipcarrier::Config config_;
-  sip_test::Handler handler_;
-  sip_test::Peer peer_;
-  const std::string host_port_ = "127.0.0.1:" + std::to_string(peer_.port());
-  const std::string registrar_ = "sip:user@" + host_port_ + ";x=1?h=1";
+  Handler handler_;
+  Peer peer_;
+  const std::string registrar_ = "sip:user@" + UriOf(peer_).substr(4) + ";x=1?h=1";
   long id_ = 0;
 };
 
 TEST_F(SivraTest, TheRequest) {
   MessagePtr built = Build(id_);
-  ASSERT_TRUE(built);
-  EXPECT_EQ(nsip_message_set_header(built.get(), "User-Agent", "kept"), 0);
-  const std::string built_contact = nsip_from_text(*built->contacts.at(0));
-  const std::string built_from = nsip_from_text(*built->from);
+  ASSERT_TRUE(built && nsip_message_set_header(built.get(), "User-Agent", "kept") == 0);
+  const std::string from = nsip_from_text(*built->from);
+  const std::string contact = nsip_from_text(*built->contacts.at(0));
   EXPECT_TRUE(Send(id_, std::move(built)));
   const std::string request = peer_.Receive();
-  EXPECT_EQ(request.substr(0, request.find("\r\n")), "REGISTER sip:" + host_port_ + ";x=1 SIP/2.0");
+  EXPECT_TRUE(request.starts_with("REGISTER " + UriOf(peer_) + ";x=1 SIP/2.0\r\n")) << request;
   EXPECT_TRUE(HeaderLine(request, "To").ends_with(" <sip:alice@example.com>")) << request;
-  EXPECT_EQ(HeaderLine(request, "From"), built_from);
-  EXPECT_TRUE(Has(built_from, HeaderLine(request, "To") + ";tag="));
-  EXPECT_EQ(HeaderLine(request, "Contact"),
-            "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ";line=" + std::to_string(id_) + ">;expires=60");
-  EXPECT_EQ(HeaderLine(request, "Contact"), built_contact);
-  const std::vector<std::string> own{"sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
-                                     ";line=" + std::to_string(id_)};
-  EXPECT_EQ(sivra::RegisteredContacts("<sip:%61lice@EXAMPLE.com>"), own);
-  EXPECT_TRUE(sivra::RegisteredContacts("sip:alice@example.net").empty());
+  EXPECT_EQ(HeaderLine(request, "From"), from);
+  EXPECT_TRUE(Has(from, HeaderLine(request, "To") + ";tag="));
+  EXPECT_EQ(HeaderLine(request, "Contact"), "<" + OwnContact() + ">;expires=60");
+  EXPECT_EQ(HeaderLine(request, "Contact"), contact);
   EXPECT_TRUE(Has(request, "\r\nCSeq: 1 REGISTER\r\n") && Has(request, "\r\nUser-Agent: kept\r\n"));
   EXPECT_FALSE(Has(request, "\r\nExpires:"));
+  const std::vector<std::string> own{OwnContact()};
+  EXPECT_EQ(sivra::RegisteredContacts("<sip:%61lice@EXAMPLE.com>"), own);
+  EXPECT_TRUE(sivra::RegisteredContacts("sip:alice@example.net").empty());
   Answer(request, 100);
   Answer(request, 423, "Min-Expires: 90\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 423"));
 
-  // A second binding of the same address of record is one of its own; a bare URI keeps its
-  // parameter.
+  // A second binding of the same address of record is one of its own; a bare URI keeps its parameter.
   const long other = SetInfo(0, "sip:alice@example.com;user=phone", registrar_);
   EXPECT_EQ(other, id_ + 1);
   const MessagePtr second = Build(other, 0);
   EXPECT_NE(second->call_id, HeaderLine(request, "Call-ID"));
   EXPECT_FALSE(nsip_uri_equal(*second->contacts.at(0)->url, *Build(id_)->contacts.at(0)->url));
   EXPECT_EQ(nsip_uri_text(*second->to->url), "sip:alice@example.com;user=phone");
-
   EXPECT_EQ(sivra::RegisteredContacts(kAor), own) << "nothing has left for the other";
   Release(other);
-  EXPECT_FALSE(Build(other));
-  EXPECT_FALSE(Send(other, Build(id_)));
-  EXPECT_FALSE(Send(id_, nullptr));
-  EXPECT_FALSE(Build(id_, -1));
+  EXPECT_FALSE(Build(other) || Send(other, Build(id_)) || Send(id_, nullptr) || Build(id_, -1));
   EXPECT_EQ(SetInfo(other, kAor, registrar_), -1);
   for (const char* text : {"", "alice", "Alice<", "sip:", "xsip:alice", "sip:sips:alice"}) {
     EXPECT_EQ(SetInfo(0, text, registrar_), -1) << text;
@@ -149,8 +131,7 @@ TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
   Answer(second, 200);
   const std::string third = peer_.Receive();
   EXPECT_TRUE(HeaderLine(third, "Contact").ends_with(">;expires=0")) << third;
-  EXPECT_EQ(HeaderLine(third, "Expires"), "0");
-  EXPECT_EQ(HeaderLine(third, "Call-ID"), HeaderLine(first, "Call-ID"));
+  EXPECT_EQ(HeaderLine(third, "Expires") + HeaderLine(third, "Call-ID"), "0" + HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(third), CSeq(second));
   Answer(third, 401, Challenge("n1"));
   const std::string fourth = peer_.Receive();
@@ -158,7 +139,7 @@ TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
   EXPECT_EQ(HeaderLine(fourth, "Contact"), HeaderLine(third, "Contact"));
   Answer(fourth, 200);
   EXPECT_EQ(handler_.Next(100ms), "");
-  EXPECT_TRUE(sip_test::Eventually([] { return sivra::EntryCount() == 0; }));
+  EXPECT_TRUE(Eventually([] { return sivra::EntryCount() == 0; }));
 }
 
 TEST_F(SivraTest, Challenges) {
@@ -182,27 +163,24 @@ TEST_F(SivraTest, Challenges) {
   const std::string refresh = peer_.Receive();
   EXPECT_TRUE(Has(HeaderLine(refresh, "Authorization"), "nc=00000002")) << refresh;
   EXPECT_TRUE(Has(HeaderLine(refresh, "To"), "sip:+4930@example.com")) << refresh;
-  EXPECT_EQ(HeaderLine(refresh, "Contact"), own);
-  EXPECT_EQ(HeaderLine(refresh, "Call-ID"), HeaderLine(first, "Call-ID"));
+  EXPECT_EQ(HeaderLine(refresh, "Contact") + HeaderLine(refresh, "Call-ID"), own + HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(refresh), CSeq(first));
-  Answer(refresh, 401, Challenge("n2", ",stale=true"));
+  Answer(refresh, 401, Challenge("n2", ",realm=r,stale=true"));
   const std::string again = peer_.Receive();
   EXPECT_TRUE(Has(HeaderLine(again, "Authorization"), "nonce=\"n2\"")) << again;
   Answer(again, 401, Challenge("n3"));  // the password has changed
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
-
   // A server that asks for a new realm each time does not keep us sending.
   ASSERT_TRUE(Register(id_));
   for (const char* realm : {"1", "2", "3", "4"}) {
-    Answer(peer_.Receive(), 401, std::string("WWW-Authenticate: Digest realm=") + realm + ",nonce=n\r\n");
+    Answer(peer_.Receive(), 401, Challenge("n", std::string(",realm=") + realm));
   }
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
 }
 
 TEST_F(SivraTest, NoAnswerUnsentAndStop) {
   sipcarrier::Stop(0s);
-  config_.t1 = 5ms;
-  StartStack();
+  StartStack(5ms);
   ASSERT_TRUE(Register(id_));
   EXPECT_EQ(handler_.Next(), Reported(74));
   SetInfo(id_, kAor, "sip:127.0.0.1;transport=carrier-pigeon");
@@ -217,21 +195,19 @@ TEST_F(SivraTest, NoAnswerUnsentAndStop) {
   MessagePtr early = Build(id_);
   sipcarrier::Stop(0s);
   EXPECT_EQ(sivra::EntryCount(), 1U);
-  EXPECT_FALSE(Send(id_, std::move(late)));
-  EXPECT_FALSE(Build(id_));
-  // The entry is not stuck: it goes on with the next run of the stack, its numbers rising, and from
-  // the new port, whatever was known when the request was built.
-  while (!peer_.Receive(0ms).empty()) {
-  }
-  config_.t1 = 2s;
-  StartStack();
+  EXPECT_FALSE(Send(id_, std::move(late)) || Build(id_));
+  // The entry is not stuck: it goes on with the next run of the stack, its numbers rising, and from the new port,
+  // whatever was known when the request was built.
+  while (!peer_.Receive(0ms).empty()) continue;
+  StartStack(2s);
   ASSERT_TRUE(Send(id_, std::move(early)));
   const std::string request = peer_.Receive();
   EXPECT_GT(CSeq(request), 2);
-  EXPECT_TRUE(Has(HeaderLine(request, "Contact"), "@" + sipcarrier::LocalEndpoints().at(0) + ";")) << request;
+  EXPECT_TRUE(Has(HeaderLine(request, "Contact"), OwnContact())) << request;
   Answer(request, 200);
   // Some may be left of the run before.
-  EXPECT_TRUE(sip_test::Eventually([&] { return handler_.seen().back() == Reported(26, " 200"); }));
+  EXPECT_TRUE(Eventually([&] { return handler_.seen().back() == Reported(26, " 200"); }));
 }
 
 }  // namespace
+}  // namespace sip_test
