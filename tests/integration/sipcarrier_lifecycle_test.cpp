@@ -16,8 +16,7 @@ TEST_F(StackTest, StopWaitsForWhatIsInFlightChallengesIncluded) {
   std::thread stopper([] { sipcarrier::Stop(60s); });
   EXPECT_TRUE(Eventually([] { return !sipcarrier::RunOnIoThread([] {}); }));
   peer.Send(ResponseTo(first, "401 Unauthorized"));
-  EXPECT_TRUE(challenge->Wait());
-  EXPECT_EQ(challenge->status(), 401);
+  EXPECT_TRUE(challenge->Wait() && challenge->status() == 401);
   Complete(peer, final);
   const auto answered = Clock::now();
   stopper.join();
@@ -36,13 +35,10 @@ TEST_F(StackTest, StopEndsWhatIsInFlightAtTheDeadline) {
   const auto began = Clock::now();
   sipcarrier::Stop(150ms);
   EXPECT_GE(Clock::now() - began, 145ms);
-  ASSERT_EQ(sent->calls, 1);
-  EXPECT_EQ(sent->outcome.kind, Kind::kTimeout);
-  ASSERT_EQ(follow_up->calls, 1);
-  EXPECT_EQ(follow_up->outcome.kind, Kind::kUnsent);
+  ASSERT_TRUE(sent->calls == 1 && follow_up->calls == 1);
+  EXPECT_TRUE(sent->outcome.kind == Kind::kTimeout && follow_up->outcome.kind == Kind::kUnsent);
   EXPECT_EQ(sipcarrier::GetCounters().transactions, 0U);
-  EXPECT_FALSE(sipcarrier::RunOnIoThread([] {}));
-  EXPECT_TRUE(sipcarrier::LocalEndpoints().empty());
+  EXPECT_FALSE(sipcarrier::RunOnIoThread([] {}) || !sipcarrier::LocalEndpoints().empty());
 
   // The port is free again, and the next run knows nothing of this one.
   config.local_port = static_cast<std::uint16_t>(std::stoi(endpoint.substr(endpoint.find(':') + 1)));
@@ -74,13 +70,11 @@ TEST_F(StackTest, StartTellsWhatIsWrong) {
     config.local_port = static_cast<std::uint16_t>(port);
     config.credentials.push_back({aor, "", "u", "p"});
     std::string error;
-    EXPECT_EQ(sipcarrier::Start(config, error), -1);
-    EXPECT_NE(error.find(why), std::string::npos) << error;
+    EXPECT_TRUE(sipcarrier::Start(config, error) == -1 && Has(error, why)) << error;
   };
   expect_refusal("127.0.0.1", holder.port(), "", "127.0.0.1" + taken);
   expect_refusal("", holder.port(), "", "0.0.0.0" + taken);
-  expect_refusal("localhost", 0, "", "\"localhost\"");
-  expect_refusal("192.0.2.123", 0, "", "192.0.2.123");
+  for (const char* address : {"localhost", "192.0.2.123"}) expect_refusal(address, 0, "", address);
   expect_refusal("127.0.0.1", 0, "no uri", "no uri");
   StartWith(Quick());
   expect_refusal("127.0.0.1", 0, "", "already");
@@ -96,11 +90,9 @@ TEST_F(StackTest, EventsReachTheHandlerInOrderAndWithTheirParts) {
   Handler other;
   EXPECT_NE(Sipcarrier_RegisterHandler(&handler), 0) << "not started";
   StartWith(Quick());
-  EXPECT_NE(Sipcarrier_RegisterHandler(nullptr), 0);
   Post(99);  // nobody there: dropped
-  ASSERT_EQ(Sipcarrier_RegisterHandler(&handler), 0);
-  EXPECT_NE(Sipcarrier_RegisterHandler(&other), 0);
-  EXPECT_NE(Sipcarrier_DeRegisterHandler(&other), 0);
+  ASSERT_TRUE(Sipcarrier_RegisterHandler(nullptr) != 0 && Sipcarrier_RegisterHandler(&handler) == 0);
+  EXPECT_TRUE(Sipcarrier_RegisterHandler(&other) != 0 && Sipcarrier_DeRegisterHandler(&other) != 0);
   for (long id = 0; id < 200; ++id) Post(id);
   auto response = std::make_unique<nsip_message>();
   response->status_code = 200;
@@ -139,8 +131,7 @@ TEST_F(StackTest, NoEventComesAfterDeregistration) {
   ASSERT_TRUE(Eventually([&] { return Sipcarrier_RegisterHandler(&last) == 0; }));
   Post(6);
   EXPECT_EQ(last.Next(), "74 #6");
-  EXPECT_EQ(inside.seen().size(), 1U);
-  EXPECT_EQ(entered, calls);
+  EXPECT_TRUE(inside.seen().size() == 1 && entered == calls);
   EXPECT_EQ(Sipcarrier_DeRegisterHandler(&last), 0);
 }
 
