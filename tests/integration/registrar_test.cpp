@@ -79,44 +79,21 @@ TEST(RegistrarTest, AnswersGoWhereTheViaSaysAndStrangersAreTurnedAway) {
   service.Register(1, "Require: gruu\r\n", 420);
 }
 
-// That the right password opens is seen by the tests of the client, whose digest is another piece of code.
-TEST(RegistrarTest, DigestTurnsAwayWhoDoesNotKnowThePassword) {
-  Options options;
-  options.users = {{"alice", "secret"}};
-  Service service(options);
-  const std::string challenge = service.Register(1, kPhone, 401, {"algorithm=SHA-256,"});
-  EXPECT_LT(challenge.find("SHA-256"), challenge.find("MD5"));
-  const std::size_t at = challenge.find("nonce=\"");
-  const std::string nonce = challenge.substr(at, challenge.find('"', at + 7) + 1 - at);
-  for (const std::string& one : {nonce, std::string("nonce=\"made-up\"")}) {
-    service.Register(2,
-                     "Authorization: Digest username=\"alice\", realm=\"tolvane.example\", " + one +
-                         ", uri=\"sip:example.com\", algorithm=MD5, qop=auth, cnonce=\"c\", nc=00000001, response=\"" +
-                         std::string(32, 'a') + "\"\r\n" + kPhone,
-                     401, {"!stale"});
-  }
-  EXPECT_TRUE(service.registrar.Bindings().empty());
-}
-
 TEST(RegistrarTest, ListensOnLoopbackOnlyAndComesBackOnItsPort) {
-  const auto expect_refusal = [](const std::string& why, const Options& options) {
+  Service service;
+  const auto expect_refusal = [](const std::string& why, const char* address, std::uint16_t port, const char* hash) {
+    Options options;
+    options.address = address;
+    options.port = port;
+    options.users = {{"alice", "secret"}};
+    options.algorithms = {hash};
     std::string error;
     EXPECT_FALSE(registrar::Registrar(options).Start(error)) << why;
     EXPECT_TRUE(Has(error, why)) << error;
   };
-  Options options;
-  for (const char* far : {"0.0.0.0", "::", "192.0.2.1", "localhost", ""}) {
-    options.address = far;
-    expect_refusal("loopback", options);
-  }
-  options = {};
-  options.users = {{"alice", "secret"}};
-  options.algorithms = {"SHA-1"};
-  expect_refusal("SHA-1", options);
-  Service service;
-  options = {};
-  options.port = service.registrar.port();
-  expect_refusal("another port", options);
+  for (const char* far : {"0.0.0.0", "::", "192.0.2.1", "localhost", ""}) expect_refusal("loopback", far, 0, "MD5");
+  expect_refusal("SHA-1", "127.0.0.1", 0, "SHA-1");
+  expect_refusal("another port", "127.0.0.1", service.registrar.port(), "MD5");
   service.Register(1, kPhone, 200);
   service.registrar.Stop();
   service.Start();

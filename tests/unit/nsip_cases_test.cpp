@@ -57,6 +57,17 @@ bool IsAddress(const std::string& text) {
   return true;
 }
 
+bool IsWrittenAs(const std::string& text) {
+  const auto written = text.find(" | ");
+  for (const std::string& form : {text.substr(0, written), text.substr(written + 3)}) {
+    std::string out;
+    const auto message = nsip_message_parse(form, out);
+    EXPECT_TRUE(message && nsip_message_to_str(*message, out) == 0) << out;
+    EXPECT_EQ(out, text.substr(written + 3));
+  }
+  return true;
+}
+
 bool AreAll(const std::string& line, bool equal) {
   std::istringstream texts(line);
   std::string first;
@@ -80,6 +91,7 @@ TEST(Nsip, Cases) {
       {"equal", [](const auto& text) { return AreAll(text, true); }},
       {"differ", [](const auto& text) { return AreAll(text, false); }},
       {"address", IsAddress},
+      {"message", IsWrittenAs},
       {"address!",
        [](const auto& text) {
          nsip_from from;

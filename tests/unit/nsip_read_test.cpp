@@ -38,38 +38,6 @@ std::string Reason(const std::string& text) {
   return reason;
 }
 
-TEST(NsipRead, RequestInOddButValidForm) {
-  const auto msg = Read(
-      "\r\n\r\nREGISTER sip:[2001:db8::9]:5070;transport=udp sip/2.0\r\n"
-      "TO :\r\n  sip:bob@example.com ;  tag  = 77\r\n"
-      "f: \"J \\\\\\\"R\\\"\"\r\n\t  \r\n <sip:j%20r@example.com>;tag=98\r\n"
-      "MAX-FORWARDS: 0068\r\ni:  call(1)<2>@[x]\r\ncseq: 0009\r\n REGISTER\r\n"
-      "v: SIP / 2.0 / UDP  192.0.2.2 : 5061 ;branch=z9hG4bKa;rport,\r\n"
-      " SIP/2.0/TCP [::1];received=2001:db8::2;hidden\r\n"
-      "Via  : SIP/2.0/XTRA s.example.com ; ttl=12\r\n"
-      "m: \"Quoted, comma\" <sip:q@h;lr>;q=0.5 , sip:c@h;expires=60\r\n"
-      "Contact: Bare M\xC3\xBCller <sips:b@h>\r\n"
-      "Route: <sip:p1;lr>,<sip:p2;lr>\r\nRecord-Route: <sip:r1;lr>\r\n"
-      "x-NEW: a ,  \"b\r\n   \tc\"  \r\nk:\r\n path\r\nEmpty:\r\nl: 0004\r\n\r\nbodydropped");
-  ASSERT_NE(msg, nullptr);
-  EXPECT_EQ(msg->from->displayname, "J \\\"R\"");
-  EXPECT_EQ(msg->headers.items[1]->hname, "Supported");
-  std::string text;
-  ASSERT_EQ(nsip_message_to_str(*msg, text), 0);
-  EXPECT_EQ(text,
-            "REGISTER sip:[2001:db8::9]:5070;transport=udp SIP/2.0\r\n"
-            "Via: SIP/2.0/UDP 192.0.2.2:5061;branch=z9hG4bKa;rport\r\n"
-            "Via: SIP/2.0/TCP [::1];received=2001:db8::2;hidden\r\n"
-            "Via: SIP/2.0/XTRA s.example.com;ttl=12\r\n"
-            "Route: <sip:p1;lr>\r\nRoute: <sip:p2;lr>\r\nRecord-Route: <sip:r1;lr>\r\n"
-            "From: \"J \\\\\\\"R\\\"\" <sip:j%20r@example.com>;tag=98\r\n"
-            "To: <sip:bob@example.com>;tag=77\r\n"
-            "Call-ID: call(1)<2>@[x]\r\nCSeq: 9 REGISTER\r\nMax-Forwards: 68\r\n"
-            "Contact: \"Quoted, comma\" <sip:q@h;lr>;q=0.5\r\nContact: <sip:c@h>;expires=60\r\n"
-            "Contact: \"Bare M\xC3\xBCller\" <sips:b@h>\r\n"
-            "x-NEW: a ,  \"b c\"\r\nSupported: path\r\nEmpty: \r\nContent-Length: 4\r\n\r\nbody");
-}
-
 TEST(NsipRead, Responses) {
   const auto msg = Read("SIP/2.0 499 \xE5\xA5\xBD : ok\r\n"s + kMandatory + "Contact: *\r\n\r\nall\r\n\r\n of it");
   EXPECT_EQ(msg->status_code, 499);
