@@ -167,37 +167,33 @@ TEST(RegEventTest, DocumentsFollowTheRequests) {
 }
 
 TEST(RegEventTest, DocumentsAreNumberedAsTheMannerIs) {
-  // The numbers of four documents of one dialog and of the next dialog's first.
-  for (const auto& [manner, numbers] : {std::pair{Versions::kProper, "0 1 2 3 | 0 "},
-                                        {Versions::kOne, "1 2 3 4 | 1 "},
-                                        {Versions::kAor, "0 1 2 3 | 4 "},
-                                        {Versions::kZero, "0 0 0 0 | 0 "},
-                                        {Versions::kGaps, "2 5 8 11 | 2 "},
-                                        {Versions::kTwice, "0 0 1 1 | 0 "}}) {
+  // The versions of four documents of a dialog and of the next dialog's first; the ids of two contacts in two
+  // documents.
+  // clang-format off
+  const struct { Versions versions; ContactIds ids; const char *numbers, *contacts; } cases[] = {
+      {Versions::kProper, ContactIds::kStable, "0 1 2 3 | 0 ", "c1 c2 c1 c2 "},
+      {Versions::kOne, ContactIds::kFresh, "1 2 3 4 | 1 ", "f1 f2 f3 f4 "},
+      {Versions::kAor, ContactIds::kSwapped, "0 1 2 3 | 4 ", "c1 c2 c2 c1 "},
+      {Versions::kZero, ContactIds::kStable, "0 0 0 0 | 0 ", "c1 c2 c1 c2 "},
+      {Versions::kGaps, ContactIds::kStable, "2 5 8 11 | 2 ", "c1 c2 c1 c2 "},
+      {Versions::kTwice, ContactIds::kStable, "0 0 1 1 | 0 ", "c1 c2 c1 c2 "}};
+  // clang-format on
+  for (const auto& c : cases) {
     Options options = Quick();
-    options.reg_event.versions = manner;
-    Watch watch(options);
-    std::string seen;
-    for (int number = 1; number <= 5; ++number) {
-      if (number == 5) watch.Leave();
-      watch.Subscribe(number);
-      seen += (number == 5 ? "| " : "") + Values(watch.Expect({}), "reginfo\" version=\"");
-    }
-    EXPECT_EQ(seen, numbers);
-  }
-  for (const auto& [manner, ids] : {std::pair{ContactIds::kStable, "c1 c2 c1 c2 "},
-                                    {ContactIds::kFresh, "f1 f2 f3 f4 "},
-                                    {ContactIds::kSwapped, "c1 c2 c2 c1 "}}) {
-    Options options = Quick();
-    options.reg_event.contact_ids = manner;
+    options.reg_event.versions = c.versions;
+    options.reg_event.contact_ids = c.ids;
     Watch watch(options);
     watch.Register(1, kPhone + "Contact: <sip:desk@127.0.0.1:7002>\r\n", 200);
-    std::string seen;
-    for (const int number : {2, 3}) {
+    std::string numbers;
+    std::string contacts;
+    for (int number = 2; number <= 6; ++number) {
+      if (number == 6) watch.Leave();
       watch.Subscribe(number);
-      seen += Values(watch.Expect({}), "<contact id=\"");
+      const std::string notify = watch.Expect({});
+      numbers += (number == 6 ? "| " : "") + Values(notify, "reginfo\" version=\"");
+      if (number < 4) contacts += Values(notify, "<contact id=\"");
     }
-    EXPECT_EQ(seen, ids);
+    EXPECT_EQ(numbers + contacts, std::string(c.numbers) + c.contacts);
   }
 }
 

@@ -6,3 +6,4 @@ tolvane_test(sivra_digest_test
                      ${PROJECT_SOURCE_DIR}/platform/sivra/digest.cpp
              LIBS nsip OpenSSL::Crypto)
 target_include_directories(sivra_digest_test PRIVATE ${PROJECT_SOURCE_DIR}/platform)
+target_compile_definitions(sivra_digest_test PRIVATE CASES="${CMAKE_CURRENT_LIST_DIR}/sivra_digest_cases.txt")
