@@ -226,6 +226,12 @@ void Session::OnOutcome(const Notice& notice) {
 }
 
 void Session::OnLost(const Notice& notice) {
+  // A document that was on its way when the deregistration began has the component forget the
+  // registration without a word. The answer to the deregistration is then seen on the wire only.
+  if (phase_ == Phase::kEnding && notice.event.empty()) {
+    forgotten_ = true;
+    return;
+  }
   if (phase_ == Phase::kEnding || !options_.auto_reregister) return Finish(kExitFailed);
   if (!RegistrarsEnd(notice.event).empty()) {
     if (notice.event == kRejected) return Finish(kExitFailed);
@@ -287,6 +293,9 @@ void Session::CheckDeadlines() {
   };
   if (phase_ == Phase::kDone) return;
   if (phase_ != Phase::kEnding && (end_requested_ || due(end_at_))) return BeginEnd();
+  if (phase_ == Phase::kEnding && forgotten_ && answers_ != answers_at_end_) {
+    return FinishAnswered();
+  }
   if (due(give_up_at_)) {
     Remark("The deregistration has not been answered; the binding ends when its time is over.");
     return Finish(kExitFailed);
@@ -304,6 +313,7 @@ std::int64_t Session::NextWait() const {
     if (deadline) next = std::min(next, *deadline);
   }
   if (end_requested_ && phase_ != Phase::kEnding) return 0;
+  if (phase_ == Phase::kEnding && forgotten_) next = std::min(next, After(20ms));
   return std::max<std::int64_t>(next - vorelkd::Now(), 0);
 }
 
@@ -311,8 +321,12 @@ void Session::OnDeregistered(const Notice& notice) {
   if (phase_ != Phase::kEnding || !was_registered_ || DeregistrationUnanswered(notice)) {
     return Finish(kExitFailed);
   }
+  notice.by_view ? Finish(kExitOk) : FinishAnswered();
+}
+
+void Session::FinishAnswered() {
   const int status = last_status_;
-  if (notice.by_view || status < 300) return Finish(kExitOk);
+  if (status < 300) return Finish(kExitOk);
   Remark("The registrar refused to take the binding out (" + std::to_string(status) +
          "); it ends when its time is over.");
   Finish(kExitFailed);

@@ -46,6 +46,7 @@ class Session {
   void NoteReceived(std::string_view message) noexcept;
   void Unload();
   void OnDeregistered(const Notice& notice);
+  void FinishAnswered();
   [[nodiscard]] bool Prepare(std::string& error);
   void ReloadConfig();
   void Loop();

@@ -73,9 +73,12 @@ std::string DescribeFailure(const Notice& notice, const RegisterOptions& options
 
 std::string DescribeState(const Notice& notice, const RegisterOptions& options, bool ending) {
   const std::string event = Printable(notice.event);
-  if (notice.state == "Active")
-    return "The registrar's own view: the binding stands (" + event + ").";
-  if (ending) return "The registrar's own view: the binding is gone (" + event + ").";
+  const std::string word = event.empty() ? "" : " (" + event + ")";
+  if (notice.state == "Active") return "The registrar's own view: the binding stands" + word + ".";
+  if (ending && event.empty()) {
+    return "News of the registrar's own view came in between; the answer is awaited.";
+  }
+  if (ending) return "The registrar's own view: the binding is gone" + word + ".";
   std::string text = "Registration lost: ";
   if (notice.event == "timeout") {
     text += "a refresh was not answered, or could not be sent.";
