@@ -105,8 +105,8 @@ int ReadRegistrationId(const Answer& answer) {
 BusClient::BusClient(Inbox& inbox) : inbox_(inbox) { g_inbox.store(&inbox); }
 
 BusClient::~BusClient() {
-  UnloadComponent(std::chrono::seconds(1));
   UnloadSubscriptions(std::chrono::seconds(1));
+  UnloadComponent(std::chrono::seconds(1));
   g_inbox.store(nullptr);
 }
 
@@ -141,18 +141,18 @@ Answer BusClient::SwitchLogOn(const LogOptions& log) {
   if (log.max_size) add("max-size", std::to_string(*log.max_size));
   if (log.files) add("file-count", std::to_string(*log.files));
   if (log.level) add("level", std::to_string(*log.level));
-  log_document_ = document + ">TRUE</log-switch></log>";
+  document += ">TRUE</log-switch></log>";
+  const auto execute = [&document](const char* target) {
+    CXML in;
+    in.SetDoc(std::string_view(document));
+    return Execute(kCommandLogSwitch, in, target);
+  };
   // The component's settings of the log hold for the service, too.
-  Answer answer = SwitchLogOn(kComponentIdentity);
-  if (answer.result != 0 || !subscriptions_loaded_) return answer;
-  answer.result = SwitchLogOn(kSubscriptionIdentity).result;
+  Answer answer = execute(kComponentIdentity);
+  if (answer.result == 0 && subscriptions_loaded_) {
+    answer.result = execute(kSubscriptionIdentity).result;
+  }
   return answer;
-}
-
-Answer BusClient::SwitchLogOn(const char* target) const {
-  CXML in;
-  in.SetDoc(std::string_view(log_document_));
-  return Execute(kCommandLogSwitch, in, target);
 }
 
 Answer BusClient::SetWorkDir(const std::string& directory) {
@@ -210,8 +210,6 @@ void BusClient::UnloadComponent(std::chrono::milliseconds deadline) {
 void BusClient::UnloadSubscriptions(std::chrono::milliseconds deadline) {
   if (!subscriptions_loaded_) return;
   subscriptions_loaded_ = false;
-  // The component has closed the log behind its own end; the subscriptions' ends are still to come.
-  if (!log_document_.empty()) (void)SwitchLogOn(kSubscriptionIdentity);
   brunelib::UnloadComponent(kSubscriptionIdentity, deadline);
   XSUnsubNotify(kSubscriptionIdentity, kNotifySubscriptionLife, OnNotification);
 }

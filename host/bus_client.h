@@ -65,7 +65,7 @@ class BusClient {
   // The service is loaded only for those who use it: nobody else needs the file, waits for it at
   // the end, or fails where it is missing.
   [[nodiscard]] bool Load(bool with_subscriptions, std::string& error);
-  // Opens the log that both write into; what they write is complete when both are unloaded.
+  // Opens the log that both write into. The component closes it when it is unloaded.
   [[nodiscard]] Answer SwitchLogOn(const LogOptions& log);
   // Where the configuration lies; ReadConfig has it read.
   [[nodiscard]] Answer SetWorkDir(const std::string& directory);
@@ -75,18 +75,15 @@ class BusClient {
   // Another attempt of a registration that the component still knows.
   [[nodiscard]] Answer RegisterAgain(int registration);
   [[nodiscard]] Answer Deregister(int registration);
-  // The component first: what it still gives back, it gives back through the service.
-  void UnloadComponent(std::chrono::milliseconds deadline);
-  // Waits for the notifiers' last words, as long as the service does.
+  // Waits for the notifiers' last words, as long as the service does. The service goes first, since
+  // its last records need the log; it ends all subscriptions by itself.
   void UnloadSubscriptions(std::chrono::milliseconds deadline);
+  void UnloadComponent(std::chrono::milliseconds deadline);
 
  private:
-  [[nodiscard]] Answer SwitchLogOn(const char* target) const;
-
   Inbox& inbox_;
   bool loaded_ = false;
   bool subscriptions_loaded_ = false;
-  std::string log_document_;  // of the log switch; empty: no log
 };
 
 }  // namespace host

@@ -77,9 +77,9 @@ int Session::Run() {
 
 void Session::Unload() {
   const auto deadline = hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline);
-  bus_.UnloadComponent(deadline);
   // The last words of a notifier take the stack. Without it nothing is left to wait for.
   if (!hurry_) bus_.UnloadSubscriptions(deadline);
+  bus_.UnloadComponent(deadline);
   sipcarrier::Stop(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kStopDeadline));
   bus_.UnloadSubscriptions(deadline);
 }

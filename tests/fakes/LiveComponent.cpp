@@ -18,6 +18,11 @@ int OnNotification(const char*, int id, CXML* document, void*) noexcept {
     document->ResetPos();
     const bool good = document->FindElem("reg") != 0 && document->FindChildElem("uri") != 0;
     ++(good ? LiveComponent::succeeded : LiveComponent::failed);
+    if (!good) return 0;
+  }
+  document->ResetPos();
+  if (document->FindElem("reg") != 0 && document->IntoElem() != 0 && document->FindElem("id") != 0) {
+    ++LiveComponent::told.at(std::stoul(document->GetData()))[static_cast<std::size_t>(id - 0x1000)];
   }
   return 0;
 }
@@ -42,6 +47,9 @@ constexpr int kNotifications[] = {0x1000, 0x1001, 0x1002, 0x1003};
 LiveComponent::LiveComponent(std::chrono::milliseconds t1) {
   succeeded = failed = 0;
   for (auto& count : heard) count = 0;
+  for (auto& registration : told) {
+    for (auto& count : registration) count = 0;
+  }
   sipcarrier::Config config;
   config.local_address = "127.0.0.1";
   config.t1 = t1;
@@ -62,11 +70,16 @@ LiveComponent::~LiveComponent() {
 }
 
 int LiveComponent::Register(const std::string& registrar, int expires, bool reregister) {
+  return Register(
+      "<reg><aor>sip:alice@example.com</aor><registrar>" + registrar + "</registrar><expires>" +
+      std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>" +
+      (reregister ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>" : "") +
+      "</reg>");
+}
+
+int LiveComponent::Register(const std::string& document) {
   CXML in;
-  in.SetDoc("<reg><aor>sip:alice@example.com</aor><registrar>" + registrar + "</registrar><expires>" +
-            std::to_string(expires) + "</expires><auto-refresh>true</auto-refresh>" +
-            (reregister ? "<auto-reregister>true</auto-reregister><reregister-interval>1</reregister-interval>" : "") +
-            "</reg>");
+  in.SetDoc(document);
   CXML out;
   if (Send(3, in, out) != 0) return -1;
   out.ResetPos();

@@ -22,6 +22,7 @@ class LiveComponent {
   static int Command(int id, const std::string& document);
   // A registration through the command; its id, or -1.
   static int Register(const std::string& registrar, int expires, bool reregister = false);
+  static int Register(const std::string& document);
   // The command's result.
   static int Deregister(int id, bool no_send = false);
   // Runs the calling thread's loop until `done`, or the time is over.
@@ -39,6 +40,8 @@ class LiveComponent {
   static inline std::atomic<int> succeeded{0};
   static inline std::atomic<int> failed{0};
   static inline std::array<std::atomic<int>, 4> heard{};
+  // The same by registration id, without failures: for tests of one registration among late ones.
+  static inline std::array<std::array<std::atomic<int>, 4>, 10001> told{};
   // Told when a call goes into the component or the loop, and when it is back: for tests that count
   // memory.
   static inline void (*on_call)(bool inside) = nullptr;

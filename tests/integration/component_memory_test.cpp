@@ -24,11 +24,13 @@ void Road(WirePeer& peer, fakes::FakeClock& clock, const fakes::WorkDir& dir, bo
   EXPECT_EQ(LiveComponent::Command(2, ""), 0x40000002);
   const bool logs = LiveComponent::Command(0x10004, dir.LogOn("max-size=\"1\"")) == 0;
   const auto limit = must_work ? 5000ms : 40ms;
-  const int good = LiveComponent::succeeded;
-  const int gone = LiveComponent::heard[1];
   const int refreshes = peer.refreshes;
   const int id = LiveComponent::Register(peer.Uri(), 2);
-  const bool registered = id > 0 && LiveComponent::PumpUntil([&] { return LiveComponent::succeeded > good; }, limit);
+  const auto told = [&](std::size_t kind) {
+    return id > 0 && LiveComponent::PumpUntil(
+                         [&] { return LiveComponent::told.at(static_cast<std::size_t>(id))[kind] > 0; }, limit);
+  };
+  const bool registered = told(0);
   bool refreshed = false;
   if (registered) {
     LiveComponent::PumpFor(0ms);
@@ -36,8 +38,7 @@ void Road(WirePeer& peer, fakes::FakeClock& clock, const fakes::WorkDir& dir, bo
     refreshed = LiveComponent::PumpUntil([&] { return peer.refreshes > refreshes; }, limit);
     LiveComponent::PumpFor(1ms);
   }
-  const bool ended = id > 0 && LiveComponent::Deregister(id) == 0 &&
-                     LiveComponent::PumpUntil([&] { return LiveComponent::heard[1] > gone; }, limit);
+  const bool ended = id > 0 && LiveComponent::Deregister(id) == 0 && told(1);
   LiveComponent::Command(0x10004, fakes::WorkDir::kLogOff);
   EXPECT_TRUE(!must_work || (set && logs && registered && refreshed && ended))
       << set << logs << registered << refreshed << ended;

@@ -316,6 +316,7 @@ case_broken_output() {
   tolvane_pid=$!
   pids+=("$tolvane_pid")
   wait_for 20 'output has been closed' "$dir/broken.err"
+  wait_for 10 'CSeq 2, .*expires=4.* -> 200' "$dir/broken.log"
   kill -INT "$tolvane_pid"
   wait_exit 10 "$tolvane_pid"
   expect_status 0 "a closed output"

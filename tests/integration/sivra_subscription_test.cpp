@@ -159,10 +159,10 @@ TEST_F(SubscriptionTest, TheLifeOfOne) {
   request = notifier_.Request();
   EXPECT_EQ(HeaderLine(request, "Expires") + HeaderLine(request, "CSeq"), "7003 SUBSCRIBE");
   const std::string route = "<sip:" + notifier_.Place() + ";lr";
+  const auto granted = Clock::now();
   notifier_.Answer(request, "200 OK",
                    "Expires: 1\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: " + route + ";n=2>, " +
                        route + ";n=1>\r\n");
-  const auto granted = Clock::now();
   notifier_.Tell(request, "active;expires=1", "first");
   notifier_.Tell(request, "active;expires=1");
   EXPECT_EQ(listener_->Next(), "new first");
@@ -330,12 +330,13 @@ TEST_F(SubscriptionTest, SilenceLosesTheDialogAndPausesGrow) {
 TEST_F(SubscriptionTest, ANotifierThatSendsRubbishIsAskedForMoreAtGrowingIntervals) {
   listener_ = std::make_shared<Listener>([](long id) { sivra::RefreshSubscription(id); });
   std::string request = Establish();
+  auto before = Clock::now();
   for (int i = 0; i < 4; ++i) {  // the first at once, then after 4 T1 and doubled
-    const auto before = Clock::now();
     request = NextOf(request, false);
     const auto pause = i == 0 ? 0ms : 80ms * (1 << (i - 1));
     EXPECT_TRUE(Clock::now() - before > pause * 3 / 4 && Clock::now() - before < pause + 5s) << i;
     notifier_.Accept(request);
+    before = Clock::now();
     for (int n = 0; n < 2; ++n) notifier_.Tell(request, "active", "rubbish");
   }
 }
