@@ -421,10 +421,11 @@ TEST_F(SubscriptionTest, MemoryThatRunsOut) {
     std::string note;
     while (note.empty() && !testing::Test::HasFailure()) {
       const std::string request = notifier_.Request(100ms);
-      if (request.empty()) continue;
-      notifier_.Accept(request);
-      const std::string notify = notifier_.Notify(request, "active", "body");
-      for (int i = 0; i < 3 && notifier_.Ask(notify, 5ms).empty(); ++i) continue;
+      if (!request.empty()) {
+        notifier_.Accept(request);
+        const std::string notify = notifier_.Notify(request, "active", "body");
+        for (int i = 0; i < 3 && notifier_.Ask(notify, 5ms).empty(); ++i) continue;
+      }
       note = listener_->Next(5ms);
     }
     ends += note.starts_with("end 0 ") ? 1 : 0;
