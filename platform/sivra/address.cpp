@@ -80,7 +80,7 @@ void MakeAddressOfRecord(nsip_from& address) {
 }
 
 std::size_t AddressKey(const nsip_uri& uri) {
-  return std::hash<std::string>()(nsip_uri_normal(uri.user));
+  return std::hash<std::string>()(IsSip(uri) ? nsip_uri_normal(uri.user) : uri.opaque);
 }
 
 void SetAddress(nsip_uri& uri, const sipcarrier::Endpoint& local) {

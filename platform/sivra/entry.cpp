@@ -136,9 +136,9 @@ void Entry::SettleContact(nsip_message& request, const sipcarrier::Endpoint& loc
   }
 }
 
-bool Entry::IsFrom(const nsip_uri& address, std::size_t key) const {
+bool Entry::IsFrom(const nsip_uri& address) const {
   nsip_from from;
-  if (key != from_key_ || !ReadAddress(from_, from)) {
+  if (!ReadAddress(from_, from)) {
     return false;
   }
   MakeAddressOfRecord(from);

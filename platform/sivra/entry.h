@@ -63,8 +63,10 @@ class Entry {
   // What a final answer means for this entry and its later requests.
   void Learn(nsip_message& response);
 
-  // Whether this address of record (RFC 3261 §19.1.4) is the From; the key is its AddressKey.
-  [[nodiscard]] bool IsFrom(const nsip_uri& address, std::size_t key) const;
+  // Whether this address of record (RFC 3261 §19.1.4) is the From.
+  [[nodiscard]] bool IsFrom(const nsip_uri& address) const;
+  // The AddressKey of the From.
+  [[nodiscard]] std::size_t from_key() const { return from_key_; }
   // The Contact's URI as it was settled last; empty when nothing has left yet.
   [[nodiscard]] const std::string& contact() const { return contact_; }
   [[nodiscard]] bool FindCredential(std::string_view realm, sipcarrier::Credential& found) const;

@@ -32,6 +32,8 @@ constinit std::atomic<std::size_t> g_entry_count{0};
 // Guarded by g_lock.
 struct Registry {
   std::unordered_map<long, std::unique_ptr<Entry>> entries;
+  // All of them by Entry::from_key: each NOTIFY asks for those of its address.
+  std::unordered_multimap<std::size_t, Entry*> by_address;
   long last_id = 0;
   // The registrar named last: as a rule all entries have the same.
   std::string registrar_text;
@@ -55,14 +57,37 @@ struct Registry {
   }
 
   void Add(std::unique_ptr<Entry> entry) {
-    entries.emplace(entry->id(), std::move(entry));
+    const auto place = by_address.emplace(entry->from_key(), entry.get());
+    try {
+      entries.emplace(entry->id(), std::move(entry));
+    } catch (...) {
+      by_address.erase(place);
+      throw;
+    }
     g_entry_count = entries.size();
   }
 
-  void Erase(long id) {
-    entries.erase(id);
+  [[nodiscard]] bool Change(Entry& entry, const std::string& from, const std::string& to,
+                            Registrar to_registrar) {
+    const auto place = PlaceOf(entry);
+    if (!entry.SetAddresses(from, to, std::move(to_registrar))) return false;
+    auto node = by_address.extract(place);  // as many as before, so nothing is allocated
+    node.key() = entry.from_key();
+    by_address.insert(std::move(node));
+    return true;
+  }
+
+  void Erase(Entry& entry) {
+    by_address.erase(PlaceOf(entry));
+    entries.erase(entry.id());
     g_entry_count = entries.size();
     Trim();
+  }
+
+  [[nodiscard]] std::unordered_multimap<std::size_t, Entry*>::iterator PlaceOf(const Entry& entry) {
+    auto place = by_address.find(entry.from_key());
+    while (place->second != &entry) ++place;
+    return place;
   }
 
   void Trim() {
@@ -126,7 +151,7 @@ bool Conclude(Entry& entry, sipcarrier::Outcome outcome) {
     report = !entry.released();
     more = entry.Next();
     if (!more && entry.released()) {
-      TheRegistry().Erase(id);
+      TheRegistry().Erase(entry);
     }
   }
   // Before the next request leaves, since this outcome is the older one. A release between the lock
@@ -189,8 +214,10 @@ void ForEntriesOf(const nsip_uri& address, Visit visit) {
   plain.url = std::make_unique<nsip_uri>(address);
   MakeAddressOfRecord(plain);
   const std::size_t key = AddressKey(*plain.url);
-  for (const auto& [id, entry] : TheRegistry().entries) {
-    if (!entry->released() && entry->IsFrom(*plain.url, key) && visit(*entry)) {
+  const auto [begin, end] = TheRegistry().by_address.equal_range(key);
+  for (auto place = begin; place != end; ++place) {
+    const Entry& entry = *place->second;
+    if (!entry.released() && entry.IsFrom(*plain.url) && visit(entry)) {
       return;
     }
   }
@@ -257,7 +284,7 @@ long sivra_register_set_info(long id, const std::string& from, const std::string
     sivra::Registrar uri = registry.FindRegistrar(registrar);
     if (id != 0) {
       sivra::Entry* const entry = registry.Find(id);
-      return entry != nullptr && entry->SetAddresses(from, to, std::move(uri)) ? id : -1;
+      return entry != nullptr && registry.Change(*entry, from, to, std::move(uri)) ? id : -1;
     }
     auto entry = std::make_unique<sivra::Entry>(registry.last_id + 1);
     if (entry->SetAddresses(from, to, std::move(uri)) && entry->Identify()) {
@@ -325,6 +352,6 @@ void sivra_register_release(long id) {
   if (entry->in_flight()) {
     entry->set_released();
   } else {
-    registry.Erase(id);
+    registry.Erase(*entry);
   }
 }

@@ -110,6 +110,10 @@ TEST_F(SivraTest, TheRequest) {
     EXPECT_EQ(SetInfo(0, text, registrar_), -1) << text;
     EXPECT_EQ(SetInfo(id_, kAor, text), -1) << text;
   }
+  EXPECT_EQ(sivra::RegisteredContacts(kAor), own);
+  EXPECT_EQ(SetInfo(id_, "sip:carol@example.com", registrar_), id_);
+  EXPECT_EQ(sivra::RegisteredContacts("sip:carol@example.com"), own) << "it is found where it has moved to";
+  EXPECT_TRUE(sivra::RegisteredContacts(kAor).empty());
 }
 
 TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
