@@ -39,12 +39,12 @@ std::string Describe(const sipcarrier::ConfMessage& message) {
   std::string text = Printable(message.kind) + " " + Printable(message.method) + " (line " +
                      std::to_string(message.line) + ")\n";
   for (const auto& header : message.headers) {
-    text += "  " + header.name + ": " + header.value + "\n";
+    text += "  " + header.name + ": " + Printable(header.value) + "\n";
     const std::string_view key = UnknownKey(header.value);
     if (strcasecmp(header.name.c_str(), "Expires") == 0) {
       text += "    note: every REGISTER keeps its own expiry, so this value is never sent\n";
     } else if (!key.empty()) {
-      text += "    note: nothing ever fills ${" + std::string(key) +
+      text += "    note: nothing ever fills ${" + Printable(key) +
               "} in, so this header is left out of every message\n";
     }
   }

@@ -1,5 +1,6 @@
 #include "host/words.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
@@ -96,6 +97,21 @@ std::string DescribeState(const Notice& notice, const RegisterOptions& options, 
     }
   }
   return text + Reason(notice);
+}
+
+// How many bytes make up the control character with which a text begins; 0 when it is none. Of
+// UTF-8, terminals obey those of U+0080 to U+009F too, and the marks that turn the direction make a
+// line look like another one.
+std::size_t ControlAt(std::string_view text) {
+  const auto byte = [text](std::size_t at) -> unsigned {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+  };
+  if (byte(0) < 0x20 || byte(0) == 0x7f) return 1;
+  if (byte(0) == 0xc2 && byte(1) >= 0x80 && byte(1) <= 0x9f) return 2;
+  const unsigned rest = byte(1) << 8 | byte(2);
+  const bool turns = (rest >= 0x80aa && rest <= 0x80ae) || (rest >= 0x81a6 && rest <= 0x81a9) ||
+                     rest == 0x808e || rest == 0x808f;
+  return byte(0) == 0xe2 && turns ? 3 : 0;
 }
 
 }  // namespace
@@ -223,10 +239,11 @@ std::string_view StatusWords(int status) {
 }
 
 std::string Printable(std::string_view text) {
-  std::string shown(text);
-  for (char& c : shown) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) c = '?';
+  std::string shown;
+  while (!text.empty()) {
+    const std::size_t length = ControlAt(text);
+    shown += length == 0 ? text.front() : '?';
+    text.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return shown;
 }

@@ -27,7 +27,8 @@ inline constexpr std::string_view kRejected = "rejected";  // the one end that i
 // "Forbidden" for 403 ...; the class's words for a status without words of its own.
 [[nodiscard]] std::string_view StatusWords(int status);
 
-// Text of the other side for a terminal: control characters become '?'.
+// Text of the other side for a terminal: control characters become '?', the second set of them and
+// those that turn the direction of writing as well.
 [[nodiscard]] std::string Printable(std::string_view text);
 [[nodiscard]] std::string ClockTime(WallTime time);  // "14:03:07.125", local time
 [[nodiscard]] std::string Rfc3339(WallTime time);    // "2024-05-01T12:03:07.125Z"

@@ -408,6 +408,8 @@ HEADERS
   expect_line '^  X-Zone: cell;user=\$\{local-uri\}$' check.out "a header as it stands in the file"
   [[ $(grep -A 1 'X-Site' check.out) == *'note: nothing ever fills ${site} in'* ]] || fail "no note about \${site}"
   [[ $(grep -c 'note:' check.out) == 2 ]] || fail "more or fewer notes than about \${site} and Expires"
+  write_config $'<header name="X-T">\xc3\xbc\xc2\x9b1m\xe2\x80\xaeab</header>'
+  [[ $("$tolvane" check-config --work-dir conf) == *$'X-T: \xc3\xbc?1m?ab'* ]] || fail "a terminal is told what to do"
 
   echo "read anew under way"
   write_config '<header name="X-Version">1</header>'
