@@ -106,6 +106,13 @@ bool Eventually(Condition condition, milliseconds limit = 20s) {
   return true;
 }
 
+// Until the stack has received so many datagrams and has dealt with the last one, too.
+inline bool Received(std::uint64_t count) {
+  if (!Eventually([count] { return sipcarrier::GetCounters().received == count; })) return false;
+  const auto dealt = std::make_shared<std::atomic<bool>>(false);
+  return sipcarrier::RunOnIoThread([dealt] { *dealt = true; }) && Eventually([dealt] { return dealt->load(); });
+}
+
 // What became of one request; shared with its `done`.
 struct Result {
   void Set(sipcarrier::Outcome given) {

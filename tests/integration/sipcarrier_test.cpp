@@ -44,7 +44,7 @@ TEST_F(StackTest, AProvisionalResponseSlowsRetransmissionAndGoesNoFurther) {
   const std::string request = peer.Receive();
   const auto began = Clock::now();
   for (const char* status : {"100 Trying", "180 Ringing"}) peer.Send(ResponseTo(request, status));
-  ASSERT_TRUE(Eventually([] { return GetCounters().received == 2; }));
+  ASSERT_TRUE(Received(2));
   const std::size_t before = Trace(true).size();
   ASSERT_TRUE(Eventually([&] { return Trace(true).size() == before + 2; }));
   EXPECT_GE(Trace(true).back().at - began, 300ms);
@@ -74,7 +74,7 @@ TEST_F(StackTest, OnlyTheOneWhoWasAskedCanAnswerAndOnceUntilTimerK) {
   };
   for (const auto& stray : strays) peer.Send(stray);
   for (const auto& garbage : {answer.substr(0, 99), std::string(1400, '\xff')}) peer.Send(garbage);
-  ASSERT_TRUE(Eventually([&] { return GetCounters().received == strays.size() + 2; }));
+  ASSERT_TRUE(Received(strays.size() + 2));
   EXPECT_EQ(GetCounters().dropped_stray, strays.size());
   EXPECT_EQ(GetCounters().dropped_garbage, 2U);
   EXPECT_EQ(result->calls, 0);
