@@ -18,7 +18,7 @@ namespace host {
 namespace {
 
 constexpr int kWishedExpires = 2;  // too short for this registrar
-constexpr int kMinExpires = 4;     // so a refresh every two seconds
+constexpr int kMinExpires = 3;     // so a refresh each second
 constexpr int kRefreshes = 2;
 constexpr int kComesBackAfter = 1;
 constexpr std::chrono::seconds kSoon{2};

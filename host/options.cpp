@@ -47,6 +47,7 @@ struct RawOptions {
   std::int64_t expires = 3600;
   std::int64_t interval = 0;
   std::int64_t duration = 0;
+  std::int64_t t1 = 500;
   std::string password_file;
   std::string local;
   std::string work_dir;
@@ -95,6 +96,11 @@ void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
                  "address and port to send from, as in 192.0.2.7:5070 or [::1]:5070; port 0 takes "
                  "a free one")
       ->type_name("ADDR:PORT");
+  app.add_option("--t1", raw.t1,
+                 "SIP timer T1 in milliseconds, 10 to 4000 (default 500): a request is sent again "
+                 "after T1 and given up after 64 times T1 (RFC 3261 17.1.1.1); for tests, and for "
+                 "very fast or slow networks")
+      ->type_name("MS");
   app.add_option("--duration", raw.duration, "deregister and end after so many seconds")
       ->type_name("S");
   AddWorkDir(app, raw);
@@ -207,6 +213,10 @@ std::optional<std::string> CheckRegisterOptions(const CLI::App& app, RawOptions&
       return wrong;
   }
   if (auto wrong = CheckFamilies(o.local_address, o.registrar)) return wrong;
+  if (auto wrong = CheckRange("--t1", raw.t1, kLeastT1.count(), kMostT1.count(), " milliseconds")) {
+    return wrong;
+  }
+  o.t1 = std::chrono::milliseconds(raw.t1);
   if (app.count("--duration") != 0) {
     if (auto wrong = CheckSeconds("--duration", raw.duration)) return wrong;
     o.duration = std::chrono::seconds(raw.duration);

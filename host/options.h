@@ -14,6 +14,11 @@ inline constexpr int kExitFailed = 1;   // the registration failed or was lost
 inline constexpr int kExitUsage = 2;    // wrong usage, or faults in the templates
 inline constexpr int kExitNoStart = 3;  // the plug-in, its log or the network could not be started
 
+// Bounds of --t1. Above T2 (4 s) retransmissions would not slow down any more (RFC 3261
+// §17.1.2.2); below 10 ms they would come faster than a registrar can work.
+inline constexpr std::chrono::milliseconds kLeastT1{10};
+inline constexpr std::chrono::milliseconds kMostT1{4000};
+
 // What the component does by itself where a document does not tell it otherwise.
 inline constexpr int kDefaultLogFiles = 2;
 
@@ -39,6 +44,8 @@ struct RegisterOptions {
   std::string auth_password;
   std::string local_address;  // a literal without brackets; empty: every address
   std::uint16_t local_port = 0;
+  // SIP timer T1 (RFC 3261 §17.1.1.1): a request is sent again after T1, and given up after 64 T1.
+  std::chrono::milliseconds t1{500};
   std::chrono::seconds duration{0};  // 0: until a signal
   bool trace = false;
   bool json = false;

@@ -20,11 +20,14 @@ namespace host {
 namespace {
 
 using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
 
-// The stack gives an unanswered request up after 64 * T1 = 32 s (RFC 3261 §17.1.2.2); its verdict
-// should be heard.
-constexpr auto kDeregisterWait = 35s;
-constexpr auto kPatience = 2s;
+// The stack gives an unanswered request up when timer F fires. Its verdict should be heard, so
+// whoever waits for a response waits this much longer.
+constexpr milliseconds kBeyondTimerF = 3s;
+// After so many T1, two seconds by default, a person is told that the response is late.
+constexpr int kPatience = 4;
 constexpr auto kUnloadDeadline = 3s;
 constexpr auto kStopDeadline = 5s;
 constexpr auto kHurriedDeadline = 200ms;
@@ -67,7 +70,7 @@ int Session::Run() {
     status_ = kExitNoStart;
   }
   Unload();
-  brunelib::Shutdown(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline));
+  brunelib::Shutdown(hurry_ ? kHurriedDeadline : milliseconds(kUnloadDeadline));
   DrainInbox();  // the trace of the last messages
   if (inbox_.lost() != 0) {
     Remark(std::to_string(inbox_.lost()) + " messages could not be shown for lack of memory.");
@@ -76,11 +79,11 @@ int Session::Run() {
 }
 
 void Session::Unload() {
-  const auto deadline = hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kUnloadDeadline);
+  const auto deadline = hurry_ ? kHurriedDeadline : milliseconds(kUnloadDeadline);
   // The last words of a notifier take the stack. Without it nothing is left to wait for.
   if (!hurry_) bus_.UnloadSubscriptions(deadline);
   bus_.UnloadComponent(deadline);
-  sipcarrier::Stop(hurry_ ? kHurriedDeadline : std::chrono::milliseconds(kStopDeadline));
+  sipcarrier::Stop(hurry_ ? kHurriedDeadline : milliseconds(kStopDeadline));
   bus_.UnloadSubscriptions(deadline);
 }
 
@@ -88,6 +91,7 @@ bool Session::StartStack(std::string& error) {
   sipcarrier::Config config;
   config.local_address = options_.local_address;
   config.local_port = options_.local_port;
+  config.t1 = options_.t1;
   if (!options_.auth_user.empty()) {
     // For every address and realm: a registrar may move the registration to another address of
     // record.
@@ -158,7 +162,7 @@ void Session::Loop() {
   }
 }
 
-void Session::EndIn(std::chrono::milliseconds time) { end_at_ = After(time); }
+void Session::EndIn(milliseconds time) { end_at_ = After(time); }
 
 void Session::DrainInbox() {
   InboxItem item;
@@ -217,7 +221,7 @@ void Session::OnOutcome(const Notice& notice) {
     // Silence ends an attempt to come back, but not the wish; a refusal does.
     if (phase_ != Phase::kLost || notice.error_code != 0) return Finish(kExitFailed);
     forgotten_ = true;
-    return LoseRegistration(options_.reregister_interval);
+    return LoseRegistration(seconds(options_.reregister_interval));
   }
   was_registered_ = true;
   forgotten_ = false;
@@ -236,20 +240,22 @@ void Session::OnLost(const Notice& notice) {
   if (!RegistrarsEnd(notice.event).empty()) {
     if (notice.event == kRejected) return Finish(kExitFailed);
     forgotten_ = true;
-    return LoseRegistration(options_.reregister_interval);
+    return LoseRegistration(seconds(options_.reregister_interval));
   }
   // After silence the component tries again by itself, but it gives up without a word when the
   // registrar then refuses; after a refusal it waits for a new command. Asking again under the same
   // id covers both: the answer tells when the component no longer knows the registration.
-  LoseRegistration(notice.event == "timeout"
-                       ? std::max(4 * std::int64_t{options_.reregister_interval}, std::int64_t{60})
-                       : std::max(options_.reregister_interval, notice.retry_after));
+  const seconds interval(options_.reregister_interval);
+  LoseRegistration(notice.event == "timeout" ? std::max<milliseconds>(4 * interval, 2 * TimerF())
+                                             : std::max(interval, seconds(notice.retry_after)));
 }
 
-void Session::LoseRegistration(std::int64_t seconds) {
+void Session::LoseRegistration(milliseconds pause) {
   phase_ = Phase::kLost;
-  again_at_ = After(std::chrono::seconds(seconds));
+  again_at_ = After(pause);
 }
+
+milliseconds Session::TimerF() const { return 64 * options_.t1; }
 
 void Session::AskAgain() {
   const WallTime time = std::chrono::system_clock::now();
@@ -263,7 +269,8 @@ void Session::AskAgain() {
   }
   // The outcome of a new registration is always told.
   if (forgotten_) return;
-  again_at_ = After(std::chrono::seconds(std::max(options_.reregister_interval, 40)));
+  again_at_ = After(
+      std::max<milliseconds>(seconds(options_.reregister_interval), TimerF() + kBeyondTimerF));
 }
 
 void Session::BeginEnd() {
@@ -276,8 +283,8 @@ void Session::BeginEnd() {
   const Answer answer = bus_.Deregister(registration_);
   listener_.OnAnswer(time, answer);
   if (answer.result == 0) {
-    give_up_at_ = After(kDeregisterWait);
-    patience_at_ = After(kPatience);
+    give_up_at_ = After(TimerF() + kBeyondTimerF);
+    patience_at_ = After(kPatience * options_.t1);
     return;
   }
   // Nothing was registered any more; a notification that says why may be on its way.

@@ -61,7 +61,9 @@ class Session {
   [[nodiscard]] std::int64_t NextWait() const;  // nanoseconds
   void DrainInbox();
   [[nodiscard]] bool Unanswered(const Notice& notice);
-  void LoseRegistration(std::int64_t seconds);
+  void LoseRegistration(std::chrono::milliseconds pause);
+  // How long the stack waits for a response: 64 * T1 (RFC 3261 §17.1.2.2).
+  [[nodiscard]] std::chrono::milliseconds TimerF() const;
   [[nodiscard]] bool DeregistrationUnanswered(const Notice& notice) const;
   void Remark(const std::string& text);
   void Finish(int status);
