@@ -114,7 +114,10 @@ TEST(RegEventTest, ADialogFromSubscribeToTheLastNotify) {
   for (const char* seconds : {"0", "2"}) {
     watch.Leave();
     watch.Subscribe(30, "Expires: " + std::string(seconds) + "\r\n");
-    if (*seconds != '0') watch.Expect({"active;expires=2"});
+    if (*seconds != '0') {
+      watch.Expect({"active;expires=2"});
+      watch.registrar.Advance(2s);
+    }
     watch.Expect({"terminated;reason=timeout\r\n", "<reginfo"});
     EXPECT_TRUE(watch.IsAlone());
   }
@@ -145,6 +148,7 @@ TEST(RegEventTest, DocumentsFollowTheRequests) {
                       "<display-name>&lt;&amp;&gt; &quot;</display-name>"});
     CXML document;
     ASSERT_NE(document.SetDoc(notify.substr(notify.find("<?xml"))), 0) << document.LastError();
+    watch.registrar.Advance(1s);
     watch.Expect(
         {listed + "state=\"terminated\" event=\"expired\"", others + "refreshed", "state=\"active\">\n    <contact"});
     watch.Register(4, "Contact: *\r\nExpires: 0\r\n", 200);

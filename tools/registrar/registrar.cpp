@@ -72,12 +72,20 @@ void Registrar::Add(Script script) {
 
 std::vector<Binding> Registrar::Bindings(std::string_view aor) const {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->location.List(aor, Clock::now());
+  return impl_->location.List(aor, impl_->Now());
 }
 
 bool Registrar::Remove(std::string_view aor) {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->location.Remove(aor);
+}
+
+void Registrar::Advance(std::chrono::milliseconds time) {
+  {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->ahead = impl_->ahead.load() + time;
+  }
+  impl_->Wake();
 }
 
 Counters Registrar::GetCounters() const {
@@ -87,7 +95,7 @@ Counters Registrar::GetCounters() const {
 
 bool Registrar::Apply(const Order& order, std::string& error) {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  const Clock::time_point now = Clock::now();
+  const Clock::time_point now = impl_->Now();
   const std::vector<ContactRecord> changes = impl_->location.Apply(order, now, error);
   impl_->notifier.Publish(CanonicalAor(order.aor), changes, now);
   impl_->Wake();
@@ -98,7 +106,7 @@ std::size_t Registrar::Notify(const NotifyOrder& order) {
   NotifyOrder canonical = order;
   canonical.aor = CanonicalAor(order.aor);
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  const std::size_t count = impl_->notifier.Notify(canonical, Clock::now());
+  const std::size_t count = impl_->notifier.Notify(canonical, impl_->Now());
   impl_->Wake();
   return count;
 }
@@ -107,7 +115,7 @@ std::size_t Registrar::EndSubscriptions(std::string_view aor, const std::string&
                                         int retry_after) {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
   const std::size_t count =
-      impl_->notifier.End(CanonicalAor(aor), reason, retry_after, Clock::now());
+      impl_->notifier.End(CanonicalAor(aor), reason, retry_after, impl_->Now());
   impl_->Wake();
   return count;
 }
@@ -119,14 +127,14 @@ std::size_t Registrar::ForgetSubscriptions(std::string_view aor) {
 
 std::size_t Registrar::Approve(std::string_view aor) {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  const std::size_t count = impl_->notifier.Approve(CanonicalAor(aor), Clock::now());
+  const std::size_t count = impl_->notifier.Approve(CanonicalAor(aor), impl_->Now());
   impl_->Wake();
   return count;
 }
 
 std::vector<SubscriptionView> Registrar::Subscriptions(std::string_view aor) const {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->notifier.List(aor.empty() ? std::string() : CanonicalAor(aor), Clock::now());
+  return impl_->notifier.List(aor.empty() ? std::string() : CanonicalAor(aor), impl_->Now());
 }
 
 RegEventCounters Registrar::GetRegEventCounters() const {

@@ -88,6 +88,8 @@ class Registrar {
   // Drops the bindings of an address of record, and tells no subscriber.
   bool Remove(std::string_view aor);
   [[nodiscard]] Counters GetCounters() const;
+  // For tests: the registrar's clock goes forward by this at once, and what is over by then ends.
+  void Advance(std::chrono::milliseconds time);
 
   // --- the event package "reg" ---
   // Changes the bindings, then notifies. False and a text when there is nothing to change.

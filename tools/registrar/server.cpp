@@ -21,7 +21,7 @@ std::string HeaderValue(const nsip_message& message, const char* name) {
 }  // namespace
 
 int Registrar::Impl::PollTimeout() const {
-  const Clock::time_point now = Clock::now();
+  const Clock::time_point now = Now();
   Clock::time_point next = now + kPurgeInterval;
   if (!delayed.empty()) next = std::min(next, delayed.begin()->first);
   {
@@ -50,7 +50,7 @@ void Registrar::Impl::Run() {
       [[maybe_unused]] const ssize_t taken = read(wake.get(), &count, sizeof count);
     }
     if (ready > 0 && (fds[0].revents & (POLLIN | POLLERR)) != 0) HandleAll();
-    MoveOn(Clock::now());
+    MoveOn(Now());
   }
 }
 
@@ -149,7 +149,7 @@ void Registrar::Impl::Serve(const nsip_message& request, const std::string& key,
   if (before) before(request);
   const Script script = TakeScript(request);
   if (script.drop) {
-    answers.Put(key, {}, Clock::now());
+    answers.Put(key, {}, Now());
     if (after) after(request, 0);
     return;
   }
@@ -169,7 +169,7 @@ void Registrar::Impl::Serve(const nsip_message& request, const std::string& key,
 void Registrar::Impl::Reply(const nsip_message& request, const std::string& key, const Peer& from,
                             Answer answer, const Script& script) {
   answer.headers.emplace_back("Server", "tolvane-registrar (test double)");
-  const Clock::time_point now = Clock::now();
+  const Clock::time_point now = Now();
   AnswerCache::Entry entry;
   entry.target = AnswerTarget(request, from);
   entry.text = WriteAnswer(request, std::move(answer), from);
@@ -224,12 +224,12 @@ Answer Registrar::Impl::OwnAnswer(const nsip_message& request) {
   }
   if (request.sip_method == "REGISTER") return Bind(request);
   const std::lock_guard<std::mutex> lock(mutex);
-  return notifier.Subscribe(request, Clock::now());
+  return notifier.Subscribe(request, Now());
 }
 
 Answer Registrar::Impl::Bind(const nsip_message& request) {
   Answer answer;
-  const Clock::time_point now = Clock::now();
+  const Clock::time_point now = Now();
   const std::lock_guard<std::mutex> lock(mutex);
   std::vector<ContactRecord> changes;
   Location::Result result = location.Update(request, now, changes);

@@ -43,6 +43,8 @@ struct Registrar::Impl {
   std::string datagram;
   Clock::time_point next_purge{};
 
+  std::atomic<std::chrono::milliseconds> ahead{};  // of the steady clock
+
   FileDescriptor wake;  // made once, before callers can know of it
   std::thread thread;
   std::atomic<bool> stopping{false};
@@ -56,6 +58,8 @@ struct Registrar::Impl {
   std::function<void(const nsip_message&)> on_request;
   std::function<void(const nsip_message&, int)> on_answer;
 
+  // What all deadlines and lifetimes are measured by.
+  [[nodiscard]] Clock::time_point Now() const { return Clock::now() + ahead.load(); }
   void Run();
   void HandleAll();
   void MoveOn(Clock::time_point now);
