@@ -35,6 +35,13 @@ class LiveComponent {
     }
     return true;
   }
+  // The same, for tests in which memory runs out: once that has `happened`, what is lost stays lost, and
+  // `patience` is enough; until then the limit is one that no machine reaches.
+  template <typename Done, typename Happened>
+  static bool PumpUntil(Done done, Happened happened, std::chrono::milliseconds patience) {
+    constexpr std::chrono::seconds kLimit{5};
+    return PumpUntil([&] { return done() || happened(); }, kLimit) && PumpUntil(done, done() ? kLimit : patience);
+  }
   static void PumpFor(std::chrono::milliseconds time);
   // How many notifications of this kind have come: 0x1000 (told apart by their result) to 0x1003.
   static inline std::atomic<int> succeeded{0};

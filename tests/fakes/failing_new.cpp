@@ -55,6 +55,7 @@ long Fail(long first, long last) noexcept {
   g_last = last;
   return g_number.exchange(0);
 }
+long Counted() noexcept { return g_number; }
 void TakePart(bool part) noexcept { t_part = part ? Part::kYes : Part::kNo; }
 void TakePartByDefault(bool part) noexcept { g_default_part = part; }
 }  // namespace failing_new

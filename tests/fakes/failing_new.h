@@ -16,6 +16,8 @@ void Limit(long left) noexcept;
 // All threads that take part: their allocations are numbered from 1 again, and those from first to
 // last fail. 0, 0: none. Gives how many there have been since the last call.
 long Fail(long first, long last) noexcept;
+// How many there have been since then.
+[[nodiscard]] long Counted() noexcept;
 // Whether the calling thread takes part; until it says so, what the default says, which is no.
 void TakePart(bool part) noexcept;
 void TakePartByDefault(bool part) noexcept;

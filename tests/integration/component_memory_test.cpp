@@ -17,25 +17,28 @@ using fakes::LiveComponent;
 using fakes::WirePeer;
 using namespace std::chrono_literals;
 
-// From configuration, log and command to refresh to deregistration, as far as it gets. Waits are
-// short: what was lost stays lost.
-void Road(WirePeer& peer, fakes::FakeClock& clock, const fakes::WorkDir& dir, bool must_work) {
+// From configuration, log and command to refresh to deregistration, as far as it gets when this
+// allocation fails; 0: none does, and it must get to the end.
+void Road(WirePeer& peer, fakes::FakeClock& clock, const fakes::WorkDir& dir, long failing) {
+  const bool must_work = failing == 0;
+  const auto until = [failing](const auto& done) {
+    return LiveComponent::PumpUntil(
+        done, [failing] { return failing != 0 && failing_new::Counted() >= failing; }, 25ms);
+  };
   const bool set = LiveComponent::Command(0x10000, dir.Settings()) == 0;
   EXPECT_EQ(LiveComponent::Command(2, ""), 0x40000002);
   const bool logs = LiveComponent::Command(0x10004, dir.LogOn("max-size=\"1\"")) == 0;
-  const auto limit = must_work ? 5000ms : 40ms;
   const int refreshes = peer.refreshes;
   const int id = LiveComponent::Register(peer.Uri(), 2);
   const auto told = [&](std::size_t kind) {
-    return id > 0 && LiveComponent::PumpUntil(
-                         [&] { return LiveComponent::told.at(static_cast<std::size_t>(id))[kind] > 0; }, limit);
+    return id > 0 && until([&] { return LiveComponent::told.at(static_cast<std::size_t>(id))[kind] > 0; });
   };
   const bool registered = told(0);
   bool refreshed = false;
   if (registered) {
     LiveComponent::PumpFor(0ms);
     clock.now_ += 1'000'000'000;
-    refreshed = LiveComponent::PumpUntil([&] { return peer.refreshes > refreshes; }, limit);
+    refreshed = until([&] { return peer.refreshes > refreshes; });
     LiveComponent::PumpFor(1ms);
   }
   const bool ended = id > 0 && LiveComponent::Deregister(id) == 0 && told(1);
@@ -61,12 +64,12 @@ TEST(ComponentMemory, RunsOutAtEveryPlaceOfTheRoad) {
   for (int round = 0; round < 2; ++round) {
     {
       LiveComponent component(10ms);
-      Road(peer, clock, dir, true);
+      Road(peer, clock, dir, 0);
       for (long n = 1; round == 1 && !testing::Test::HasFailure(); ++n) {
         failing_new::Fail(n, n);
-        Road(peer, clock, dir, false);
+        Road(peer, clock, dir, n);
         const bool over = failing_new::Fail(0, 0) < n;
-        if (over || n % 10 == 0) Road(peer, clock, dir, true);
+        if (over || n % 10 == 0) Road(peer, clock, dir, 0);
         if (over) break;
         allocations = n;
       }

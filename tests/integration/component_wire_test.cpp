@@ -37,7 +37,7 @@ class Commander {
  public:
   Commander(unsigned seed, const std::string& registrar) : random_(seed), registrar_(registrar) {}
 
-  void Run(const std::atomic<bool>& over) {
+  void Run(const std::atomic<bool>& over, std::atomic<int>& registered) {
     while (!over) {
       const int id = LiveComponent::Register(registrar_, 2, random_() % 4 == 0);
       if (id > 0) {
@@ -53,8 +53,6 @@ class Commander {
   void EndAll() {
     while (!ids_.empty()) EndOne();
   }
-
-  int registered = 0;
 
  private:
   void EndOne() {
@@ -89,16 +87,14 @@ TEST(ComponentWire, StressLeavesNothingAndSendsNothingAfterAnEnd) {
       for (unsigned i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
           Commander commander(i + 1, peer.Uri());
-          commander.Run(over);
+          commander.Run(over, registered);
           if (i % 2 == 0) commander.EndAll();  // the others leave registrations alive, their loop gone
-          registered += commander.registered;
         });
       }
-      std::this_thread::sleep_for(3s);
+      EXPECT_TRUE(sip_test::Eventually([&] { return registered > 2000; }, 60s));
       over = true;
       for (std::thread& thread : threads) thread.join();
     }
-    EXPECT_GT(registered, 100);
     refreshes += peer.refreshes;
     EXPECT_GT(peer.removals, 50);
     EXPECT_EQ(CRegister::s_nAlive, 0);
@@ -232,7 +228,9 @@ TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
   const WorkDir dir;
   WirePeer peer({.drop = 5, .late = 10});
   LiveComponent::on_trace = WatchTemplates;
-  std::array<std::vector<int>, 2> owed;  // numbers of records that met an open log
+  std::atomic<int> registered{0};
+  std::array<std::vector<int>, 2> owed;   // numbers of records that met an open log
+  std::array<std::atomic<int>, 2> met{};  // how many
   std::array<std::set<int>, 2> seen;
   {
     LiveComponent component;
@@ -256,14 +254,17 @@ TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
       });
     };
     for (unsigned i = 0; i < 2; ++i) {
-      threads.emplace_back([&, i] { Commander(i + 21, peer.Uri()).Run(over); });
+      threads.emplace_back([&, i] { Commander(i + 21, peer.Uri()).Run(over, registered); });
       meanwhile(100us, [&, i](int n) {
         const unsigned before = epoch;
         // clang-format off
         if (n % 2 == 0) { REG_LOG(E_LOG_WARNING, "@%u %d %d", i, n, __LINE__); }
         else { REG_LOG(E_LOG_ERROR, "@%u %d %d", i, n, __LINE__); }
         // clang-format on
-        if (before % 2 == 0 && epoch == before) owed[i].push_back(n);
+        if (before % 2 == 0 && epoch == before) {
+          owed[i].push_back(n);
+          ++met[i];
+        }
       });
     }
     const std::string sizes = " max-size=\"1\" file-count=\"1000\"";
@@ -283,8 +284,8 @@ TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
       return std::ranges::any_of(std::filesystem::recursive_directory_iterator(dir.Path()),
                                  [](const auto& entry) { return entry.path().filename() == "1_Tolvane.log"; });
     };
-    std::this_thread::sleep_for(3s);
-    EXPECT_TRUE(sip_test::Eventually(rotated, 60s));
+    const auto enough = [&] { return met[0] > 2000 && met[1] > 2000 && g_whole > 50 && rotated(); };
+    EXPECT_TRUE(sip_test::Eventually(enough, 60s));
     over = true;
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, WorkDir::kLogOff), 0);
@@ -296,10 +297,8 @@ TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
     EXPECT_LT(entry.file_size(), std::size_t{1100} * 1024);
   }
   for (std::size_t i = 0; i < owed.size(); ++i) {
-    EXPECT_GT(owed[i].size(), 1000u);
     for (const int n : owed[i]) ASSERT_TRUE(seen[i].contains(n)) << n;
   }
-  EXPECT_GT(g_whole, 50);
   EXPECT_EQ(g_mixed, 0);
   EXPECT_EQ(CRegister::s_nAlive, 0);
 }
