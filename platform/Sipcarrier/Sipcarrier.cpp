@@ -2,10 +2,10 @@
 #include "Sipcarrier/Sipcarrier.h"
 
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <utility>
 
+#include "base/mutex.h"
 #include "Sipcarrier/stack.h"
 
 ISipStackEvent::~ISipStackEvent() = default;
@@ -26,13 +26,13 @@ const char* ReadName(const char* name, unsigned int* length) {
 
 // Lock order: lifecycle before current; the latter is a leaf, held for a copy of the pointer only.
 struct Process {
-  std::mutex lifecycle;  // one Start or Stop at a time
-  std::mutex current_mutex;
-  std::shared_ptr<sipcarrier::Stack> current;  // guarded by current_mutex
-  sipcarrier::Counters last;                   // of the run before; guarded by current_mutex
+  base::Mutex lifecycle;  // one Start or Stop at a time
+  base::Mutex current_mutex;
+  std::shared_ptr<sipcarrier::Stack> current TOLVANE_GUARDED_BY(current_mutex);
+  sipcarrier::Counters last TOLVANE_GUARDED_BY(current_mutex);  // of the run before
 
   std::shared_ptr<sipcarrier::Stack> Get() {
-    const std::lock_guard lock(current_mutex);
+    const base::MutexLock lock(current_mutex);
     return current;
   }
 };
@@ -70,14 +70,14 @@ namespace sipcarrier {
 int Start(const Config& config, std::string& error) {
   try {
     Process& process = TheProcess();
-    const std::lock_guard lifecycle(process.lifecycle);
+    const base::MutexLock lifecycle(process.lifecycle);
     if (process.Get() != nullptr) {
       error = "the SIP stack has been started already; stop it first";
       return -1;
     }
     auto stack = std::make_shared<Stack>(config);
     if (!stack->Open(config, error)) return -1;
-    const std::lock_guard lock(process.current_mutex);
+    const base::MutexLock lock(process.current_mutex);
     process.current = std::move(stack);
     return 0;
   } catch (const std::exception& failure) {
@@ -95,18 +95,18 @@ void Stop(std::chrono::milliseconds deadline) {
       called_from->delivery().OnThisThread()) {
     return;
   }
-  const std::lock_guard lifecycle(process.lifecycle);
+  const base::MutexLock lifecycle(process.lifecycle);
   const std::shared_ptr<Stack> stack = process.Get();
   if (stack == nullptr) return;
   stack->Stop(deadline);
-  const std::lock_guard lock(process.current_mutex);
+  const base::MutexLock lock(process.current_mutex);
   process.last = stack->counters().Read();
   process.current = nullptr;
 }
 
 Counters GetCounters() {
   Process& process = TheProcess();
-  const std::lock_guard lock(process.current_mutex);
+  const base::MutexLock lock(process.current_mutex);
   return process.current == nullptr ? process.last : process.current->counters().Read();
 }
 
@@ -154,10 +154,8 @@ void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, Outco
 
 bool SetRequestHandler(const std::string& method, RequestFn handler) {
   try {
-    const bool on_io_thread = Stack::OfThisThread() != nullptr;
     const auto stack = TheStack();
-    return stack != nullptr &&
-           stack->server().handlers().Set(method, std::move(handler), on_io_thread);
+    return stack != nullptr && stack->server().handlers().Set(method, std::move(handler));
   } catch (const std::bad_alloc&) {
     return false;
   }

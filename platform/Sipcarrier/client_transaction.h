@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/intrusive_list.h"
 #include "Sipcarrier/resolver.h"
 #include "Sipcarrier/Sipcarrier.h"
 #include "Sipcarrier/timer_queue.h"
@@ -36,9 +37,9 @@ struct DestinationTag;
 // few can be kept in reserve. Owned by the layer; I/O thread. Invariants: 1. `done` is set until it
 // has been taken to be called. 2. With state kTrying to kCompleted the branch is in the layer's
 // table; in kTrying and kProceeding the transaction is in its destination's list.
-class ClientTransaction final : public Hook<AllTag>,
-                                public Hook<FreshTag>,
-                                public Hook<DestinationTag>,
+class ClientTransaction final : public base::ListHook<AllTag>,
+                                public base::ListHook<FreshTag>,
+                                public base::ListHook<DestinationTag>,
                                 public LookupWaiter,
                                 public Outgoing,
                                 TimerSink {

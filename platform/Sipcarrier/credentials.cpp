@@ -1,5 +1,6 @@
 #include "Sipcarrier/credentials.h"
 
+#include "base/text.h"
 #include "Sipcarrier/target.h"
 
 namespace sipcarrier {
@@ -7,8 +8,8 @@ namespace {
 
 std::string KeyOf(const nsip_uri& uri) {
   if (!uri.opaque.empty())
-    return uri.scheme + ":" + LowerCase(uri.opaque.substr(0, uri.opaque.find(';')));
-  return uri.scheme + ":" + nsip_uri_normal(uri.user) + "@" + LowerCase(uri.host);
+    return uri.scheme + ":" + base::LowerCase(uri.opaque.substr(0, uri.opaque.find(';')));
+  return uri.scheme + ":" + nsip_uri_normal(uri.user) + "@" + base::LowerCase(uri.host);
 }
 
 }  // namespace

@@ -44,19 +44,20 @@ void EventDelivery::Stop(std::chrono::steady_clock::time_point deadline) {
   if (!thread_.joinable()) return;
   EventList dropped;
   {
-    std::unique_lock lock(mutex_);
-    changed_.wait_until(lock, deadline,
-                        [this] { return queue_.first == nullptr && current_ == nullptr; });
+    const base::MutexLock lock(mutex_);
+    while ((queue_.first != nullptr || calls_.busy(mutex_)) &&
+           changed_.WaitUntil(mutex_, deadline)) {
+    }
     ending_ = true;
     handler_ = nullptr;
     queue_.Swap(dropped);
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   thread_.join();
 }
 
 int EventDelivery::Register(ISipStackEvent* handler) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   if (handler == nullptr || handler_ != nullptr || ending_) return -1;
   handler_ = handler;
   return 0;
@@ -64,7 +65,7 @@ int EventDelivery::Register(ISipStackEvent* handler) {
 
 int EventDelivery::DeRegister(ISipStackEvent* handler) {
   EventList dropped;
-  std::unique_lock lock(mutex_);
+  base::MutexLock lock(mutex_);
   if (handler == nullptr) return -1;
   const bool registered = handler_ == handler;
   if (registered) {
@@ -72,10 +73,8 @@ int EventDelivery::DeRegister(ISipStackEvent* handler) {
     queue_.Swap(dropped);
   }
   // Also when Stop took it off: its last call may still be under way.
-  if (!OnThisThread()) {
-    changed_.wait(lock, [&] { return current_ != handler; });
-  }
-  lock.unlock();  // before the dropped events are freed
+  calls_.AwaitEnd(mutex_, [handler](const ISipStackEvent* called) { return called == handler; });
+  lock.Unlock();  // before the dropped events are freed
   return registered ? 0 : -1;
 }
 
@@ -91,27 +90,27 @@ void EventDelivery::Post(int id, std::unique_ptr<nsip_message> message, std::str
   event->reason = std::move(reason);
   event->stack_id = stack_id;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     if (handler_ == nullptr) return;
     queue_.Push(event.release());
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
 }
 
 void EventDelivery::Run() noexcept {
-  std::unique_lock lock(mutex_);
+  base::MutexLock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return ending_ || queue_.first != nullptr; });
+    while (!ending_ && queue_.first == nullptr) changed_.Wait(mutex_);
     if (ending_) return;
     std::unique_ptr<Event> event = queue_.Pop();
     ISipStackEvent& handler = *handler_;
-    current_ = &handler;
-    lock.unlock();
+    calls_.Enter(mutex_, &handler);
+    lock.Unlock();
     Deliver(handler, *event);
     event.reset();
-    lock.lock();
-    current_ = nullptr;
-    changed_.notify_all();
+    lock.Lock();
+    calls_.Leave(mutex_);
+    changed_.NotifyAll();
   }
 }
 

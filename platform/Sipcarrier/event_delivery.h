@@ -2,12 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "base/call_gate.h"
+#include "base/mutex.h"
 #include "Sipcarrier/counters.h"
 
 namespace sipcarrier {
@@ -51,12 +51,12 @@ class EventDelivery {
   std::thread thread_;
   std::thread::id thread_id_;  // immutable once started
 
-  std::mutex mutex_;  // guards all below
-  std::condition_variable changed_;
-  EventList queue_;
-  ISipStackEvent* handler_ = nullptr;
-  ISipStackEvent* current_ = nullptr;  // the handler whose call is under way
-  bool ending_ = false;
+  base::Mutex mutex_;
+  base::CondVar changed_;
+  base::CallGate<const ISipStackEvent*> calls_;  // to the handler
+  EventList queue_ TOLVANE_GUARDED_BY(mutex_);
+  ISipStackEvent* handler_ TOLVANE_GUARDED_BY(mutex_) = nullptr;
+  bool ending_ TOLVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sipcarrier

@@ -179,6 +179,7 @@ IoLoop::IoLoop(LoopClient& client) : client_(client), impl_(std::make_unique<Imp
 }
 
 IoLoop::~IoLoop() {
+  const base::MutexLock lock(mutex_);
   while (first_ != nullptr) delete std::exchange(first_, first_->next);
 }
 
@@ -193,7 +194,7 @@ bool IoLoop::Post(std::function<void()> task) noexcept {
   node->run = std::move(task);
   bool was_empty = false;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     if (closed_) return false;
     was_empty = first_ == nullptr;
     (was_empty ? first_ : last_->next) = node.get();
@@ -204,12 +205,12 @@ bool IoLoop::Post(std::function<void()> task) noexcept {
 }
 
 void IoLoop::CloseTasks() noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   closed_ = true;
 }
 
 bool IoLoop::HasTasks() noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   return first_ != nullptr;
 }
 
@@ -223,7 +224,7 @@ void IoLoop::RunTasks() noexcept {
   for (int i = 0; i < kTasksPerTurn; ++i) {
     std::unique_ptr<Task> task;
     {
-      const std::lock_guard lock(mutex_);
+      const base::MutexLock lock(mutex_);
       if (first_ == nullptr) return;
       task.reset(std::exchange(first_, first_->next));
     }

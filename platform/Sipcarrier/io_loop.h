@@ -4,8 +4,8 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "Sipcarrier/timer_queue.h"
 
 namespace sipcarrier {
@@ -81,10 +81,10 @@ class IoLoop {
   bool quit_ = false;
   Clock::time_point alarm_ = Clock::time_point::max();
 
-  std::mutex mutex_;
-  Task* first_ = nullptr;  // guarded by mutex_, as are the next two
-  Task* last_ = nullptr;
-  bool closed_ = false;
+  base::Mutex mutex_;
+  Task* first_ TOLVANE_GUARDED_BY(mutex_) = nullptr;
+  Task* last_ TOLVANE_GUARDED_BY(mutex_) = nullptr;
+  bool closed_ TOLVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sipcarrier

@@ -43,7 +43,7 @@ int LocalAddressFinder::Find(const SocketAddress& to, const SocketAddress& bound
   }
   const auto now = Clock::now();
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     const auto found = cache_.find(to);
     if (found != cache_.end() && now < found->second.expires) {
       local = found->second.local;
@@ -53,7 +53,7 @@ int LocalAddressFinder::Find(const SocketAddress& to, const SocketAddress& bound
   }
   if (const int error = Probe(to, local); error != 0) return error;
   local.set_port(bound.port());
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   if (cache_.size() >= kMaxEntries) cache_.clear();
   cache_[to] = {local, now + kKeep};
   return 0;

@@ -2,9 +2,9 @@
 // bound.
 #pragma once
 
-#include <mutex>
 #include <unordered_map>
 
+#include "base/mutex.h"
 #include "Sipcarrier/socket_address.h"
 #include "Sipcarrier/timer_queue.h"
 
@@ -22,8 +22,8 @@ class LocalAddressFinder {
     SocketAddress local;
     Clock::time_point expires;
   };
-  std::mutex mutex_;
-  std::unordered_map<SocketAddress, Entry, SocketAddress::Hash> cache_;  // guarded by mutex_
+  base::Mutex mutex_;
+  std::unordered_map<SocketAddress, Entry, SocketAddress::Hash> cache_ TOLVANE_GUARDED_BY(mutex_);
 };
 
 // An address of this machine when the destination is not known: that of the default route, else of

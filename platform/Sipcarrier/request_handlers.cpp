@@ -14,36 +14,34 @@ bool CanBeServed(const std::string& method) {
 
 }  // namespace
 
-bool RequestHandlers::Set(const std::string& method, RequestFn handler, bool on_io_thread) {
+bool RequestHandlers::Set(const std::string& method, RequestFn handler) {
   std::shared_ptr<const RequestFn> held;  // freed when the lock is
   if (handler) {
     if (!CanBeServed(method)) return false;
     held = std::make_shared<const RequestFn>(std::move(handler));
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     return !closed_ && by_method_.try_emplace(method, held).second;
   }
-  std::unique_lock lock(mutex_);
+  base::MutexLock lock(mutex_);
   if (const auto found = by_method_.find(method); found != by_method_.end()) {
     held = std::move(found->second);
     by_method_.erase(found);
   }
   // Also when somebody else took it away: its last call may still be under way.
-  if (!on_io_thread) {
-    changed_.wait(lock, [&] { return current_ == nullptr || current_->method_ != method; });
-  }
-  lock.unlock();  // before the handler is freed
+  calls_.AwaitEnd(mutex_, [&method](const std::string* called) { return *called == method; });
+  lock.Unlock();  // before the handler is freed
   return true;
 }
 
 void RequestHandlers::Close() noexcept {
-  std::map<std::string, std::shared_ptr<const RequestFn>> dropped;
-  const std::lock_guard lock(mutex_);
+  ByMethod dropped;
+  const base::MutexLock lock(mutex_);
   closed_ = true;
   by_method_.swap(dropped);
 }
 
 std::string RequestHandlers::Allow() const {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   std::string result;
   for (const auto& [method, handler] : by_method_) (result += method) += ", ";
   if (by_method_.count(kOptions) == 0) return result + kOptions;
@@ -53,19 +51,16 @@ std::string RequestHandlers::Allow() const {
 
 RequestHandlers::Use::Use(RequestHandlers& handlers, const std::string& method)
     : handlers_(handlers), method_(method) {
-  const std::lock_guard lock(handlers_.mutex_);
+  const base::MutexLock lock(handlers_.mutex_);
   const auto found = handlers_.by_method_.find(method_);
   if (found != handlers_.by_method_.end()) handler_ = found->second;
-  handlers_.current_ = this;
+  handlers_.calls_.Enter(handlers_.mutex_, &method_);
 }
 
 RequestHandlers::Use::~Use() {
   handler_.reset();  // before the one who has taken it away goes on, and with no lock
-  {
-    const std::lock_guard lock(handlers_.mutex_);
-    handlers_.current_ = nullptr;
-  }
-  handlers_.changed_.notify_all();
+  const base::MutexLock lock(handlers_.mutex_);
+  handlers_.calls_.Leave(handlers_.mutex_);
 }
 
 }  // namespace sipcarrier

@@ -1,12 +1,12 @@
 // Who answers which requests.
 #pragma once
 
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "base/call_gate.h"
+#include "base/mutex.h"
 #include "Sipcarrier/Sipcarrier.h"
 
 namespace sipcarrier {
@@ -14,10 +14,10 @@ namespace sipcarrier {
 // Any thread, except Use. mutex_ is a leaf: not held while a handler runs or is freed.
 class RequestHandlers {
  public:
-  // An empty handler takes the method's away, and waits for its call under way unless called on the
-  // I/O thread. false: the method is handled already, its transactions are not served, or closed.
-  // May throw std::bad_alloc.
-  bool Set(const std::string& method, RequestFn handler, bool on_io_thread);
+  // An empty handler takes the method's away, and waits for its call under way unless called from
+  // it. false: the method is handled already, its transactions are not served, or closed. May throw
+  // std::bad_alloc.
+  bool Set(const std::string& method, RequestFn handler);
   // Takes all away, for good.
   void Close() noexcept;
   // As Allow lists them; OPTIONS among them, which needs no handler. May throw std::bad_alloc.
@@ -34,18 +34,18 @@ class RequestHandlers {
     [[nodiscard]] const RequestFn* handler() const { return handler_.get(); }
 
    private:
-    friend class RequestHandlers;
     RequestHandlers& handlers_;
     const std::string method_;
     std::shared_ptr<const RequestFn> handler_;
   };
 
  private:
-  mutable std::mutex mutex_;  // guards all below
-  std::condition_variable changed_;
-  std::map<std::string, std::shared_ptr<const RequestFn>> by_method_;
-  const Use* current_ = nullptr;
-  bool closed_ = false;
+  using ByMethod = std::map<std::string, std::shared_ptr<const RequestFn>>;
+
+  mutable base::Mutex mutex_;
+  base::CallGate<const std::string*> calls_;  // to the handler of a method
+  ByMethod by_method_ TOLVANE_GUARDED_BY(mutex_);
+  bool closed_ TOLVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sipcarrier

@@ -20,10 +20,10 @@ constexpr std::chrono::seconds kChannelAge{30};
 
 }  // namespace
 
-struct Resolver::Query : Hook<Query> {
+struct Resolver::Query : base::ListHook<Query> {
   Resolver* resolver = nullptr;
   std::string host;
-  IntrusiveList<LookupWaiter, LookupWaiter> waiters;
+  base::IntrusiveList<LookupWaiter, LookupWaiter> waiters;
   bool under_way = false;
   std::vector<SocketAddress> addresses;
   std::string_view failure;
@@ -32,7 +32,6 @@ struct Resolver::Query : Hook<Query> {
 
 Resolver::Resolver(IoLoop& loop, TimerQueue& timers, int family)
     : loop_(loop), timers_(timers), family_(family), timeout_(*this) {
-  timers_.Attach(timeout_);
   library_ready_ = ares_library_init(ARES_LIB_INIT_ALL) == ARES_SUCCESS;
 }
 

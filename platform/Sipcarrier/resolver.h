@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Sipcarrier/intrusive_list.h"
+#include "base/intrusive_list.h"
 #include "Sipcarrier/io_loop.h"
 #include "Sipcarrier/socket_address.h"
 #include "Sipcarrier/timer_queue.h"
@@ -18,7 +18,7 @@
 namespace sipcarrier {
 
 // One that waits for a name; it cancels by unlinking itself.
-class LookupWaiter : public Hook<LookupWaiter> {
+class LookupWaiter : public base::ListHook<LookupWaiter> {
  public:
   // From Resolver::Deliver. Addresses (port 0) in the order in which to try them (RFC 6724), or
   // none and the reason.
@@ -71,8 +71,8 @@ class Resolver final : FdEvents, TimerSink {
   Timer timeout_;  // of c-ares' own retries
   std::unordered_map<int, std::unique_ptr<FdWatch>> watches_;
   std::unordered_map<std::string, std::unique_ptr<Query>>
-      queries_;                           // under way, and results that are good
-  IntrusiveList<Query, Query> finished_;  // not delivered yet
+      queries_;                                 // under way, and results that are good
+  base::IntrusiveList<Query, Query> finished_;  // not delivered yet
 };
 
 }  // namespace sipcarrier

@@ -65,7 +65,6 @@ ServerTransaction* ServerLayer::Begin(nsip_message& request, std::string key,
   if (finder_.Find(transaction.to, local, transaction.local) != 0) transaction.local = local;
   transaction.id = NewId();
   transaction.key = std::move(key);
-  timers_.Attach(transaction.end_timer);
   by_key_.emplace(transaction.key, std::move(made));
   LiveCounters::Add(counters_.server_transactions);
   try {

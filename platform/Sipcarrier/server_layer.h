@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/intrusive_list.h"
 #include "Sipcarrier/counters.h"
 #include "Sipcarrier/local_address.h"
 #include "Sipcarrier/request_handlers.h"
@@ -71,7 +72,7 @@ class ServerLayer final : ServerTransactionEvents {
   // Owns the transactions; the keys live in them.
   std::unordered_map<std::string_view, std::unique_ptr<ServerTransaction>> by_key_;
   std::unordered_map<ServerTransactionId, ServerTransaction*> unanswered_;
-  IntrusiveList<ServerTransaction, CompletedTag> completed_;  // in the order of their answers
+  base::IntrusiveList<ServerTransaction, CompletedTag> completed_;  // in the order of their answers
 };
 
 }  // namespace sipcarrier

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "base/text.h"
 #include "Sipcarrier/branch.h"
 #include "Sipcarrier/target.h"
 
@@ -26,12 +27,6 @@ bool AsksForPort(const nsip_via& via) {
   return nsip_generic_param_get_byname(via.params, "rport", nullptr) == 0;
 }
 
-std::string_view Trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
 }  // namespace
 
 std::string TransactionKey(const nsip_message& request) {
@@ -41,7 +36,7 @@ std::string TransactionKey(const nsip_message& request) {
   // No part of a message holds a line end.
   const auto add = [&key](std::string_view part) { (key += part) += '\n'; };
   add(request.sip_method);
-  add(LowerCase(via.host));
+  add(base::LowerCase(via.host));
   add(std::to_string(SentByPort(via)));
   if (branch.starts_with(kCookie) && branch.size() > kCookie.size()) {
     add(branch);
@@ -62,11 +57,11 @@ std::string TransactionKey(const nsip_message& request) {
 
 void NoteSource(nsip_via& via, const SocketAddress& from) {
   std::erase_if(via.params, [](const nsip_generic_param& param) {
-    return EqualNoCase(param.name, "received");
+    return base::EqualNoCase(param.name, "received");
   });
   const bool asked = AsksForPort(via);
   for (nsip_generic_param& param : via.params) {
-    if (!EqualNoCase(param.name, "rport")) continue;
+    if (!base::EqualNoCase(param.name, "rport")) continue;
     param.value = std::to_string(from.port());
     param.has_value = true;
   }
@@ -130,7 +125,7 @@ std::string RequiredOptions(const nsip_message& request) {
     std::string_view rest = header->hvalue;
     while (!rest.empty() && result.size() < kMaxOptions) {
       const std::size_t comma = std::min(rest.find(','), rest.size());
-      const std::string_view option = Trimmed(rest.substr(0, comma));
+      const std::string_view option = base::Trim(rest.substr(0, comma));
       rest.remove_prefix(std::min(comma + 1, rest.size()));
       if (!nsip_is_token(option) || option.size() > kMaxOptions) continue;
       if (!result.empty()) result += ", ";

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "base/intrusive_list.h"
 #include "Sipcarrier/Sipcarrier.h"
 #include "Sipcarrier/timer_queue.h"
 #include "Sipcarrier/transport.h"
@@ -26,7 +27,7 @@ struct CompletedTag;
 // The record that the server layer works on, its owner; I/O thread. Invariant: until it is answered
 // the id is in the layer's table and the transaction in no list; then it is in the list of the
 // answered ones.
-class ServerTransaction final : public Hook<CompletedTag>, public Outgoing, TimerSink {
+class ServerTransaction final : public base::ListHook<CompletedTag>, public Outgoing, TimerSink {
  public:
   explicit ServerTransaction(ServerTransactionEvents& events)
       : Outgoing(events), end_timer(*this), events_(events) {}

@@ -1,10 +1,11 @@
 // The templates in force, and how a message is made of one.
 #include <algorithm>
 #include <cstddef>
-#include <mutex>
 #include <new>
 #include <utility>
 
+#include "base/mutex.h"
+#include "base/text.h"
 #include "Sipcarrier/sip_conf_reader.h"
 #include "Sipcarrier/sip_conf_value.h"
 #include "Sipcarrier/Sipcarrier.h"
@@ -31,7 +32,7 @@ std::unique_ptr<nsip_header> Fill(const ConfMessage::Header& header,
   auto filled = std::make_unique<nsip_header>();
   if (!sipcarrier::FillValue(header.value, cells, filled->hvalue)) return nullptr;
   filled->hname = header.name;
-  if (sipcarrier::EqualNoCase(header.name, "Expires")) {
+  if (base::EqualNoCase(header.name, "Expires")) {
     // The merge compares expiries under this spelling only, and a template must not turn the 0 of a
     // deregistration into something else because it is spelled otherwise.
     filled->hname = "expires";
@@ -47,23 +48,23 @@ struct CVorelSipConf::State {
   explicit State(const std::string& strName) : file(strName + ".xml") {}
 
   [[nodiscard]] std::shared_ptr<const Templates> InForce() const {
-    const std::lock_guard lock(mutex);
+    const base::MutexLock lock(mutex);
     return in_force;
   }
   // False with a reason when there is no path to the file.
   bool Path(std::string& path, std::string& reason) const;
 
   const std::string file;
-  mutable std::mutex mutex;
-  // Guarded by the mutex.
-  std::string directory;
-  std::shared_ptr<const Templates> in_force = std::make_shared<const Templates>();
-  std::shared_ptr<const std::vector<ConfFault>> faults;  // null: none
+  mutable base::Mutex mutex;
+  std::string directory TOLVANE_GUARDED_BY(mutex);
+  std::shared_ptr<const Templates> in_force TOLVANE_GUARDED_BY(mutex) =
+      std::make_shared<const Templates>();
+  std::shared_ptr<const std::vector<ConfFault>> faults TOLVANE_GUARDED_BY(mutex);  // null: none
 };
 
 bool CVorelSipConf::State::Path(std::string& path, std::string& reason) const {
   {
-    const std::lock_guard lock(mutex);
+    const base::MutexLock lock(mutex);
     path = directory;
   }
   if (path.empty()) {
@@ -92,7 +93,7 @@ CVorelSipConf::~CVorelSipConf() = default;
 
 void CVorelSipConf::SetCfgPath(const std::string& strPath) {
   std::string directory = strPath;
-  const std::lock_guard lock(m_pState->mutex);
+  const base::MutexLock lock(m_pState->mutex);
   m_pState->directory.swap(directory);
 }
 
@@ -119,7 +120,7 @@ int CVorelSipConf::ReadConfFromFile() {
   }
   const bool good = messages != nullptr;
   {
-    const std::lock_guard lock(m_pState->mutex);
+    const base::MutexLock lock(m_pState->mutex);
     m_pState->faults.swap(faults);
     if (good) m_pState->in_force.swap(messages);
   }
@@ -160,7 +161,7 @@ nsip_message* CVorelSipConf::GetSipMsg(const std::string& strFirst, const std::s
 std::vector<ConfFault> CVorelSipConf::Faults() const {
   std::shared_ptr<const std::vector<ConfFault>> faults;
   {
-    const std::lock_guard lock(m_pState->mutex);
+    const base::MutexLock lock(m_pState->mutex);
     faults = m_pState->faults;
   }
   return faults != nullptr ? *faults : std::vector<ConfFault>();

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/text.h"
 #include "Domletlib/Domletlib.h"
 #include "Sipcarrier/sip_conf_value.h"
 #include "Sipcarrier/target.h"
@@ -98,7 +99,7 @@ std::string_view FirstWords(std::string_view text) {
 bool IsStackOwned(const std::string& name) {
   nsip_message scratch;
   return nsip_message_set_header(&scratch, name.c_str(), "") != 0 ||
-         EqualNoCase(name, "Authorization") || EqualNoCase(name, "Proxy-Authorization");
+         base::EqualNoCase(name, "Authorization") || base::EqualNoCase(name, "Proxy-Authorization");
 }
 
 // --- the document --------------------------------------------------------------------------------
@@ -205,7 +206,7 @@ class Reader {
       }
       ConfMessage::Header read = ReadHeader(header);
       for (auto& [name, has] : single) {
-        if (EqualNoCase(read.name, name) && std::exchange(has, true)) {
+        if (base::EqualNoCase(read.name, name) && std::exchange(has, true)) {
           Fault(read.line, "a second " + std::string(name) + " header in one message; leave one");
         }
       }
@@ -264,7 +265,7 @@ class Reader {
     }
     const bool has_cell =
         std::any_of(pieces.begin(), pieces.end(), [](const auto& piece) { return piece.is_key; });
-    if (EqualNoCase(header.name, "Expires") && !has_cell && !IsDeltaSeconds(header.value)) {
+    if (base::EqualNoCase(header.name, "Expires") && !has_cell && !IsDeltaSeconds(header.value)) {
       Fault(header.line, "the value of the Expires header is " + Quoted(header.value) +
                              "; it has to be a number of seconds from 0 to 4294967295");
     }

@@ -38,9 +38,7 @@ Stack::Stack(const Config& config)
       server_(config.t1, timers_, finder_, tracer_, counters_),
       transactions_({config.t1, config.t2, config.t4}, timers_, finder_, tracer_, counters_,
                     server_),
-      stop_timer_(*this) {
-  timers_.Attach(stop_timer_);
-}
+      stop_timer_(*this) {}
 
 Stack::~Stack() { Stop(std::chrono::milliseconds(0)); }
 
@@ -97,14 +95,7 @@ void Stack::OnTimer(Timer& /*timer*/) noexcept { transactions_.FailAll(); }
 
 bool Stack::SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept {
   if (io_timers_closed_) return false;
-  if (!timer.linked()) {
-    try {
-      timers_.Attach(timer.timer);
-    } catch (...) {
-      return false;
-    }
-    io_timers_.PushBack(timer);
-  }
+  if (!timer.linked()) io_timers_.PushBack(timer);
   timers_.Set(timer.timer, Clock::now() + delay);
   return true;
 }
@@ -112,7 +103,7 @@ bool Stack::SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) no
 void Stack::EndIoTimers() noexcept {
   io_timers_closed_ = true;
   while (IoTimer::Impl* timer = io_timers_.PopFront()) {
-    timers_.Detach(timer->timer);
+    timers_.Cancel(timer->timer);
     timer->sink.OnIoStop();
   }
 }

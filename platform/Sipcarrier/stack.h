@@ -5,6 +5,7 @@
 #include <optional>
 #include <thread>
 
+#include "base/intrusive_list.h"
 #include "Sipcarrier/credentials.h"
 #include "Sipcarrier/event_delivery.h"
 #include "Sipcarrier/io_loop.h"
@@ -17,7 +18,7 @@ struct IoTimerTag;
 
 // What stands behind the public timer; the list and the queue of the stack that it was set on last
 // know it until that stack ends.
-struct IoTimer::Impl final : Hook<IoTimerTag>, TimerSink {
+struct IoTimer::Impl final : base::ListHook<IoTimerTag>, TimerSink {
   explicit Impl(IoTimerSink& sink_in) : timer(*this), sink(sink_in) {}
   void OnTimer(Timer& /*timer*/) noexcept override { sink.OnIoTimer(); }
 
@@ -44,7 +45,7 @@ class Stack final : LoopClient, TimerSink {
   void Submit(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
     transactions_.Submit(std::move(request), std::move(prepare), std::move(done));
   }
-  // The I/O thread. false: stopping, or no memory for a timer that was never set.
+  // The I/O thread. false: stopping.
   [[nodiscard]] bool SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept;
   void CancelIoTimer(IoTimer::Impl& timer) noexcept { timers_.Cancel(timer.timer); }
   [[nodiscard]] std::chrono::milliseconds t1() const { return t1_; }
@@ -80,7 +81,7 @@ class Stack final : LoopClient, TimerSink {
   std::optional<Resolver> resolver_;
   std::vector<SocketAddress> bound_;  // immutable once open
   Timer stop_timer_;
-  IntrusiveList<IoTimer::Impl, IoTimerTag> io_timers_;  // in the queue, set or not
+  base::IntrusiveList<IoTimer::Impl, IoTimerTag> io_timers_;  // were set once
   bool io_timers_closed_ = false;
   std::thread io_thread_;
 

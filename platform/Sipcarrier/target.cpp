@@ -2,25 +2,14 @@
 
 #include <algorithm>
 
+#include "base/text.h"
+
 namespace sipcarrier {
 namespace {
 
 constexpr std::uint16_t kSipPort = 5060;
 
-char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 }  // namespace
-
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return Lower(x) == Lower(y); });
-}
-
-std::string LowerCase(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), Lower);
-  return result;
-}
 
 const nsip_uri* NextHop(const nsip_message& request) {
   if (!request.routes.empty() && request.routes.front() != nullptr) {
@@ -40,7 +29,7 @@ bool ChooseTarget(const nsip_uri& uri, Target& target, std::string& reason) {
     return false;
   }
   if (nsip_generic_param_get_byname(uri.params, "transport", &param) == 0 &&
-      !EqualNoCase(param->value, "udp")) {
+      !base::EqualNoCase(param->value, "udp")) {
     reason = "transport not available: " + param->value;
     return false;
   }
@@ -52,7 +41,7 @@ bool ChooseTarget(const nsip_uri& uri, Target& target, std::string& reason) {
     reason = "the URI names no host or no valid port";
     return false;
   }
-  target.host = LowerCase(host);
+  target.host = base::LowerCase(host);
   target.port = uri.port == 0 ? kSipPort : static_cast<std::uint16_t>(uri.port);
   target.literal = {};
   SocketAddress::FromLiteral(target.host, target.port, target.literal);

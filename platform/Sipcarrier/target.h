@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/text.h"
 #include "nsip/nsip.h"
 #include "Sipcarrier/socket_address.h"
 
@@ -21,8 +22,5 @@ struct Target {
 // Heeds `maddr`, `transport` and the port (RFC 3263 §4 without NAPTR and SRV: a name without a port
 // stands for its addresses and port 5060). false and a reason when no transport of ours goes there.
 [[nodiscard]] bool ChooseTarget(const nsip_uri& uri, Target& target, std::string& reason);
-
-[[nodiscard]] bool EqualNoCase(std::string_view a, std::string_view b);
-[[nodiscard]] std::string LowerCase(std::string_view text);
 
 }  // namespace sipcarrier

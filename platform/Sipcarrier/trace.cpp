@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "base/text.h"
 #include "Sipcarrier/target.h"
 
 namespace sipcarrier {
@@ -16,10 +17,11 @@ enum class HeaderKind { kPlain, kInfo, kCredentials };
 HeaderKind KindOf(std::string_view name) {
   const auto end = name.find_last_not_of(" \t");
   name = name.substr(0, end == std::string_view::npos ? 0 : end + 1);
-  if (EqualNoCase(name, "Authorization") || EqualNoCase(name, "Proxy-Authorization")) {
+  if (base::EqualNoCase(name, "Authorization") || base::EqualNoCase(name, "Proxy-Authorization")) {
     return HeaderKind::kCredentials;
   }
-  if (EqualNoCase(name, "Authentication-Info") || EqualNoCase(name, "Proxy-Authentication-Info")) {
+  if (base::EqualNoCase(name, "Authentication-Info") ||
+      base::EqualNoCase(name, "Proxy-Authentication-Info")) {
     return HeaderKind::kInfo;
   }
   return HeaderKind::kPlain;
@@ -29,7 +31,7 @@ bool IsSecret(std::string_view name) {
   static constexpr std::array<std::string_view, 4> kSecrets{"response", "cnonce", "nextnonce",
                                                             "rspauth"};
   return std::any_of(kSecrets.begin(), kSecrets.end(),
-                     [&](std::string_view secret) { return EqualNoCase(name, secret); });
+                     [&](std::string_view secret) { return base::EqualNoCase(name, secret); });
 }
 
 // Where the quoted string that begins at `at` ends; at the end of the value when it is not closed.
@@ -80,7 +82,7 @@ void MaskCredentials(std::string_view value, std::string& out) {
   const std::size_t scheme_end = std::min(value.find_first_of(kBlank, scheme), value.size());
   out.append(value, 0, scheme_end);
   const std::string_view rest = value.substr(scheme_end);
-  if (EqualNoCase(value.substr(scheme, scheme_end - scheme), "Digest")) {
+  if (base::EqualNoCase(value.substr(scheme, scheme_end - scheme), "Digest")) {
     MaskParams(rest, out);
     return;
   }

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "base/text.h"
 #include "Sipcarrier/branch.h"
 #include "Sipcarrier/target.h"
 
@@ -70,7 +71,7 @@ void TransactionLayer::Submit(std::unique_ptr<nsip_message> request, PrepareFn p
 }
 
 void TransactionLayer::StartFresh() noexcept {
-  IntrusiveList<ClientTransaction, FreshTag> batch;
+  base::IntrusiveList<ClientTransaction, FreshTag> batch;
   batch.Splice(fresh_);
   while (ClientTransaction* transaction = batch.PopFront()) {
     try {
@@ -89,8 +90,6 @@ void TransactionLayer::Begin(ClientTransaction& transaction) {
   Target target;
   std::string reason;
   if (!ChooseTarget(*uri, target, reason)) return Fail(transaction, Kind::kUnsent, reason);
-  timers_.Attach(transaction.retransmit_timer);
-  timers_.Attach(transaction.deadline_timer);
   transaction.port = target.port;
   transaction.host = target.host;
   if (target.is_literal()) {
@@ -218,7 +217,7 @@ void TransactionLayer::Detach(ClientTransaction& transaction) noexcept {
 }
 
 void TransactionLayer::LeaveDestination(ClientTransaction& transaction) noexcept {
-  static_cast<Hook<DestinationTag>&>(transaction).Unlink();
+  static_cast<base::ListHook<DestinationTag>&>(transaction).Unlink();
   const auto found = by_destination_.find(transaction.to);
   if (found != by_destination_.end() && found->second.empty()) by_destination_.erase(found);
 }
@@ -412,7 +411,7 @@ ClientTransaction* TransactionLayer::Match(const nsip_message& response) const {
   ClientTransaction& transaction = *found->second;
   const int port = via.port == 0 ? 5060 : via.port;
   if (response.cseq_method != transaction.method || port != transaction.sent_by_port ||
-      !EqualNoCase(via.host, transaction.sent_by_host)) {
+      !base::EqualNoCase(via.host, transaction.sent_by_host)) {
     return nullptr;
   }
   return &transaction;

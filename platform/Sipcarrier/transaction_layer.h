@@ -7,6 +7,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "base/intrusive_list.h"
 #include "Sipcarrier/client_transaction.h"
 #include "Sipcarrier/counters.h"
 #include "Sipcarrier/local_address.h"
@@ -48,7 +49,7 @@ class TransactionLayer final : public TransportSink, TransactionEvents {
   void OnUnreachable(const SocketAddress& to, int error) noexcept override;
 
  private:
-  using DestinationList = IntrusiveList<ClientTransaction, DestinationTag>;
+  using DestinationList = base::IntrusiveList<ClientTransaction, DestinationTag>;
 
   void OnSent(Outgoing& message) noexcept override;
   void OnSendFailed(Outgoing& message, int error) noexcept override;
@@ -84,8 +85,8 @@ class TransactionLayer final : public TransportSink, TransactionEvents {
   Resolver* resolver_ = nullptr;
 
   // Owns its elements; every transaction alive is in it.
-  IntrusiveList<ClientTransaction, AllTag> all_;
-  IntrusiveList<ClientTransaction, FreshTag> fresh_;
+  base::IntrusiveList<ClientTransaction, AllTag> all_;
+  base::IntrusiveList<ClientTransaction, FreshTag> fresh_;
   std::unordered_map<std::string_view, ClientTransaction*>
       by_branch_;  // keys live in the transactions
   std::unordered_map<SocketAddress, DestinationList, SocketAddress::Hash> by_destination_;

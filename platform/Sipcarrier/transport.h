@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Sipcarrier/intrusive_list.h"
+#include "base/intrusive_list.h"
 #include "Sipcarrier/socket_address.h"
 
 namespace sipcarrier {
@@ -25,7 +25,7 @@ class SendEvents {
 
 // A message on its way out; part of its sender, which keeps the text alive while it is queued. One
 // that is destroyed or unlinked is not sent.
-struct Outgoing : Hook<Outgoing> {
+struct Outgoing : base::ListHook<Outgoing> {
   explicit Outgoing(SendEvents& of) : sender(of) {}
   SendEvents& sender;
   SocketAddress to;

@@ -79,7 +79,7 @@ class UdpTransport::Socket final : public FdEvents {
   ReceiveBatch& batch_;
   SocketAddress bound_;
   std::unique_ptr<FdWatch> watch_;
-  IntrusiveList<Outgoing, Outgoing> queue_;
+  base::IntrusiveList<Outgoing, Outgoing> queue_;
   bool full_ = false;  // waits for room in the send buffer
 };
 

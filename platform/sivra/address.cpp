@@ -1,25 +1,13 @@
 #include "sivra/address.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <functional>
 #include <limits>
 #include <memory>
 
+#include "base/text.h"
+
 namespace sivra {
-
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::string_view Trimmed(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) {
-    return {};
-  }
-  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
-}
 
 bool ReadNumber(std::string_view text, std::uint32_t& number) {
   std::uint64_t value = 0;
@@ -73,9 +61,9 @@ void MakeAddressOfRecord(nsip_from& address) {
   uri.password.clear();
   uri.headers.clear();
   std::erase_if(uri.params, [](const nsip_generic_param& param) {
-    return EqualNoCase(param.name, "method") || EqualNoCase(param.name, "maddr") ||
-           EqualNoCase(param.name, "ttl") || EqualNoCase(param.name, "transport") ||
-           EqualNoCase(param.name, "lr");
+    return base::EqualNoCase(param.name, "method") || base::EqualNoCase(param.name, "maddr") ||
+           base::EqualNoCase(param.name, "ttl") || base::EqualNoCase(param.name, "transport") ||
+           base::EqualNoCase(param.name, "lr");
   });
 }
 
@@ -87,9 +75,9 @@ void SetAddress(nsip_uri& uri, const sipcarrier::Endpoint& local) {
   uri.host = local.host;
   uri.port = local.port;
   std::erase_if(uri.params, [](const nsip_generic_param& param) {
-    return EqualNoCase(param.name, "transport");
+    return base::EqualNoCase(param.name, "transport");
   });
-  if (!EqualNoCase(local.transport, "UDP")) {
+  if (!base::EqualNoCase(local.transport, "UDP")) {
     uri.params.push_back({"transport", local.transport, true});
   }
 }

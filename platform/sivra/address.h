@@ -10,9 +10,6 @@
 
 namespace sivra {
 
-[[nodiscard]] bool EqualNoCase(std::string_view a, std::string_view b);
-// White space off both ends.
-[[nodiscard]] std::string_view Trimmed(std::string_view text);
 // Digits only, any number of them; what is above 2^32-1 reads as that. false: no number.
 [[nodiscard]] bool ReadNumber(std::string_view text, std::uint32_t& number);
 

@@ -8,6 +8,9 @@
 #include <memory>
 #include <utility>
 
+#include "base/random.h"
+#include "base/text.h"
+
 namespace sivra {
 namespace {
 
@@ -33,10 +36,10 @@ bool AppendQuoted(std::string& value, std::string_view name, std::string_view te
 
 bool RandomHex(std::string& text) {
   std::array<unsigned char, 16> bytes{};
-  if (!RandomBytes(bytes)) {
+  if (!base::FillRandom(bytes)) {
     return false;
   }
-  text = HexText(bytes);
+  text = base::HexText(bytes);
   return true;
 }
 

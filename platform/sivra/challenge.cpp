@@ -1,17 +1,11 @@
 #include "sivra/challenge.h"
 
-#include <strings.h>
-
 #include <algorithm>
+
+#include "base/text.h"
 
 namespace sivra {
 namespace {
-
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
 
 bool IsTokenChar(char c) { return nsip_is_token(std::string_view(&c, 1)); }
 
@@ -24,7 +18,7 @@ bool StartsChallenge(std::string_view text) {
   if (pos == 0) {
     return false;
   }
-  while (pos < text.size() && IsBlank(text[pos])) {
+  while (pos < text.size() && base::IsBlank(text[pos])) {
     ++pos;
   }
   return pos == text.size() || text[pos] != '=';
@@ -43,19 +37,14 @@ bool Copy(const std::string* value, std::string& text) {
   return true;
 }
 
-bool IsTrue(const std::string* value) { return value != nullptr && EqualNoCase(*value, "true"); }
+bool IsTrue(const std::string* value) {
+  return value != nullptr && base::EqualNoCase(*value, "true");
+}
 
 bool OffersAuth(std::string_view qop_options) {
   while (!qop_options.empty()) {
     const std::size_t comma = std::min(qop_options.find(','), qop_options.size());
-    std::string_view option = qop_options.substr(0, comma);
-    while (!option.empty() && IsBlank(option.front())) {
-      option.remove_prefix(1);
-    }
-    while (!option.empty() && IsBlank(option.back())) {
-      option.remove_suffix(1);
-    }
-    if (EqualNoCase(option, "auth")) {
+    if (base::EqualNoCase(base::Trim(qop_options.substr(0, comma)), "auth")) {
       return true;
     }
     qop_options.remove_prefix(std::min(comma + 1, qop_options.size()));
@@ -68,7 +57,7 @@ bool OffersAuth(std::string_view qop_options) {
 bool ReadChallenge(std::string_view text, bool proxy, Challenge& challenge) {
   std::string scheme;
   nsip_param_list params;
-  if (!nsip_auth_params_parse(text, scheme, params) || !EqualNoCase(scheme, "Digest")) {
+  if (!nsip_auth_params_parse(text, scheme, params) || !base::EqualNoCase(scheme, "Digest")) {
     return false;
   }
   challenge.proxy = proxy;
@@ -134,10 +123,10 @@ std::vector<std::string_view> SplitChallenges(std::string_view value) {
   bool quoted = false;
   const auto add = [&pieces, &value, &start](std::size_t end) {
     std::string_view piece = value.substr(start, end - start);
-    while (!piece.empty() && (IsBlank(piece.back()) || piece.back() == ',')) {
+    while (!piece.empty() && (base::IsBlank(piece.back()) || piece.back() == ',')) {
       piece.remove_suffix(1);
     }
-    while (!piece.empty() && (IsBlank(piece.front()) || piece.front() == ',')) {
+    while (!piece.empty() && (base::IsBlank(piece.front()) || piece.front() == ',')) {
       piece.remove_prefix(1);
     }
     if (!piece.empty()) {

@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "base/random.h"
+#include "base/text.h"
 #include "sivra/address.h"
 #include "sivra/digest.h"
 
@@ -17,8 +19,9 @@ std::string_view TagOf(const std::unique_ptr<nsip_from>& address) {
 // What RFC 3261 §19.1.1 (table 1) bars from a Request-URI.
 void MakeRequestUri(nsip_uri& uri) {
   uri.headers.clear();
-  std::erase_if(uri.params,
-                [](const nsip_generic_param& param) { return EqualNoCase(param.name, "method"); });
+  std::erase_if(uri.params, [](const nsip_generic_param& param) {
+    return base::EqualNoCase(param.name, "method");
+  });
 }
 
 bool IsLoose(const nsip_uri& uri) {
@@ -36,7 +39,7 @@ Dialog::Dialog(std::unique_ptr<nsip_from> from, std::unique_ptr<nsip_to> to) {
 }
 
 void Dialog::SetFirstRouter(std::unique_ptr<nsip_uri> router) {
-  if (EqualNoCase(router->host, form_.req_uri->host) && router->port == form_.req_uri->port) {
+  if (base::EqualNoCase(router->host, form_.req_uri->host) && router->port == form_.req_uri->port) {
     return;  // it goes there anyway
   }
   if (!IsLoose(*router)) {
@@ -50,11 +53,11 @@ void Dialog::SetFirstRouter(std::unique_ptr<nsip_uri> router) {
 bool Dialog::Identify() {
   std::array<unsigned char, 16> call_id{};
   std::array<unsigned char, 8> tag{};
-  if (!RandomBytes(call_id) || !RandomBytes(tag)) {
+  if (!base::FillRandom(call_id) || !base::FillRandom(tag)) {
     return false;
   }
-  form_.call_id = HexText(call_id);
-  form_.from->params.push_back({"tag", HexText(tag), true});
+  form_.call_id = base::HexText(call_id);
+  form_.from->params.push_back({"tag", base::HexText(tag), true});
   return true;
 }
 

@@ -1,10 +1,10 @@
 #include "sivra/digest.h"
 
 #include <openssl/evp.h>
-#include <openssl/rand.h>
-#include <strings.h>
 
 #include <memory>
+
+#include "base/text.h"
 
 namespace sivra {
 namespace {
@@ -39,8 +39,7 @@ const EVP_MD* Function(Hash hash) {
 
 bool ParseDigestAlgorithm(std::string_view token, DigestAlgorithm& algorithm) {
   for (const NamedAlgorithm& known : kAlgorithms) {
-    if (known.name.size() == token.size() &&
-        strncasecmp(known.name.data(), token.data(), token.size()) == 0) {
+    if (base::EqualNoCase(known.name, token)) {
       algorithm = known.algorithm;
       return true;
     }
@@ -57,7 +56,7 @@ std::string_view DigestAlgorithmName(DigestAlgorithm algorithm) {
   return {};
 }
 
-std::string HashValue::Hex() const { return HexText(std::span(bytes).first(size)); }
+std::string HashValue::Hex() const { return base::HexText(std::span(bytes).first(size)); }
 
 bool HashJoined(Hash hash, std::initializer_list<std::string_view> parts, HashValue& value) {
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
@@ -111,21 +110,6 @@ bool ComputeResponse(Hash hash, const HashValue& ha1, const DigestInput& input,
     response = result.Hex();
   }
   return hashed;
-}
-
-std::string HexText(std::span<const unsigned char> bytes) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (const unsigned char byte : bytes) {
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0x0fU];
-  }
-  return text;
-}
-
-bool RandomBytes(std::span<unsigned char> bytes) {
-  return RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1;
 }
 
 }  // namespace sivra

@@ -54,8 +54,4 @@ struct DigestInput {
 [[nodiscard]] bool ComputeResponse(Hash hash, const HashValue& ha1, const DigestInput& input,
                                    std::string& response);
 
-[[nodiscard]] std::string HexText(std::span<const unsigned char> bytes);
-// From the cryptographic generator; false when it has none to give.
-[[nodiscard]] bool RandomBytes(std::span<unsigned char> bytes);
-
 }  // namespace sivra

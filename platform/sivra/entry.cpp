@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/random.h"
+#include "base/text.h"
 #include "sivra/address.h"
 #include "sivra/digest.h"
 
@@ -20,7 +22,7 @@ int PortOf(const nsip_uri& uri) {
 }
 
 bool SameBinding(const nsip_uri& a, const nsip_uri& b) {
-  return a.user == b.user && EqualNoCase(a.host, b.host) && PortOf(a) == PortOf(b) &&
+  return a.user == b.user && base::EqualNoCase(a.host, b.host) && PortOf(a) == PortOf(b) &&
          ParamOf(a.params, "line") == ParamOf(b.params, "line");
 }
 
@@ -35,12 +37,13 @@ Registrar ReadRegistrar(const std::string& text) {
   uri->password.clear();
   // Neither may stand in a Request-URI (RFC 3261 §19.1.1, table 1).
   uri->headers.clear();
-  std::erase_if(uri->params,
-                [](const nsip_generic_param& param) { return EqualNoCase(param.name, "method"); });
+  std::erase_if(uri->params, [](const nsip_generic_param& param) {
+    return base::EqualNoCase(param.name, "method");
+  });
   return uri;
 }
 
-bool Entry::Identify() { return RandomBytes(call_id_) && RandomBytes(tag_); }
+bool Entry::Identify() { return base::FillRandom(call_id_) && base::FillRandom(tag_); }
 
 bool Entry::SetAddresses(const std::string& from, const std::string& to, Registrar registrar) {
   nsip_from address;
@@ -73,10 +76,10 @@ std::unique_ptr<nsip_message> Entry::Build(int expires, const sipcarrier::Endpoi
   }
   MakeAddressOfRecord(*message->from);
   MakeAddressOfRecord(*message->to);
-  message->from->params.push_back({"tag", HexText(tag_), true});
+  message->from->params.push_back({"tag", base::HexText(tag_), true});
   message->sip_method = kRegister;
   message->req_uri = std::make_unique<nsip_uri>(*registrar_);
-  message->call_id = HexText(call_id_);
+  message->call_id = base::HexText(call_id_);
   message->cseq_number = cseq_ + 1;
   message->cseq_method = kRegister;
   message->max_forwards = 70;

@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "base/text.h"
 #include "sivra/address.h"
 
 namespace sivra {
@@ -12,7 +13,7 @@ namespace {
 // "word;name=value;..."
 bool ReadWord(const std::string& text, std::string_view& word, nsip_param_list& params) {
   const std::size_t end = std::min(text.find(';'), text.size());
-  word = Trimmed(std::string_view(text).substr(0, end));
+  word = base::Trim(std::string_view(text).substr(0, end));
   // Parameters stand behind an address in the same form.
   nsip_from address;
   if (word.empty() || !nsip_from_parse("<sip:a>" + text.substr(end), address)) {
@@ -32,7 +33,7 @@ bool Accepts(std::string_view accept, std::string_view type) {
   while (!accept.empty()) {
     const std::string_view entry = accept.substr(0, accept.find(','));
     accept.remove_prefix(std::min(entry.size() + 1, accept.size()));
-    if (EqualNoCase(Trimmed(entry.substr(0, entry.find(';'))), type)) {
+    if (base::EqualNoCase(base::Trim(entry.substr(0, entry.find(';'))), type)) {
       return true;
     }
   }
@@ -62,12 +63,12 @@ NotifyAnswer CheckNotify(const nsip_message& notify, const std::string& event,
     return {};
   }
   const std::string* const encoding = HeaderOf(notify, "Content-Encoding");
-  if (encoding != nullptr && !EqualNoCase(Trimmed(*encoding), "identity")) {
+  if (encoding != nullptr && !base::EqualNoCase(base::Trim(*encoding), "identity")) {
     return {415, "Unsupported Media Type", {{"Accept", accept}, {"Accept-Encoding", "identity"}}};
   }
   const std::string* const type = HeaderOf(notify, "Content-Type");
   if (type == nullptr ||
-      !Accepts(accept, Trimmed(std::string_view(*type).substr(0, type->find(';'))))) {
+      !Accepts(accept, base::Trim(std::string_view(*type).substr(0, type->find(';'))))) {
     return {415, "Unsupported Media Type", {{"Accept", accept}}};
   }
   return {};
@@ -91,10 +92,10 @@ bool ReadSubscriptionState(const nsip_message& notify, SubscriptionState& state)
     return false;
   }
   // A state that we do not know is one in which the subscription goes on.
-  state.terminated = EqualNoCase(word, "terminated");
+  state.terminated = base::EqualNoCase(word, "terminated");
   state.reason_text = ParamOf(params, "reason");
   for (const auto& [name, reason] : kReasons) {
-    if (EqualNoCase(state.reason_text, name)) {
+    if (base::EqualNoCase(state.reason_text, name)) {
       state.reason = reason;
     }
   }

@@ -6,11 +6,9 @@
 #include "sivra/sivra.h"
 
 #include <atomic>
-#include <cstddef>
 #include <exception>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
@@ -18,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/mutex.h"
+#include "base/never_destroyed.h"
 #include "Sipcarrier/Sipcarrier.h"
 #include "sivra/address.h"
 #include "sivra/entry.h"
@@ -26,10 +26,9 @@
 namespace sivra {
 namespace {
 
-constinit std::mutex g_lock;
+constinit base::Mutex g_lock;
 constinit std::atomic<std::size_t> g_entry_count{0};
 
-// Guarded by g_lock.
 struct Registry {
   std::unordered_map<long, std::unique_ptr<Entry>> entries;
   // All of them by Entry::from_key: each NOTIFY asks for those of its address.
@@ -99,9 +98,8 @@ struct Registry {
 };
 
 // Never destroyed: a process may end while the stack still runs.
-Registry& TheRegistry() {
-  alignas(Registry) static std::byte storage[sizeof(Registry)];
-  static Registry* const registry = new (storage) Registry;
+Registry& TheRegistry() TOLVANE_REQUIRES(g_lock) {
+  static base::NeverDestroyed<Registry> registry;
   return *registry;
 }
 
@@ -131,7 +129,7 @@ bool Conclude(Entry& entry, sipcarrier::Outcome outcome) {
   bool more = false;
   bool report = false;
   {
-    const std::lock_guard lock(g_lock);
+    const base::MutexLock lock(g_lock);
     if (outcome.response) {
       try {
         if (entry.IsChallengeToAnswer(*outcome.response)) {
@@ -179,7 +177,7 @@ void Send(Entry& entry) {
     try {
       std::unique_ptr<nsip_message> request;
       {
-        const std::lock_guard lock(g_lock);
+        const base::MutexLock lock(g_lock);
         request = entry.Depart();
       }
       if (request) {
@@ -189,7 +187,7 @@ void Send(Entry& entry) {
             std::move(request),
             [&entry](nsip_message& message, const sipcarrier::Endpoint& local) {
               try {
-                const std::lock_guard lock(g_lock);
+                const base::MutexLock lock(g_lock);
                 entry.SettleContact(message, local);
                 return true;
               } catch (const std::exception&) {
@@ -209,7 +207,7 @@ void Send(Entry& entry) {
 // Visits the entries of this address of record, whose text or URI may hold more than one does,
 // until `visit` has had enough. Under the lock.
 template <class Visit>
-void ForEntriesOf(const nsip_uri& address, Visit visit) {
+void ForEntriesOf(const nsip_uri& address, Visit visit) TOLVANE_REQUIRES(g_lock) {
   nsip_from plain;
   plain.url = std::make_unique<nsip_uri>(address);
   MakeAddressOfRecord(plain);
@@ -229,7 +227,7 @@ std::vector<std::string> RegisteredContacts(const std::string& address_of_record
   std::map<long, std::string> contacts;
   nsip_from address;
   if (ReadAddress(address_of_record, address)) {
-    const std::lock_guard lock(g_lock);
+    const base::MutexLock lock(g_lock);
     ForEntriesOf(*address.url, [&contacts](const Entry& entry) {
       if (!entry.contact().empty()) {
         contacts.emplace(entry.id(), entry.contact());
@@ -247,7 +245,7 @@ std::vector<std::string> RegisteredContacts(const std::string& address_of_record
 
 bool FindEntryCredential(const nsip_uri& address, std::string_view realm,
                          sipcarrier::Credential& found) {
-  const std::lock_guard lock(g_lock);
+  const base::MutexLock lock(g_lock);
   bool any = false;
   ForEntriesOf(address, [&](const Entry& entry) {
     any = entry.FindCredential(realm, found);
@@ -257,7 +255,7 @@ bool FindEntryCredential(const nsip_uri& address, std::string_view realm,
 }
 
 std::unique_ptr<nsip_uri> FindEntryRegistrar(const nsip_uri& address) {
-  const std::lock_guard lock(g_lock);
+  const base::MutexLock lock(g_lock);
   std::unique_ptr<nsip_uri> found;
   ForEntriesOf(address, [&](const Entry& entry) {
     found = std::make_unique<nsip_uri>(entry.registrar());
@@ -272,13 +270,22 @@ std::size_t EntryCount() { return g_entry_count; }
 
 }  // namespace sivra
 
-void sivra_lock() { sivra::g_lock.lock(); }
+namespace {
 
-void sivra_unlock() { sivra::g_lock.unlock(); }
+// For the calls of the face, whose callers hold the library lock.
+sivra::Registry& RegistryOfCaller() TOLVANE_NO_THREAD_SAFETY_ANALYSIS {
+  return sivra::TheRegistry();
+}
+
+}  // namespace
+
+void sivra_lock() TOLVANE_NO_THREAD_SAFETY_ANALYSIS { sivra::g_lock.Lock(); }
+
+void sivra_unlock() TOLVANE_NO_THREAD_SAFETY_ANALYSIS { sivra::g_lock.Unlock(); }
 
 long sivra_register_set_info(long id, const std::string& from, const std::string& to,
                              const std::string& registrar) {
-  sivra::Registry& registry = sivra::TheRegistry();
+  sivra::Registry& registry = RegistryOfCaller();
   long result = -1;
   try {
     sivra::Registrar uri = registry.FindRegistrar(registrar);
@@ -304,7 +311,7 @@ int sivra_register_build_register(nsip_message** msg, long id, int expires) {
   }
   *msg = nullptr;
   try {
-    const sivra::Entry* const entry = sivra::TheRegistry().Find(id);
+    const sivra::Entry* const entry = RegistryOfCaller().Find(id);
     sipcarrier::Endpoint local;
     if (entry == nullptr || expires < 0 ||
         !sipcarrier::GuessLocalEndpoint(entry->registrar(), local)) {
@@ -320,7 +327,7 @@ int sivra_register_build_register(nsip_message** msg, long id, int expires) {
 int sivra_register_send_register(long id, nsip_message* msg) {
   std::unique_ptr<nsip_message> message(msg);
   try {
-    sivra::Entry* const entry = sivra::TheRegistry().Find(id);
+    sivra::Entry* const entry = RegistryOfCaller().Find(id);
     if (!message || entry == nullptr) {
       return -1;
     }
@@ -344,7 +351,7 @@ int sivra_register_send_register(long id, nsip_message* msg) {
 }
 
 void sivra_register_release(long id) {
-  sivra::Registry& registry = sivra::TheRegistry();
+  sivra::Registry& registry = RegistryOfCaller();
   sivra::Entry* const entry = registry.Find(id);
   if (entry == nullptr) {
     return;

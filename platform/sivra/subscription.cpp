@@ -7,6 +7,8 @@
 #include <exception>
 #include <utility>
 
+#include "base/random.h"
+#include "base/text.h"
 #include "sivra/address.h"
 #include "sivra/digest.h"
 #include "sivra/registry.h"
@@ -66,7 +68,7 @@ std::optional<std::uint32_t> NumberIn(const nsip_message& message, const char* n
   if (value == nullptr) {
     return std::nullopt;
   }
-  const std::string_view text = Trimmed(*value);
+  const std::string_view text = base::Trim(*value);
   return ReadNumber(text.substr(0, text.find_first_not_of("0123456789")), number)
              ? std::optional(number)
              : std::nullopt;
@@ -75,7 +77,7 @@ std::optional<std::uint32_t> NumberIn(const nsip_message& message, const char* n
 // From 0 to 1. Without random numbers the middle: what is spread by it is not secret.
 double Chance() {
   std::array<unsigned char, 2> bytes{};
-  return RandomBytes(bytes) ? (bytes[0] * 256 + bytes[1]) / 65535.0 : 0.5;
+  return base::FillRandom(bytes) ? (bytes[0] * 256 + bytes[1]) / 65535.0 : 0.5;
 }
 
 }  // namespace

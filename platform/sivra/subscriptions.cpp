@@ -1,11 +1,11 @@
 #include "sivra/subscriptions.h"
 
-#include <cstddef>
 #include <exception>
 #include <new>
 #include <utility>
 #include <vector>
 
+#include "base/never_destroyed.h"
 #include "sivra/address.h"
 
 namespace sivra {
@@ -16,24 +16,20 @@ SubscriptionListener::~SubscriptionListener() = default;
 class Subscriptions::Call {
  public:
   Call(Subscriptions& owner, long id, bool last) : owner_(owner) {
-    const std::lock_guard lock(owner.mutex_);
-    const auto found = owner.slots_.find(id);
-    if (found == owner.slots_.end()) {
-      return;
+    const base::MutexLock lock(owner_.mutex_);
+    const auto found = owner_.slots_.find(id);
+    if (found != owner_.slots_.end()) {
+      found->second.ended = found->second.ended || last;
+      listener = last ? std::move(found->second.listener) : found->second.listener;
     }
-    found->second.ended = found->second.ended || last;
-    listener = last ? std::move(found->second.listener) : found->second.listener;
-    owner.called_ = listener.get();
+    owner_.calls_.Enter(owner_.mutex_, listener.get());
   }
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
   ~Call() {
     listener.reset();
-    {
-      const std::lock_guard lock(owner_.mutex_);
-      owner_.called_ = nullptr;
-    }
-    owner_.call_over_.notify_all();
+    const base::MutexLock lock(owner_.mutex_);
+    owner_.calls_.Leave(owner_.mutex_);
   }
 
   std::shared_ptr<SubscriptionListener> listener;
@@ -43,8 +39,7 @@ class Subscriptions::Call {
 };
 
 Subscriptions& Subscriptions::Instance() {
-  alignas(Subscriptions) static std::byte storage[sizeof(Subscriptions)];
-  static Subscriptions* const instance = new (storage) Subscriptions;
+  static base::NeverDestroyed<Subscriptions> instance;
   return *instance;
 }
 
@@ -52,7 +47,7 @@ long Subscriptions::Add(const SubscriptionInfo& info,
                         std::shared_ptr<SubscriptionListener> listener) {
   Slot slot;
   slot.listener = std::move(listener);
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   slot.subscription = std::make_unique<Subscription>(*this, last_id_ + 1, info);
   slots_.emplace(last_id_ + 1, std::move(slot));
   return ++last_id_;
@@ -60,7 +55,7 @@ long Subscriptions::Add(const SubscriptionInfo& info,
 
 bool Subscriptions::Post(long id, Action action) noexcept {
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     const auto found = slots_.find(id);
     if (found == slots_.end() || found->second.ended) {
       return false;
@@ -78,13 +73,14 @@ void Subscriptions::Forget(const SubscriptionListener* listener) {
   // While one reference is held here, giving back another destroys nothing.
   std::shared_ptr<SubscriptionListener> held;
   {
-    std::unique_lock lock(mutex_);
+    const base::MutexLock lock(mutex_);
     for (auto& [id, slot] : slots_) {
       if (slot.listener && slot.listener.get() == listener) {
         held = std::move(slot.listener);
       }
     }
-    call_over_.wait(lock, [&] { return called_ != listener; });
+    calls_.AwaitEnd(mutex_,
+                    [listener](const SubscriptionListener* called) { return called == listener; });
   }
   // When there is no memory for it, each finds out with its next NOTIFY or refresh.
   static_cast<void>(sipcarrier::RunOnIoThread([] { Instance().LeaveForgotten(); }));
@@ -93,7 +89,7 @@ void Subscriptions::Forget(const SubscriptionListener* listener) {
 void Subscriptions::LeaveForgotten() {
   std::vector<Subscription*> forgotten;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     for (const auto& [id, slot] : slots_) {
       if (!slot.listener && !slot.ended) {
         forgotten.push_back(slot.subscription.get());
@@ -106,12 +102,12 @@ void Subscriptions::LeaveForgotten() {
 }
 
 std::size_t Subscriptions::Count() {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   return slots_.size();
 }
 
 Subscription* Subscriptions::Find(long id) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const auto found = slots_.find(id);
   return found == slots_.end() || found->second.ended ? nullptr : found->second.subscription.get();
 }
@@ -151,7 +147,7 @@ void Subscriptions::TellEnd(long id, int status, std::string_view reason) noexce
 
 void Subscriptions::Erase(long id) noexcept {
   decltype(slots_)::node_type gone;  // is freed without the lock
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   gone = slots_.extract(id);
 }
 

@@ -2,13 +2,13 @@
 // thread.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "base/call_gate.h"
+#include "base/mutex.h"
 #include "sivra/subscription.h"
 
 namespace sivra {
@@ -47,11 +47,10 @@ class Subscriptions final : public SubscriptionOwner {
   [[nodiscard]] Subscription* Find(long id);
   void LeaveForgotten();
 
-  std::mutex mutex_;
-  std::condition_variable call_over_;
-  std::unordered_map<long, Slot> slots_;  // guarded by mutex_, as are the next two
-  long last_id_ = 0;
-  const SubscriptionListener* called_ = nullptr;  // whose call is under way
+  base::Mutex mutex_;
+  base::CallGate<const SubscriptionListener*> calls_;
+  std::unordered_map<long, Slot> slots_ TOLVANE_GUARDED_BY(mutex_);
+  long last_id_ TOLVANE_GUARDED_BY(mutex_) = 0;
 
   std::unordered_map<std::string_view, Subscription*> by_call_id_;  // the I/O thread's
 };
