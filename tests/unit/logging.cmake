@@ -1,4 +1,2 @@
-# Two files of the library are built in, since their functions are no part of its face.
-set(logging_room ${PROJECT_SOURCE_DIR}/component/src/logging)
-tolvane_test(logging_test SOURCES logging_test.cpp ${FAILING_NEW} ${logging_room}/LogPath.cpp ${logging_room}/LogThreads.cpp
-             LIBS logging)
+# File names and thread records are no part of the library's face.
+tolvane_test(logging_test SOURCES logging_test.cpp ${FAILING_NEW} LIBS logging_static)
