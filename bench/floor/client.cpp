@@ -37,6 +37,7 @@ struct Options {
   int expires = 3600;
   double refresh_at = 0.5;
   double hold_s = 0;
+  double rate = 0;
   double deadline_s = 60;
 };
 
@@ -211,12 +212,19 @@ bool Client::RegisterAll() {
   const std::size_t count = users_.size();
   const std::size_t window = options_.window == 0 ? count : options_.window;
   registrations_.reserve(count);
+  // What the window and the pace allow now.
+  const auto room = [&]() -> bool {
+    const std::size_t sent = registrations_.size();
+    return sent < count && sent - answered_ < window &&
+           (options_.rate == 0 ||
+            static_cast<double>(sent) <=
+                1e-9 * static_cast<double>(bench::Now() - began_at_) * options_.rate);
+  };
   const std::int64_t deadline =
       began_at_ + static_cast<std::int64_t>(options_.deadline_s * static_cast<double>(kSecond));
   while (answered_ < count) {
     std::size_t burst = bench::BatchSocket::kBatch;
-    while (registrations_.size() < count && registrations_.size() - answered_ < window &&
-           burst-- > 0) {
+    while (burst-- > 0 && room()) {
       registrations_.push_back(
           {bench::NextRandom(seed_), bench::NextRandom(seed_), 0, 0, 0, false, false, {}});
       Send(registrations_.size() - 1);
@@ -306,6 +314,8 @@ int main(int argc, char** argv) {
   app.add_option("--expires", options.expires, "Seconds to ask for")->check(CLI::Range(1, 86400));
   app.add_option("--refresh-at", options.refresh_at, "Refresh at this share of the grant")
       ->check(CLI::Range(0.01, 1.0));
+  app.add_option("--rate", options.rate, "Begin so many registrations a second; 0: no limit")
+      ->check(CLI::Range(0.0, 1e6));
   app.add_option("--hold", options.hold_s, "Stay up so many seconds and refresh")
       ->check(CLI::Range(0.0, 86400.0));
   app.add_option("--deadline", options.deadline_s, "Give up when not all are answered by then")

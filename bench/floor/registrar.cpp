@@ -1,7 +1,8 @@
 // floor_registrar: a registrar over UDP on loopback that costs next to nothing, for measurements of
 // its clients. It grants what is asked for and looks at no password. For a soak it can be made
-// unreliable. It takes two words in place of a SIP message, each as a datagram: "report" is
-// answered with what it prints at its end, "reset" makes it forget all.
+// unreliable. It takes three words in place of a SIP message, each as a datagram: "report" is
+// answered with what it prints at its end, "count" with the number of bindings made so far, "reset"
+// makes it forget all.
 
 #include <pthread.h>
 #include <signal.h>
@@ -155,6 +156,10 @@ void Registrar::Take(std::string_view text, const sockaddr_in& from) {
   if (text == "report" || text == "reset") {
     if (text == "reset") Forget(true);
     out << Report().dump();
+    return socket_.Commit(out.size(), from);
+  }
+  if (text == "count") {
+    out << counters_.bound_new;
     return socket_.Commit(out.size(), from);
   }
   ++counters_.received;

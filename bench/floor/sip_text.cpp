@@ -66,7 +66,12 @@ std::int64_t NumberBehind(std::string_view line, std::string_view text, std::int
 }
 
 std::string_view QuotedBehind(std::string_view line, std::string_view name) {
-  const auto at = line.find(name);
+  std::size_t at = 0;
+  // "cnonce" is not "nonce".
+  while ((at = line.find(name, at)) != std::string_view::npos && at > 0 && line[at - 1] != ' ' &&
+         line[at - 1] != ',') {
+    ++at;
+  }
   if (at == std::string_view::npos) return {};
   const std::string_view rest = line.substr(at + name.size());
   return rest.substr(0, rest.find('"'));

@@ -28,7 +28,7 @@ struct SipLines {
 // The number behind this text in the line, or `otherwise`.
 [[nodiscard]] std::int64_t NumberBehind(std::string_view line, std::string_view text,
                                         std::int64_t otherwise);
-// The quoted value behind `name="`; empty when there is none.
+// The quoted value behind a parameter's name, `="` included; empty when there is none.
 [[nodiscard]] std::string_view QuotedBehind(std::string_view line, std::string_view name);
 // What stands between < and >.
 [[nodiscard]] std::string_view UriOf(std::string_view line);

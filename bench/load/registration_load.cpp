@@ -41,6 +41,7 @@ struct Options {
   std::size_t window = 0;
   int expires = 3600;
   double hold_s = 0;
+  double rate = 0;
   double deadline_s = 60;
   double keep_at_most_s = 3600;
   bool keep = false;
@@ -242,7 +243,16 @@ bool Load::RegisterAll() {
   const std::int64_t deadline =
       begin_.at + static_cast<std::int64_t>(options_.deadline_s * static_cast<double>(kSecond));
   std::string aor;
+  // What the pace allows now.
+  const auto in_pace = [&] {
+    return options_.rate == 0 ||
+           static_cast<double>(ids_.size()) <= Seconds(begin_.at, bench::Now()) * options_.rate;
+  };
   while (ids_.size() < count) {
+    if (!in_pace()) {
+      kdWaitEvent(kSecond / 1000);
+      continue;
+    }
     // Half of the window must be free: being woken for each single outcome would be the host's
     // cost, not the component's.
     if (ids_.size() - tally_.outcomes() >= window &&
@@ -250,7 +260,8 @@ bool Load::RegisterAll() {
       return false;
     }
     for (std::size_t i = 0;
-         i < kBurst && ids_.size() < count && ids_.size() - tally_.outcomes() < window; ++i) {
+         i < kBurst && ids_.size() < count && ids_.size() - tally_.outcomes() < window && in_pace();
+         ++i) {
       aor = "sip:" + users_[ids_.size()].name + "@" + options_.domain;
       const int id = bus_.Register(bench::RegisterDocument({.aor = aor,
                                                             .registrar = options_.registrar,
@@ -386,6 +397,8 @@ void Describe(CLI::App& app, Options& options) {
   app.add_option("--window", options.window, "At most so many outstanding; 0: no limit")
       ->check(CLI::Range(0, 10000));
   app.add_option("--expires", options.expires, "Seconds to ask for")->check(CLI::Range(1, 86400));
+  app.add_option("--rate", options.rate, "Begin so many registrations a second; 0: no limit")
+      ->check(CLI::Range(0.0, 1e6));
   app.add_option("--hold", options.hold_s, "Stay up so many seconds and refresh")
       ->check(CLI::Range(0.0, 86400.0));
   app.add_option("--deadline", options.deadline_s, "Give up when not all have outcomes by then")
