@@ -223,82 +223,104 @@ void WatchTemplates(const sipcarrier::TraceRecord& record) {
   ++(whole ? g_whole : g_mixed);
 }
 
-TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
-  std::atomic<bool> over{false};
-  const WorkDir dir;
-  WirePeer peer({.drop = 5, .late = 10});
-  LiveComponent::on_trace = WatchTemplates;
-  std::atomic<int> registered{0};
-  std::array<std::vector<int>, 2> owed;   // numbers of records that met an open log
-  std::array<std::atomic<int>, 2> met{};  // how many
-  std::array<std::set<int>, 2> seen;
-  {
-    LiveComponent component;
-    const auto configure = [&](int n) {
-      dir.Template("X-A: " + std::to_string(n % 10) + "\nX-B: " + std::to_string(n % 10));
-      EXPECT_EQ(LiveComponent::Command(E_REG_CMD_SYSTEM_SETTINGS, dir.Settings()), 0);
-      EXPECT_EQ(LiveComponent::Command(E_REG_CMD_READ_CONF, ""), 0x40000002);
-    };
-    const auto on = [&](int n, const std::string& attributes) {
-      EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, dir.LogOn(attributes, std::to_string(n % 3))), 0);
-    };
-    configure(0);
-    std::atomic<unsigned> epoch{1};  // even: the log is open and awake
-    std::vector<std::thread> threads;
-    const auto meanwhile = [&](std::chrono::microseconds pause, const std::function<void(int)>& step) {
-      threads.emplace_back([&over, pause, step] {
-        for (int n = 0; !over; ++n) {
-          step(n);
-          std::this_thread::sleep_for(pause);
-        }
-      });
-    };
-    for (unsigned i = 0; i < 2; ++i) {
-      threads.emplace_back([&, i] { Commander(i + 21, peer.Uri()).Run(over, registered); });
-      meanwhile(100us, [&, i](int n) {
-        const unsigned before = epoch;
-        // clang-format off
-        if (n % 2 == 0) { REG_LOG(E_LOG_WARNING, "@%u %d %d", i, n, __LINE__); }
-        else { REG_LOG(E_LOG_ERROR, "@%u %d %d", i, n, __LINE__); }
-        // clang-format on
-        if (before % 2 == 0 && epoch == before) {
-          owed[i].push_back(n);
-          ++met[i];
-        }
-      });
+// Registrations come and go while the log is switched and the templates are read again. Two writers number their
+// records; each record that met an open log must stand in a file, once and whole.
+class ChangeUnderTraffic {
+ public:
+  ~ChangeUnderTraffic() { LiveComponent::on_trace = nullptr; }
+
+  void Run() {
+    LiveComponent::on_trace = WatchTemplates;
+    const LiveComponent component;
+    ReadTemplatesAgain(0);
+    for (unsigned writer = 0; writer < 2; ++writer) {
+      threads_.emplace_back([this, writer] { Commander(writer + 21, peer_.Uri()).Run(over_, registered_); });
+      Repeat(100us, [this, writer](int n) { WriteRecord(writer, n); });
     }
-    const std::string sizes = " max-size=\"1\" file-count=\"1000\"";
-    meanwhile(200us, [&](int n) { on(n + 1, "level=\"2\"" + sizes); });
-    meanwhile(1ms, configure);
-    meanwhile(0us, [&](int n) {
-      on(n, "level=\"3\"" + sizes);
-      ++epoch;
-      std::this_thread::sleep_for(2ms);
-      on(n, "level=\"1\"");
-      std::this_thread::sleep_for(2ms);
-      ++epoch;
-      for (const char* pause : {"pause=\"1\"", "pause=\"0\""}) on(n, n % 4 == 0 ? pause : "");
-      EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, WorkDir::kLogOff), 0);
+    Repeat(0us, [this](int n) { OpenAndClose(n); });
+    Repeat(200us, [this](int n) { OpenAnother(n); });
+    Repeat(1ms, [this](int n) { ReadTemplatesAgain(n); });
+    EXPECT_TRUE(sip_test::Eventually([this] { return HasSeenEnough(); }, 60s));
+    over_ = true;
+    for (std::thread& thread : threads_) thread.join();
+    SwitchOff();
+  }
+  void ExpectEveryRecordOnceAndWhole() {
+    std::array<std::set<int>, 2> seen;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir_.Path())) {
+      if (!entry.path().filename().string().ends_with("Tolvane.log")) continue;
+      EXPECT_TRUE(ReadLog(dir_.Read(entry.path()), seen)) << entry.path();
+      EXPECT_LT(entry.file_size(), std::size_t{1100} * 1024);
+    }
+    for (std::size_t writer = 0; writer < owed_.size(); ++writer) {
+      for (const int n : owed_[writer]) ASSERT_TRUE(seen[writer].contains(n)) << n;
+    }
+  }
+
+ private:
+  // Has a thread do this again and again, with a number that rises.
+  void Repeat(std::chrono::microseconds pause, const std::function<void(int)>& step) {
+    threads_.emplace_back([this, pause, step] {
+      for (int n = 0; !over_; ++n) {
+        step(n);
+        std::this_thread::sleep_for(pause);
+      }
     });
-    const auto rotated = [&] {
-      return std::ranges::any_of(std::filesystem::recursive_directory_iterator(dir.Path()),
-                                 [](const auto& entry) { return entry.path().filename() == "1_Tolvane.log"; });
-    };
-    const auto enough = [&] { return met[0] > 2000 && met[1] > 2000 && g_whole > 50 && rotated(); };
-    EXPECT_TRUE(sip_test::Eventually(enough, 60s));
-    over = true;
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, WorkDir::kLogOff), 0);
   }
-  LiveComponent::on_trace = nullptr;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.Path())) {
-    if (!entry.path().filename().string().ends_with("Tolvane.log")) continue;
-    EXPECT_TRUE(ReadLog(dir.Read(entry.path()), seen)) << entry.path();
-    EXPECT_LT(entry.file_size(), std::size_t{1100} * 1024);
+  void WriteRecord(unsigned writer, int n) {
+    const unsigned before = epoch_;
+    // clang-format off
+    if (n % 2 == 0) { REG_LOG(E_LOG_WARNING, "@%u %d %d", writer, n, __LINE__); }
+    else { REG_LOG(E_LOG_ERROR, "@%u %d %d", writer, n, __LINE__); }
+    // clang-format on
+    if (before % 2 != 0 || epoch_ != before) return;
+    owed_[writer].push_back(n);
+    ++owed_count_[writer];
   }
-  for (std::size_t i = 0; i < owed.size(); ++i) {
-    for (const int n : owed[i]) ASSERT_TRUE(seen[i].contains(n)) << n;
+  void ReadTemplatesAgain(int n) {
+    dir_.Template("X-A: " + std::to_string(n % 10) + "\nX-B: " + std::to_string(n % 10));
+    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_SYSTEM_SETTINGS, dir_.Settings()), 0);
+    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_READ_CONF, ""), 0x40000002);
   }
+  void OpenAndClose(int n) {
+    SwitchOn(n, "level=\"3\"" + kSizes);
+    ++epoch_;
+    std::this_thread::sleep_for(2ms);
+    SwitchOn(n, "level=\"1\"");
+    std::this_thread::sleep_for(2ms);
+    ++epoch_;
+    for (const char* pause : {"pause=\"1\"", "pause=\"0\""}) SwitchOn(n, n % 4 == 0 ? pause : "");
+    SwitchOff();
+  }
+  void OpenAnother(int n) { SwitchOn(n + 1, "level=\"2\"" + kSizes); }
+  void SwitchOn(int n, const std::string& attributes) {
+    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, dir_.LogOn(attributes, std::to_string(n % 3))), 0);
+  }
+  static void SwitchOff() { EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, WorkDir::kLogOff), 0); }
+  [[nodiscard]] bool HasSeenEnough() const {
+    return owed_count_[0] > 2000 && owed_count_[1] > 2000 && g_whole > 50 && HasRotated();
+  }
+  [[nodiscard]] bool HasRotated() const {
+    return std::ranges::any_of(std::filesystem::recursive_directory_iterator(dir_.Path()),
+                               [](const auto& entry) { return entry.path().filename() == "1_Tolvane.log"; });
+  }
+
+  const std::string kSizes = " max-size=\"1\" file-count=\"1000\"";
+  const WorkDir dir_;
+  WirePeer peer_{{.drop = 5, .late = 10}};
+  std::atomic<bool> over_{false};
+  std::atomic<int> registered_{0};
+  std::atomic<unsigned> epoch_{1};  // even: the log is open and awake
+  // Of each writer, the numbers of the records that met an open log, and how many they are.
+  std::array<std::vector<int>, 2> owed_;
+  std::array<std::atomic<int>, 2> owed_count_{};
+  std::vector<std::thread> threads_;
+};
+
+TEST(ComponentWire, LogAndTemplatesChangeUnderTraffic) {
+  ChangeUnderTraffic change;
+  change.Run();
+  change.ExpectEveryRecordOnceAndWhole();
   EXPECT_EQ(g_mixed, 0);
   EXPECT_EQ(CRegister::s_nAlive, 0);
 }

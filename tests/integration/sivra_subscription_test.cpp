@@ -145,52 +145,85 @@ class SubscriptionTest : public StackTest {
   long id_ = 0;
 };
 
-TEST_F(SubscriptionTest, TheLifeOfOne) {
-  std::string request = Begin();
-  EXPECT_EQ(StartLine(request), "SUBSCRIBE sip:alice@" + notifier_.Place() + " SIP/2.0");
-  EXPECT_EQ(HeaderLine(request, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ">");
-  EXPECT_TRUE(Has(request, "\r\nMax-Forwards: 70\r\n"));
-  EXPECT_TRUE(Has(request, "\r\nEvent: reg\r\nAccept: application/reginfo+xml\r\nExpires: 600\r\n")) << request;
-  const std::string one = HeaderLine(request, "From") + HeaderLine(request, "Call-ID");
-  notifier_.Answer(request, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
-  request = notifier_.Request();
-  EXPECT_TRUE(Has(HeaderLine(request, "Authorization"), "nonce=\"n1\"")) << request;
-  notifier_.Answer(request, "423 Interval Too Brief", "Min-Expires: 700\r\n", "y");
-  request = notifier_.Request();
-  EXPECT_EQ(HeaderLine(request, "Expires") + HeaderLine(request, "CSeq"), "7003 SUBSCRIBE");
-  const std::string route = "<sip:" + notifier_.Place() + ";lr";
-  const auto granted = Clock::now();
-  notifier_.Answer(request, "200 OK",
-                   "Expires: 1\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: " + route + ";n=2>, " +
-                       route + ";n=1>\r\n");
-  notifier_.Tell(request, "active;expires=1", "first");
-  notifier_.Tell(request, "active;expires=1");
-  EXPECT_EQ(listener_->Next(), "new first");
+// One subscription from its first SUBSCRIBE to its last NOTIFY, a step at a time. Each step takes the last SUBSCRIBE
+// that the one before has left in request_.
+class WholeSubscriptionTest : public SubscriptionTest {
+ protected:
+  void IsAskedForAtTheAddressOfRecord() {
+    request_ = Begin();
+    EXPECT_EQ(StartLine(request_), "SUBSCRIBE sip:alice@" + notifier_.Place() + " SIP/2.0");
+    EXPECT_EQ(HeaderLine(request_, "Contact"), "<sip:alice@" + sipcarrier::LocalEndpoints().at(0) + ">");
+    EXPECT_TRUE(Has(request_, "\r\nMax-Forwards: 70\r\n"));
+    EXPECT_TRUE(Has(request_, "\r\nEvent: reg\r\nAccept: application/reginfo+xml\r\nExpires: 600\r\n")) << request_;
+    dialog_ = HeaderLine(request_, "From") + HeaderLine(request_, "Call-ID");
+  }
+  void IsAuthorisedWhenChallenged() {
+    notifier_.Answer(request_, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
+    request_ = notifier_.Request();
+    EXPECT_TRUE(Has(HeaderLine(request_, "Authorization"), "nonce=\"n1\"")) << request_;
+  }
+  void IsAskedForLongerWhenTooBrief() {
+    notifier_.Answer(request_, "423 Interval Too Brief", "Min-Expires: 700\r\n", "y");
+    request_ = notifier_.Request();
+    EXPECT_EQ(HeaderLine(request_, "Expires") + HeaderLine(request_, "CSeq"), "7003 SUBSCRIBE");
+  }
+  // For one second, with a route set and a Contact that the NOTIFY's will replace.
+  void IsGrantedAndTold() {
+    granted_ = Clock::now();
+    notifier_.Answer(request_, "200 OK",
+                     "Expires: 1\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: " + route_ +
+                         ";n=2>, " + route_ + ";n=1>\r\n");
+    notifier_.Tell(request_, "active;expires=1", "first");
+    notifier_.Tell(request_, "active;expires=1");
+    EXPECT_EQ(listener_->Next(), "new first");
+  }
+  void IsRefreshedInItsDialogBeforeTheGrantEnds() {
+    request_ = notifier_.Request();
+    EXPECT_GT(Clock::now() - granted_, 500ms);
+    EXPECT_EQ(StartLine(request_), "SUBSCRIBE sip:n@" + notifier_.Place() + " SIP/2.0") << "the NOTIFY's Contact";
+    EXPECT_TRUE(Has(request_, "\r\nRoute: " + route_ + ";n=1>\r\nRoute: " + route_ + ";n=2>\r\n")) << request_;
+    EXPECT_TRUE(HeaderLine(request_, "To").ends_with(";tag=n1"));
+    EXPECT_EQ(HeaderLine(request_, "From") + HeaderLine(request_, "Call-ID"), dialog_);
+    EXPECT_EQ(HeaderLine(request_, "CSeq") + HeaderLine(request_, "Expires"), "4 SUBSCRIBE700");
+    EXPECT_TRUE(Has(HeaderLine(request_, "Authorization"), "nc=00000003")) << request_;
+    notifier_.Answer(request_, "200 OK", "Expires: 600\r\n");
+  }
+  void IsEndedWithExpiryZeroThoughChallenged() {
+    EXPECT_TRUE(sivra::Unsubscribe(id_));
+    notifier_.Answer(notifier_.Request(), "401 Unauthorized",
+                     "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
+    request_ = notifier_.Request();
+    EXPECT_EQ(HeaderLine(request_, "Expires"), "0");
+    notifier_.Accept(request_, "0");
+  }
+  void IsToldUntilTheLastNotify() {
+    notifier_.Tell(request_, "active", "second");
+    EXPECT_EQ(listener_->Next(), "second");
+    EXPECT_EQ(sivra::SubscriptionCount(), 1U);
+    notifier_.Tell(request_, "Terminated;reason=timeout", "last");
+    for (const char* note : {"last", "end 0 timeout"}) EXPECT_EQ(listener_->Next(), note);
+  }
+  void IsKnownNoMore() {
+    EXPECT_FALSE(sivra::Unsubscribe(id_) || sivra::RefreshSubscription(id_));
+    ExpectAnswer(notifier_.Notify(request_, "active"), "481");
+  }
 
-  // The refresh, in the dialog and before the grant runs out.
-  request = notifier_.Request();
-  EXPECT_GT(Clock::now() - granted, 500ms);
-  EXPECT_EQ(StartLine(request), "SUBSCRIBE sip:n@" + notifier_.Place() + " SIP/2.0") << "the NOTIFY's Contact";
-  EXPECT_TRUE(Has(request, "\r\nRoute: " + route + ";n=1>\r\nRoute: " + route + ";n=2>\r\n")) << request;
-  EXPECT_TRUE(HeaderLine(request, "To").ends_with(";tag=n1"));
-  EXPECT_EQ(HeaderLine(request, "From") + HeaderLine(request, "Call-ID"), one);
-  EXPECT_EQ(HeaderLine(request, "CSeq") + HeaderLine(request, "Expires"), "4 SUBSCRIBE700");
-  EXPECT_TRUE(Has(HeaderLine(request, "Authorization"), "nc=00000003")) << request;
-  notifier_.Answer(request, "200 OK", "Expires: 600\r\n");
+ private:
+  const std::string route_ = "<sip:" + notifier_.Place() + ";lr";
+  std::string request_;
+  std::string dialog_;  // From and Call-ID
+  Clock::time_point granted_;
+};
 
-  // The goodbye is challenged, too; what comes on the way is told.
-  EXPECT_TRUE(sivra::Unsubscribe(id_));
-  notifier_.Answer(notifier_.Request(), "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
-  request = notifier_.Request();
-  EXPECT_EQ(HeaderLine(request, "Expires"), "0");
-  notifier_.Accept(request, "0");
-  notifier_.Tell(request, "active", "second");
-  EXPECT_EQ(listener_->Next(), "second");
-  EXPECT_EQ(sivra::SubscriptionCount(), 1U);
-  notifier_.Tell(request, "Terminated;reason=timeout", "last");
-  for (const char* note : {"last", "end 0 timeout"}) EXPECT_EQ(listener_->Next(), note);
-  EXPECT_FALSE(sivra::Unsubscribe(id_) || sivra::RefreshSubscription(id_));
-  ExpectAnswer(notifier_.Notify(request, "active"), "481");
+TEST_F(WholeSubscriptionTest, FromTheFirstRequestToTheLastNotify) {
+  IsAskedForAtTheAddressOfRecord();
+  IsAuthorisedWhenChallenged();
+  IsAskedForLongerWhenTooBrief();
+  IsGrantedAndTold();
+  IsRefreshedInItsDialogBeforeTheGrantEnds();
+  IsEndedWithExpiryZeroThoughChallenged();
+  IsToldUntilTheLastNotify();
+  IsKnownNoMore();
 }
 
 TEST_F(SubscriptionTest, ANotifyBeforeTheAnswerMakesTheDialogAndOtherForksHaveNone) {

@@ -122,7 +122,92 @@ TEST(SubscriptionTest, TheServicesCommands) {
   EXPECT_TRUE(Await("1003 3 SUB_STOP"));
 }
 
-// The registrar's operator goes through all that he can do, once for each way to end it.
+// A client that registers and subscribes, beside another device of the same address of record, at a registrar whose
+// operator changes the client's binding. What the client must be told is noted on the way.
+class OperatorTest {
+ public:
+  explicit OperatorTest(const registrar::RegEventOptions& manner) : manner_(manner), service_(WithRegEvent(manner)) {}
+
+  void Register() {
+    if (other_cseq_ % 4 == 0) OtherDevice(600);
+    id_ = live_.Register(aor_, registrar_.uri());
+    ExpectTold("Active registered");
+  }
+  // The registrar's order to do this to the client's binding.
+  void Order(ContactEvent event) {
+    std::string error;
+    EXPECT_TRUE(registrar_.Apply({event, aor_, OwnContact(), 300}, error)) << error;
+  }
+  void ShortenAndAwaitTheRefresh() {
+    const auto requests = registrar_.GetCounters().requests;
+    Order(ContactEvent::kShortened);
+    EXPECT_TRUE(LiveComponent::PumpUntil([&] { return registrar_.GetCounters().requests > requests; }, 5s));
+  }
+  // The other device leaves or comes, which is no news for the client.
+  void OtherDeviceChanges() { OtherDevice(other_cseq_ % 4 == 1 ? 0 : 600); }
+  void OrderTheEnd(ContactEvent end) {
+    Order(end);
+    ExpectTold(std::string("Terminate ") + (manner_.gone == Gone::kMissing ? "expired" : Word(end)));
+  }
+  // Where documents are full, the subscription ends first: that its last document calls the binding active is no news.
+  void Deregister() {
+    if (manner_.documents == Documents::kFull) EndTheSubscription();
+    EXPECT_EQ(LiveComponent::Deregister(id_), 0);
+    EXPECT_TRUE(LiveComponent::PumpUntil([] { return LiveComponent::heard[1] == 1; }, 5s));
+  }
+  void ExpectNothingLeft() {
+    const auto none = [&] { return registrar_.Subscriptions().empty() && sivra::SubscriptionCount() == 0; };
+    EXPECT_TRUE(LiveComponent::PumpUntil(none, 5s));
+    EXPECT_EQ(OwnContact(), "none");
+  }
+  void ExpectTold(const std::string& what) {
+    expected_.push_back("1002 " + std::to_string(id_) + " " + what);
+    EXPECT_TRUE(Await(expected_.back())) << testing::PrintToString(Heard());
+  }
+  void ExpectNothingElseTold() const {
+    brunelib::DrainNotifications(5s);
+    std::vector<std::string> heard = Heard();
+    std::erase_if(heard, [](const std::string& text) { return !text.starts_with("1002"); });
+    // Whether the registrar's view or its response comes first at a deregistration is nobody's promise.
+    if (!heard.empty() && Has(heard.back(), "Terminate")) heard.pop_back();
+    EXPECT_EQ(heard, expected_);
+  }
+
+ private:
+  static Options WithRegEvent(const registrar::RegEventOptions& manner) {
+    Options options;
+    options.reg_event = manner;
+    return options;
+  }
+  void OtherDevice(int expires) {
+    const std::string rest = kPhone + "Expires: " + std::to_string(expires) + "\r\n";
+    service_.Ask(Replaced(service_.Request(++other_cseq_, rest), kAor, aor_), 200);
+  }
+  // The contact of the client's binding.
+  [[nodiscard]] std::string OwnContact() const {
+    for (const registrar::Binding& binding : registrar_.Bindings(aor_)) {
+      if (!Has(kPhone, binding.contact)) return binding.contact;
+    }
+    return "none";
+  }
+  static void EndTheSubscription() {
+    int last = 0;  // of those that have ended; the client's is the next one
+    for (const std::string& text : Heard()) last = text.starts_with("1003") ? std::stoi(text.substr(5)) : last;
+    const std::string id = std::to_string(last + 1);
+    EXPECT_EQ(Command(3, "<sub><id>" + id + "</id></sub>"), 0);
+    EXPECT_TRUE(Await("1003 " + id + " SUB_STOP"));
+  }
+
+  const registrar::RegEventOptions manner_;
+  Service service_;
+  registrar::Registrar& registrar_ = service_.registrar;
+  const std::string aor_ = "sip:alice@127.0.0.1:" + std::to_string(registrar_.port());
+  Live live_;
+  std::vector<std::string> expected_;
+  int other_cseq_ = 0;
+  int id_ = 0;
+};
+
 TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
   const registrar::RegEventOptions manners[] = {
       {.t1 = 100ms},
@@ -133,73 +218,29 @@ TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
       {.versions = Versions::kGaps, .contact_ids = ContactIds::kSwapped},
       {.versions = Versions::kTwice, .documents = Documents::kPartial},
   };
+  constexpr ContactEvent kEnds[] = {ContactEvent::kExpired, ContactEvent::kDeactivated, ContactEvent::kProbation,
+                                    ContactEvent::kUnregistered, ContactEvent::kRejected};
   for (const registrar::RegEventOptions& manner : manners) {
-    Options options;
-    options.reg_event = manner;
-    Service service(options);
-    registrar::Registrar& registrar = service.registrar;
-    const std::string aor = "sip:alice@127.0.0.1:" + std::to_string(registrar.port());
-    const auto foreign = [&](int cseq, const std::string& expires) {
-      service.Ask(Replaced(service.Request(cseq, kPhone + "Expires: " + expires + "\r\n"), kAor, aor), 200);
+    OperatorTest test(manner);
+    const auto live = [&] {
+      test.Register();
+      test.Order(ContactEvent::kRefreshed);
+      test.OtherDeviceChanges();
+      test.ShortenAndAwaitTheRefresh();
+      test.Order(ContactEvent::kCreated);
+      test.ExpectTold("Active created");
     };
-    Live live;
-    std::vector<std::string> expected;
-    int cseq = 0;
-    // kRegistered stands for the client's own deregistration.
-    for (const ContactEvent end : {ContactEvent::kExpired, ContactEvent::kDeactivated, ContactEvent::kProbation,
-                                   ContactEvent::kUnregistered, ContactEvent::kRejected, ContactEvent::kRegistered}) {
+    for (const ContactEvent end : kEnds) {
       SCOPED_TRACE(std::to_string(&manner - manners) + " " + Word(end));
-      if (cseq % 4 == 0) foreign(++cseq, "600");
-      const int id = live.Register(aor, registrar.uri());
-      const std::string active = "1002 " + std::to_string(id) + " Active ";
-      ASSERT_TRUE(Await(active + "registered"));
-      expected.push_back(active + "registered");
-      const auto own = [&] {
-        for (const registrar::Binding& binding : registrar.Bindings(aor)) {
-          if (!Has(kPhone, binding.contact)) return binding.contact;
-        }
-        return std::string("none");
-      };
-      const auto order = [&](ContactEvent event) {
-        std::string error;
-        EXPECT_TRUE(registrar.Apply({event, aor, own(), 300}, error)) << error;
-      };
-      order(ContactEvent::kRefreshed);
-      // Another device goes or comes, which is nobody's news.
-      ++cseq;
-      foreign(cseq, cseq % 4 == 2 ? "0" : "600");
-      const auto requests = registrar.GetCounters().requests;
-      order(ContactEvent::kShortened);
-      EXPECT_TRUE(LiveComponent::PumpUntil([&] { return registrar.GetCounters().requests > requests; }, 5s));
-      order(ContactEvent::kCreated);
-      ASSERT_TRUE(Await(active + "created"));
-      expected.push_back(active + "created");
-      if (end == ContactEvent::kRegistered) {
-        // Where documents are full, the subscription ends first: what its last one calls active is no news.
-        if (manner.documents == Documents::kFull) {
-          int last = 0;
-          for (const std::string& text : Heard()) last = text.starts_with("1003") ? std::stoi(text.substr(5)) : last;
-          EXPECT_EQ(Command(3, "<sub><id>" + std::to_string(last + 1) + "</id></sub>"), 0);
-          EXPECT_TRUE(Await("1003 " + std::to_string(last + 1) + " SUB_STOP"));
-        }
-        EXPECT_EQ(LiveComponent::Deregister(id), 0);
-        EXPECT_TRUE(LiveComponent::PumpUntil([] { return LiveComponent::heard[1] == 1; }, 5s));
-      } else {
-        order(end);
-        const char* const word = manner.gone == Gone::kMissing ? "expired" : Word(end);
-        expected.push_back("1002 " + std::to_string(id) + " Terminate " + word);
-        EXPECT_TRUE(Await(expected.back())) << testing::PrintToString(Heard());
-      }
-      EXPECT_TRUE(LiveComponent::PumpUntil(
-          [&] { return registrar.Subscriptions().empty() && sivra::SubscriptionCount() == 0; }, 5s));
-      EXPECT_EQ(own(), "none");
+      live();
+      test.OrderTheEnd(end);
+      test.ExpectNothingLeft();
+      if (testing::Test::HasFailure()) return;
     }
-    brunelib::DrainNotifications(5s);
-    std::vector<std::string> heard = Heard();
-    std::erase_if(heard, [](const std::string& text) { return !text.starts_with("1002"); });
-    // Whether the registrar's view or its answer comes first at a deregistration is nobody's promise.
-    if (!heard.empty() && Has(heard.back(), "Terminate")) heard.pop_back();
-    EXPECT_EQ(heard, expected);
+    live();
+    test.Deregister();
+    test.ExpectNothingLeft();
+    test.ExpectNothingElseTold();
   }
 }
 
