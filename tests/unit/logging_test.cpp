@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -15,7 +16,6 @@
 #include "logging/LogOne.h"
 #include "logging/LogOrigin.h"
 #include "logging/LogPath.h"
-#include "logging/LogThreads.h"
 #include "WorkDir.h"
 
 namespace {
@@ -214,10 +214,10 @@ TEST_F(LogTest, LongMessagesAndHeadsAreCut) {
 
 TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {
   std::atomic<ILogOne*> log{nullptr};
-  char name[] = "0";
+  int number = 0;
   const auto scope = [&](ILogOne* at_the_end) {
-    const CLogOneScope traced(&log, name, "s.cpp", 1);
-    ++name[0];  // a scope with an Enter line has a copy
+    static const char* const kNames[] = {"0", "1", "2", "3"};
+    const CLogOneScope traced(&log, kNames[number++], "s.cpp", 1);
     log = at_the_end;
   };
   const std::size_t before = failing_new::Allocations();
@@ -229,10 +229,10 @@ TEST_F(LogTest, ScopesTraceWhatTheyCanSee) {
   scope(file);
   { const CLogOneScope unnamed(&log, nullptr, nullptr, 4); }  // without a file there is no head
   const auto line = [](const char* text) { return kHead + "[s.cpp:1 " + text + "]\r\n"; };
-  EXPECT_EQ(Body("T.log"), line("2()][Leave") + line("2()][Enter") + line("3()][Enter") + line("3()][Leave"));
+  EXPECT_EQ(Body("T.log"), line("1()][Leave") + line("2()][Enter") + line("3()][Enter") + line("3()][Leave"));
 }
 
-TEST_F(LogTest, OutOfMemoryCostsLinesOnly) {
+TEST_F(LogTest, OnceOpenALogNeedsNoMemory) {
   static const char kLong[] = "a text that is too long to be held in place";
   const std::wstring path = L"file:" + (dir_ / "T.log").wstring();
   std::atomic<ILogOne*> log{nullptr};
@@ -242,14 +242,17 @@ TEST_F(LogTest, OutOfMemoryCostsLinesOnly) {
     failing_new::Limit(-1);
     ASSERT_TRUE(left > 0 || log == nullptr);
   }
-  for (long left : {0, 1, 2}) {  // a scope wants a block and two copies
-    failing_new::Limit(left);
+  log.load()->PrintAt(0, "F", "f.cpp", 1, "the file is open");  // its buffer is the stream's
+  failing_new::Limit(0);
+  {
     const CLogOneScope scope(&log, kLong, kLong, 1);
-    if (left == 0) log.load()->PrintAt(0, "F", "f.cpp", 1, "no memory for the thread's record");
-    failing_new::Limit(-1);
+    log.load()->PrintAt(0, "F", "f.cpp", 1, "kept");
   }
-  log.load()->PrintAt(0, "F", "f.cpp", 1, "kept");
-  EXPECT_EQ(Body("T.log"), Record("kept", "Err"));
+  failing_new::Limit(-1);
+  const auto line = [](const std::string& text) {
+    return kHead + "[" + kLong + ":1 " + kLong + "()][" + text + "]\r\n";
+  };
+  EXPECT_EQ(Body("T.log"), Record("the file is open", "Err") + line("Enter") + Record("kept", "Err") + line("Leave"));
 }
 
 TEST_F(LogTest, PathsFollowTheirRules) {
@@ -290,18 +293,70 @@ TEST_F(LogTest, PathsThatCannotBeUsedFallBack) {
   fs::remove_all(module / "Log");
 }
 
-TEST(LogThreadsTest, RecordsOfEndedThreadsGoAndAreNotInherited) {
-  CLogThreads records;
-  LOG_THREAD_RECORD* mine = records.Find();
-  for (std::size_t n = 0; n < 10 * CLogThreads::MIN_SWEEP; ++n) {
-    std::thread([&records] { EXPECT_EQ(records.Find()->nLevel, E_LOG_INFO); }).join();
-    ASSERT_LE(records.Count(), CLogThreads::MIN_SWEEP + 1);
+// What a statement is asked before it makes its two calls: the gate of the logger.
+TEST_F(LogTest, TheGateOpensForWhatWouldDoSomething) {
+  ILogOne* const file = Open("T.log");
+  std::atomic<ILogOne*> log{nullptr};
+  const auto takes = [&log] {  // the most verbose level that gets through, 9 for all, -1 for none
+    int level = 9;
+    while (level >= 0 && LogOne_For(log, level) == nullptr) --level;
+    return level;
+  };
+  EXPECT_EQ(takes(), -1);
+  log = file;
+  file->SetLevel(1);
+  EXPECT_EQ(takes(), 9);  // a dropped text, too, opens the file
+  file->Print("dropped");
+  EXPECT_EQ(takes(), 9);  // and carries the beginning out
+  EXPECT_EQ(Read("T.log"), "");
+  file->Print("dropped");
+  EXPECT_EQ(Body("T.log"), "");
+  EXPECT_EQ(takes(), 1);
+  for (const int level : {0, 2, -7, 3}) {
+    file->SetLevel(level);
+    EXPECT_EQ(takes(), std::max(level, -1));
   }
-  EXPECT_EQ(records.Find(), mine);
-  // An id of the system that comes back does not bring the location of its former thread.
-  records.Find(1, 1000)->szFunction = "ended";
-  EXPECT_STREQ(records.Find(1, 1000)->szFunction, "ended");
-  EXPECT_EQ(records.Find(1, 1001)->szFunction, nullptr);
+  file->SetMaxSize(1);
+  EXPECT_EQ(takes(), 9);  // a dropped text, too, measures by the new limit
+  file->Print("short");
+  EXPECT_EQ(takes(), 3);
+  file->Print("%s", std::string(1024, '-').c_str());
+  EXPECT_EQ(takes(), 9);  // and rotates
+  file->SetLevel(0);
+  file->Print("dropped");
+  file->Print("dropped");
+  EXPECT_EQ(Body("T.log"), "");
+  EXPECT_EQ(takes(), 0);
+  file->Pause();
+  EXPECT_EQ(takes(), -1);
+  file->Resume();
+  EXPECT_EQ(takes(), 0);
+  LogOne_Close(&const_cast<ILogOne*&>(file));
+  EXPECT_EQ(takes(), -1);
+
+  fs::create_directory(dir_ / "MyLog.log");
+  fs::create_directory(dir_ / "taken");
+  log = Open("taken");
+  EXPECT_EQ(takes(), 9);
+  log.load()->Print("a file that cannot be opened by any means");
+  EXPECT_EQ(takes(), -1);
+}
+
+TEST_F(LogTest, LocationsBelongToOneThreadAndOneLogger) {
+  std::vector<ILogOne*> logs;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    logs.push_back(Open(name));
+    logs.back()->SetLocation(name, "f.cpp", 1, E_LOG_INFO);
+  }
+  std::thread([&logs] {
+    logs[1]->SetLocation("other", "f.cpp", 1, E_LOG_INFO);
+    for (ILogOne* log : logs) log->Print("m");
+  }).join();
+  for (ILogOne* log : logs) log->Print("m");
+  const auto mine = [](const std::string& name) { return Record("m", "Inf", "f.cpp:1 " + name); };
+  EXPECT_EQ(Body("a"), mine("a"));
+  EXPECT_EQ(Body("b"), mine("other") + mine("b"));
+  EXPECT_EQ(Body("c") + Body("d"), mine("c") + mine("d"));
 }
 
 }  // namespace

@@ -24,8 +24,8 @@ class CRegGlobal {
   CRegisterSipProcess* m_pRegisterSipProcess = nullptr;
   CRegisterProcess* m_pRegisterProcess = nullptr;
   CRegSipCfg* m_pRegSipCfg = nullptr;  // alone may be null in use: templates are then not to be had
-  // Null while logging is off; only the log switch sets it. A reader loads it once for each call it
-  // makes; loggers live until unload, so a pointer once read stays good.
+  // Null while logging is off; only the log switch sets it. A reader loads it once for each
+  // statement; loggers live until unload, so a pointer once read stays good.
   std::atomic<ILogOne*> m_pLog{nullptr};
 };
 

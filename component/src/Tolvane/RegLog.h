@@ -1,4 +1,5 @@
-// The log statement of the component. While the log is off it costs one load and one test.
+// The log statement of the component. It costs one load and one test while the log is off, and one
+// more of each when the log drops its level.
 #pragma once
 
 #include <cstddef>
@@ -31,19 +32,15 @@ struct CName {
   static constexpr reglog::CName<sizeof(__PRETTY_FUNCTION__)> szName##Array(__PRETTY_FUNCTION__); \
   const char* const szName = szName##Array.m_sz
 
-// REG_LOG(level, format, ...): the location first, then the message. Each call loads the pointer
-// for itself, since the log can go away between the two. When another log has taken its place, that
-// one is told the location too: it knows none of this thread, or that of an earlier statement.
-#define REG_LOG(nLevel, ...)                                                                  \
-  do {                                                                                        \
-    if (ILogOne* pLogAt = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) {            \
-      REG_LOG_FUNCTION(szLogFunction);                                                        \
-      pLogAt->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel);                         \
-      if (ILogOne* pLogTo = GetRegGlobal().m_pLog.load(std::memory_order_acquire)) {          \
-        if (pLogTo != pLogAt) pLogTo->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel); \
-        pLogTo->Print(__VA_ARGS__);                                                           \
-      }                                                                                       \
-    }                                                                                         \
+// REG_LOG(level, format, ...): the location first, then the message. A log that goes away between
+// the two is paused and drops the message; the pointer stays good.
+#define REG_LOG(nLevel, ...)                                                 \
+  do {                                                                       \
+    if (ILogOne* const pLogTo = LogOne_For(GetRegGlobal().m_pLog, nLevel)) { \
+      REG_LOG_FUNCTION(szLogFunction);                                       \
+      pLogTo->SetLocation(szLogFunction, __FILE__, __LINE__, nLevel);        \
+      pLogTo->Print(__VA_ARGS__);                                            \
+    }                                                                        \
   } while (false)
 
 // The first statement of a function whose entry and exit are traced.

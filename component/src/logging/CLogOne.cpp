@@ -28,14 +28,32 @@ const char* LevelWord(int nLevel, int nMostVerbose) noexcept {
 
 ILogOne::~ILogOne() = default;
 
-void CLogOne::Pause() noexcept { m_bPaused.store(true, std::memory_order_relaxed); }
+void CLogOne::SetGate() noexcept {
+  int nTakes = m_nLevel;
+  if (m_bFileWaits) nTakes = std::numeric_limits<int>::max();
+  // A failed open is not tried again, so nothing is ever written.
+  if (m_bPaused || (m_fp == nullptr && !m_bNeedOpen)) nTakes = std::numeric_limits<int>::min();
+  m_nTakes.store(nTakes, std::memory_order_relaxed);
+}
 
-void CLogOne::Resume() noexcept { m_bPaused.store(false, std::memory_order_relaxed); }
+void CLogOne::Pause() noexcept {
+  const CLogOneLocker oLocker;
+  m_bPaused.store(true, std::memory_order_relaxed);
+  SetGate();
+}
+
+void CLogOne::Resume() noexcept {
+  const CLogOneLocker oLocker;
+  m_bPaused.store(false, std::memory_order_relaxed);
+  SetGate();
+}
 
 void CLogOne::SetMaxSize(int nKiB) noexcept {
   const CLogOneLocker oLocker;
+  m_bFileWaits = true;
   m_nMaxBytes = static_cast<int>(std::clamp<std::int64_t>(
       std::int64_t{nKiB} * 1024, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+  SetGate();
 }
 
 void CLogOne::SetFileCount(int nCount) noexcept {
@@ -46,6 +64,7 @@ void CLogOne::SetFileCount(int nCount) noexcept {
 void CLogOne::SetLevel(int nLevel) noexcept {
   const CLogOneLocker oLocker;
   m_nLevel = nLevel;
+  SetGate();
 }
 
 void CLogOne::SetName(const char* szName) noexcept {
@@ -62,13 +81,7 @@ void CLogOne::SetOutputMask(int nMask) noexcept {
 void CLogOne::SetLocation(const char* szFunction, const char* szFile, int nLine,
                           int nLevel) noexcept {
   if (szFunction == nullptr || szFile == nullptr) return;
-  const CLogOneLocker oLocker;
-  LOG_THREAD_RECORD* pRecord = m_oThreads.Find();
-  if (pRecord == nullptr) return;
-  pRecord->szFunction = szFunction;
-  pRecord->szFile = szFile;
-  pRecord->nLine = nLine;
-  pRecord->nLevel = nLevel;
+  StoreLogRecord({m_nNumber, nLine, nLevel, szFunction, szFile});
 }
 
 void CLogOne::PrintAtVW(int nLevel, const char* szFunction, const char* szFile, int nLine,
@@ -115,12 +128,9 @@ void CLogOne::Print(const char* szFormat, ...) noexcept {
 
 // The steps that every print and trace begins with: the file is looked after whatever the level
 // says. Gives the calling thread's record, or null when the thread has not told its location.
-LOG_THREAD_RECORD* CLogOne::Locate() noexcept {
+const LOG_THREAD_RECORD* CLogOne::Locate() noexcept {
   PrepareFile();
-  LOG_THREAD_RECORD* pRecord = m_oThreads.Find();
-  const bool bLocated =
-      pRecord != nullptr && pRecord->szFunction != nullptr && pRecord->szFile != nullptr;
-  return bLocated ? pRecord : nullptr;
+  return FindLogRecord(m_nNumber);
 }
 
 void CLogOne::PrintV(const char* szFormat, std::va_list vaArgs) noexcept {
@@ -184,7 +194,7 @@ void CLogOne::WriteRecord(const LOG_THREAD_RECORD& stRecord, const char* szWord,
                           const char* szMessage) noexcept {
   char szHead[HEAD_SIZE];
   if (!ComposeHead(stRecord.szFunction, stRecord.szFile, stRecord.nLine, szHead)) return;
-  if (m_eBeginning == E_BEGINNING_OWED) WriteBeginning();
+  WriteBeginning();
   std::fprintf(m_fp, "%s[%s]\r\n%s\r\n%s%s", szHead, szWord, "Content:", szMessage, "\r\n");
   FlushFile();
 }
@@ -194,7 +204,7 @@ void CLogOne::WriteTrace(const char* szFunction, const char* szFile, int nLine,
   if (m_nLevel < E_LOG_DEBUG || !WritesToFile()) return;
   char szHead[HEAD_SIZE];
   if (!ComposeHead(szFunction, szFile, nLine, szHead)) return;
-  if (m_eBeginning == E_BEGINNING_OWED) WriteBeginning();
+  WriteBeginning();
   std::fprintf(m_fp, "%s[%s]%s", szHead, bEnter != 0 ? "Enter" : "Leave", "\r\n");
   FlushFile();
 }

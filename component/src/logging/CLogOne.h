@@ -1,11 +1,20 @@
 // The one implementation of a log: a file with a size limit and a ring of copies.
 //
-// Every member but m_bPaused is guarded by g_csLogOne. The text buffers of all loggers are static
-// and guarded by the same lock, so that a thread that logs needs no large stack.
+// Every member but m_bPaused and the gate is guarded by g_csLogOne. The text buffers of all loggers
+// are static and guarded by the same lock, so that a thread that logs needs no large stack.
+//
+// Decisions:
+//   A full disk costs whole records. What did reach the file of a record that failed is cut off
+//   again, an unfinished copy is removed, and the line of the beginning is written when there is
+//   room.
+//   What stands in the place of a log file may be a pipe. Log and copies are opened so that a pipe
+//   never blocks: the log's lock is held while a record is written, and a pipe that nobody reads
+//   would stop every thread that logs. What it does not take is lost.
 #pragma once
 
 #include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -13,7 +22,7 @@
 #include "logging/LogOne.h"
 #include "logging/LogThreads.h"
 
-class CLogOne : public ILogOne {
+class CLogOne : public CLogOneGate {
  public:
   static constexpr std::size_t MESSAGE_SIZE =
       51200;                                     // with the terminator; a longer message is cut
@@ -54,22 +63,20 @@ class CLogOne : public ILogOne {
                    int nLevel) noexcept override;
 
  private:
-  // Where the line is that each opening of the file writes.
-  enum E_BEGINNING { E_BEGINNING_WRITTEN, E_BEGINNING_BUFFERED, E_BEGINNING_OWED };
-
   // The file (LogFile.cpp); called with the lock held.
   void OpenLogFile() noexcept;
   void CheckLogSize() noexcept;
-  void PrepareFile() noexcept;  // one of the two, before every write
-  void WriteBeginning() noexcept;
+  void PrepareFile() noexcept;     // one of the two, before every write
+  void WriteBeginning() noexcept;  // unless the file has it
   void FlushFile() noexcept;
+  void SetGate() noexcept;  // after every change of what it depends on
   bool BuildPath(int nCopy, char (&szPath)[PATH_SIZE]) const noexcept;  // copy 0 is the live file
 
   // The records (CLogOne.cpp).
   LOGGING_FORMAT(2, 0)
   void PrintV(const char* szFormat, std::va_list vaArgs) noexcept;
   void PrintVW(const wchar_t* wszFormat, std::va_list vaArgs) noexcept;
-  LOG_THREAD_RECORD* Locate() noexcept;
+  const LOG_THREAD_RECORD* Locate() noexcept;
   [[nodiscard]] bool WritesToFile() const noexcept;
   bool ComposeHead(const char* szFunction, const char* szFile, int nLine,
                    char (&szHead)[HEAD_SIZE]) const noexcept;
@@ -79,12 +86,15 @@ class CLogOne : public ILogOne {
 
   std::atomic<bool> m_bPaused{false};
   bool m_bNeedOpen = true;
+  // The next write has something to do for the file, even when its text is dropped: the file is not
+  // open yet, has just been opened, has reached its limit, or has got another one.
+  bool m_bFileWaits = true;
   char m_szFileName[PATH_SIZE] = "";
   char m_szDir[PATH_SIZE] = "";
-  CLogThreads m_oThreads;
+  const std::uint64_t m_nNumber;  // of this logger in the process, never given out again
   std::FILE* m_fp = nullptr;
-  long m_nWhole = 0;  // size of the file, up to the last whole record
-  E_BEGINNING m_eBeginning = E_BEGINNING_WRITTEN;
+  long m_nWhole = 0;     // size of the file, up to the last whole record
+  bool m_bBegun = true;  // the line that each opening writes has reached the file
   int m_nLevel = E_LOG_DEBUG;
   int m_nMaxBytes = 0x500000;
   int m_nFileCount = 1;

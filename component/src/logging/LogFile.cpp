@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -15,6 +16,8 @@
 namespace {
 
 constexpr char kFallbackName[] = "MyLog.log";
+
+std::atomic<std::uint64_t> g_nLastNumber{0};
 
 // Copies all bytes over what stands at the destination; 0 or an errno value.
 int CopyDescriptor(int nFrom, int nTo) noexcept {
@@ -58,7 +61,7 @@ void FormatStampNow(char (&szStamp)[LOG_STAMP_SIZE]) noexcept {
 
 }  // namespace
 
-CLogOne::CLogOne(const std::string& strPath) {
+CLogOne::CLogOne(const std::string& strPath) : m_nNumber(++g_nLastNumber) {
   const std::string strModule = GetModuleDir();
   LOG_PATH stPath = ResolveLogPath(strPath, strModule);
   const auto Fits = [](const LOG_PATH& st) {
@@ -84,6 +87,7 @@ void CLogOne::PrepareFile() noexcept {
   } else {
     OpenLogFile();
   }
+  SetGate();
 }
 
 bool CLogOne::BuildPath(int nCopy, char (&szPath)[PATH_SIZE]) const noexcept {
@@ -107,14 +111,16 @@ void CLogOne::OpenLogFile() noexcept {
   if (m_fp == nullptr) return;
   std::fseek(m_fp, 0, SEEK_END);
   m_nWhole = std::ftell(m_fp);
+  m_bBegun = false;
   WriteBeginning();
+  m_bFileWaits = true;  // for the flush that carries the beginning out
 }
 
 void CLogOne::WriteBeginning() noexcept {
+  if (m_bBegun || __fpending(m_fp) != 0) return;  // it is in the file, or waits for the next flush
   char szStamp[LOG_STAMP_SIZE];
   FormatStampNow(szStamp);
   std::fprintf(m_fp, "%s%s\r\n", "Begin Time:", szStamp);
-  m_eBeginning = E_BEGINNING_BUFFERED;
 }
 
 void CLogOne::CheckLogSize() noexcept {
@@ -123,7 +129,8 @@ void CLogOne::CheckLogSize() noexcept {
   std::fseek(m_fp, 0, SEEK_END);
   m_nWhole = std::ftell(m_fp);
   std::fseek(m_fp, 0, SEEK_SET);
-  if (m_nWhole < m_nMaxBytes) return;
+  m_bFileWaits = m_nWhole >= m_nMaxBytes;
+  if (!m_bFileWaits) return;
 
   // Whatever fclose says, the stream is gone after it and must not be touched again.
   if (std::fclose(m_fp) != 0) {
@@ -152,8 +159,11 @@ void CLogOne::CheckLogSize() noexcept {
 // All of what was written since the last flush, or nothing: a full disk must not leave a piece of a
 // record in the file.
 void CLogOne::FlushFile() noexcept {
+  const bool bPending = __fpending(m_fp) != 0;
   if (std::fflush(m_fp) == 0 && std::ferror(m_fp) == 0) {
-    if (m_eBeginning == E_BEGINNING_BUFFERED) m_eBeginning = E_BEGINNING_WRITTEN;
+    if (bPending) m_bBegun = true;  // the beginning is in front of everything else
+    m_bFileWaits = std::ftell(m_fp) >= m_nMaxBytes;
+    SetGate();
     return;
   }
   // Nothing says whether a stream keeps what it could not write; kept, it would come out later.
@@ -161,5 +171,4 @@ void CLogOne::FlushFile() noexcept {
   std::clearerr(m_fp);
   // What did reach the file goes again. No result to look at: what is no regular file has no end.
   if (m_nWhole >= 0) static_cast<void>(!ftruncate(fileno(m_fp), m_nWhole));
-  if (m_eBeginning == E_BEGINNING_BUFFERED) m_eBeginning = E_BEGINNING_OWED;
 }

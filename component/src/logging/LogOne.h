@@ -3,7 +3,8 @@
 // A log statement is two calls on the logger: SetLocation (where it stands, and its level), then
 // Print. The location belongs to the calling thread, so the two calls need no common lock and two
 // threads never mix their locations; a record is composed and written as one unit, so records never
-// interleave.
+// interleave. LogOne_For says beforehand, for the price of two loads, whether a statement of a level
+// would do anything at all.
 //
 // Threads: every operation may be called by any thread at any time. One process-wide recursive
 // lock, g_csLogOne, guards the thread records, the writing and the registry; it is the innermost
@@ -18,6 +19,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <limits>
 
 #define LOGGING_PUBLIC __attribute__((visibility("default")))
 // The place of a printf-style format among the arguments, "this" counted, and that of its first
@@ -65,6 +67,28 @@ class LOGGING_PUBLIC ILogOne {
                            int nLevel) noexcept = 0;
 };
 
+// What every logger begins with: the levels that it looks at, readable without a lock and without a
+// call. ILogOne itself has no data.
+class CLogOneGate : public ILogOne {
+ public:
+  // False: a statement of this level changes nothing, neither a record nor the file. While the file
+  // has to be opened, measured or rotated every statement gets through, whatever its level, since
+  // the next one does that work. Trace lines count as E_LOG_DEBUG.
+  [[nodiscard]] bool Takes(int nLevel) const noexcept {
+    return nLevel <= m_nTakes.load(std::memory_order_relaxed);
+  }
+
+ protected:
+  std::atomic<int> m_nTakes{std::numeric_limits<int>::max()};
+};
+
+// The log for a statement of this level; null while logging is off, or when that log drops it. Every
+// ILogOne is a CLogOneGate.
+[[nodiscard]] inline ILogOne* LogOne_For(const std::atomic<ILogOne*>& pLog, int nLevel) noexcept {
+  ILogOne* const pNow = pLog.load(std::memory_order_acquire);
+  return pNow != nullptr && static_cast<CLogOneGate*>(pNow)->Takes(nLevel) ? pNow : nullptr;
+}
+
 // Opens the log of this path, or finds it when it was opened before, and wakes it. Null for a null
 // path or when memory runs out. A path with a ':' is a path of the system: what stands before the
 // ':' is dropped; every other path lies below the executable's directory. Both separators are
@@ -74,9 +98,8 @@ LOGGING_PUBLIC ILogOne* LogOne_Open(const wchar_t* wszPath) noexcept;
 LOGGING_PUBLIC void LogOne_Close(ILogOne** ppLog) noexcept;
 
 // Traces a function: an Enter line where it is made, a Leave line where it ends. It belongs to one
-// thread and to the stack. Both texts are literals of the program. Copies are made only while a log
-// is open, so that a scope without a log costs one load and one test at either end; without memory
-// for the copies the scope leaves no lines.
+// thread and to the stack. Both texts are borrowed: they live as long as the program, as literals
+// do. Where no line is wanted a scope costs at either end what a statement costs.
 //
 // The class carries no export mark of its own: its virtual table would otherwise be exported from
 // every library that makes a scope.
@@ -87,24 +110,20 @@ class CLogOneScope {
   CLogOneScope(const std::atomic<ILogOne*>* ppLog, const char* szFunction, const char* szFile,
                int nLine) noexcept
       : m_ppLog(ppLog), m_szFunction(szFunction), m_szFile(szFile), m_nLine(nLine) {
-    if (ILogOne* pLog = ppLog->load(std::memory_order_acquire)) Enter(pLog);
+    Trace(1);
   }
-  virtual ~CLogOneScope() {
-    ILogOne* pLog = m_ppLog->load(std::memory_order_acquire);
-    if (pLog != nullptr || m_pInfo != nullptr) Leave(pLog);
-  }
+  virtual ~CLogOneScope() { Trace(0); }
   CLogOneScope(const CLogOneScope&) = delete;
   CLogOneScope& operator=(const CLogOneScope&) = delete;
 
  private:
-  struct INFO;
-  LOGGING_PUBLIC void Enter(ILogOne* pLog) noexcept;
-  LOGGING_PUBLIC void Leave(ILogOne* pLog) noexcept;
+  void Trace(int bEnter) const noexcept {
+    if (ILogOne* const pLog = LogOne_For(*m_ppLog, E_LOG_DEBUG)) WriteTrace(pLog, bEnter);
+  }
+  LOGGING_PUBLIC void WriteTrace(ILogOne* pLog, int bEnter) const noexcept;
 
   const std::atomic<ILogOne*>* m_ppLog;
-  INFO* m_pInfo = nullptr;   // owned; null while no log was open at the start
-  const char* m_szFunction;  // borrowed, as are the file's
+  const char* m_szFunction;
   const char* m_szFile;
   int m_nLine;
-  bool m_bNoMemory = false;  // no copies could be made: this scope leaves no lines
 };

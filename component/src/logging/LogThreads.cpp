@@ -1,50 +1,35 @@
 #include "logging/LogThreads.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <new>
+#include <cstddef>
+#include <iterator>
 
 namespace {
 
-// The system gives the id of an ended thread to a new one, which must not find itself at the
-// other's location. Initial-exec: the usual model for a library allocates at a thread's first use,
-// and ends the process when it cannot.
-__attribute__((tls_model("initial-exec"))) thread_local std::uint64_t t_nThread = 0;
-std::atomic<std::uint64_t> g_nLastThread{0};
+constexpr std::size_t kRecords = 4;
+
+// Initial-exec: the usual model for a library allocates at a thread's first use, and ends the
+// process when it cannot.
+__attribute__((
+    tls_model("initial-exec"))) constinit thread_local LOG_THREAD_RECORD t_astRecord[kRecords];
+__attribute__((tls_model("initial-exec"))) constinit thread_local std::size_t t_nOldest = 0;
+
+LOG_THREAD_RECORD* Find(std::uint64_t nLogger) noexcept {
+  LOG_THREAD_RECORD* const pFound =
+      std::find_if(std::begin(t_astRecord), std::end(t_astRecord),
+                   [=](const LOG_THREAD_RECORD& stRecord) { return stRecord.nLogger == nLogger; });
+  return pFound != std::end(t_astRecord) ? pFound : nullptr;
+}
 
 }  // namespace
 
-LOG_THREAD_RECORD* CLogThreads::Find() noexcept {
-  if (t_nThread == 0) t_nThread = ++g_nLastThread;
-  return Find(gettid(), t_nThread);
-}
+const LOG_THREAD_RECORD* FindLogRecord(std::uint64_t nLogger) noexcept { return Find(nLogger); }
 
-LOG_THREAD_RECORD* CLogThreads::Find(pid_t nId, std::uint64_t nThread) noexcept {
-  auto itRecord = m_mapRecord.find(nId);
-  if (itRecord == m_mapRecord.end()) {
-    if (m_mapRecord.size() >= m_nSweepAt) Sweep();
-    try {
-      itRecord = m_mapRecord.try_emplace(nId).first;
-    } catch (const std::bad_alloc&) {
-      return nullptr;
-    }
+void StoreLogRecord(const LOG_THREAD_RECORD& stRecord) noexcept {
+  LOG_THREAD_RECORD* pRecord = Find(stRecord.nLogger);
+  if (pRecord == nullptr) {
+    pRecord = &t_astRecord[t_nOldest];
+    t_nOldest = (t_nOldest + 1) % kRecords;
   }
-  LOG_THREAD_RECORD& stRecord = itRecord->second;
-  if (stRecord.nThread != nThread) {
-    stRecord = LOG_THREAD_RECORD{};
-    stRecord.nThread = nThread;
-  }
-  return &stRecord;
-}
-
-void CLogThreads::Sweep() noexcept {
-  const pid_t nProcess = getpid();
-  std::erase_if(m_mapRecord, [nProcess](const auto& oEntry) {
-    return tgkill(nProcess, oEntry.first, 0) == -1 && errno == ESRCH;
-  });
-  m_nSweepAt = std::max(MIN_SWEEP, m_mapRecord.size() * 2);
+  *pRecord = stRecord;
 }
