@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool answered = layer.Respond(id, fine ? 200 : 400, "Word", {{"X-Note", "a"}}, fine ? "mine" : "");
     Require(answered || !HasTag(*given->to));  // no room for a tag of ours
   };
-  Require(layer.handlers().Set("NOTIFY", handler, true));
+  Require(layer.handlers().Set("NOTIFY", handler));
   for (int copy = 0; copy < 2; ++copy) layer.Receive(nsip_message_parse(text, reason), text, from, wire.local);
   Require(calls <= 1 && wire.sent.size() <= 2 && wire.sent.size() % 2 == 0);
   Require(wire.sent.size() == 2 || request->sip_method == "ACK" || counters.dropped_garbage == 2 ||
