@@ -241,8 +241,7 @@ class TOLVANE_PUBLIC IoTimer {
   IoTimer& operator=(const IoTimer&) = delete;
   ~IoTimer();
 
-  // Takes the place of what was set. false: not on the I/O thread, the stack stops or, for the
-  // first call only, memory.
+  // Takes the place of what was set. false: not on the I/O thread, or the stack stops.
   [[nodiscard]] bool Set(std::chrono::milliseconds delay) noexcept;
   void Cancel() noexcept;
 

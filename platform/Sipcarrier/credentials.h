@@ -1,7 +1,6 @@
 // The usernames and passwords of the configuration, found by address of record and realm.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -21,17 +20,9 @@ class CredentialStore {
   [[nodiscard]] bool Find(const nsip_uri& aor, std::string_view realm, Credential& found) const;
 
  private:
-  struct Entry {
-    Credential credential;
-    std::unique_ptr<nsip_uri> aor;  // null: any
-  };
-  // The key is equal for addresses of record that are equal; the reverse is for nsip_uri_equal to
-  // tell.
-  using Index = std::unordered_multimap<std::string, std::size_t>;
-
-  std::vector<Entry> entries_;
-  Index by_aor_;
-  std::unordered_map<std::string, std::size_t> by_realm_;  // those without an address of record
+  std::vector<Credential> entries_;
+  std::unordered_multimap<std::string, std::size_t> by_aor_;  // by nsip_aor_key
+  std::unordered_map<std::string, std::size_t> by_realm_;     // those without an address of record
 };
 
 }  // namespace sipcarrier

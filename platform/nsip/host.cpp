@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 
 namespace nsip {
@@ -122,6 +123,19 @@ bool append_hostport(const std::string& host, int port, std::string& text) {
     text += std::to_string(port);
   }
   return true;
+}
+
+std::string canonical_host(std::string_view text) {
+  Ipv6Address address{};
+  std::array<char, INET6_ADDRSTRLEN> shortest{};
+  if (!parse_ipv6_reference(text, address) ||
+      inet_ntop(AF_INET6, address.data(), shortest.data(), shortest.size()) == nullptr) {
+    return base::LowerCase(text);
+  }
+  std::string result = "[";
+  result += shortest.data();
+  result += ']';
+  return result;
 }
 
 bool same_host(std::string_view a, std::string_view b) {

@@ -13,6 +13,8 @@ namespace nsip {
 [[nodiscard]] bool parse_hostport(std::string_view text, bool spaces, std::string& host, int& port);
 // Port 0 stands for none. False when the host or the port is none.
 [[nodiscard]] bool append_hostport(const std::string& host, int port, std::string& text);
+// One spelling for all hosts that are the same: lower case, IPv6 addresses in their shortest form.
+[[nodiscard]] std::string canonical_host(std::string_view text);
 // Host names without regard to case, IPv6 addresses by their value.
 [[nodiscard]] bool same_host(std::string_view a, std::string_view b);
 

@@ -164,6 +164,12 @@ TOLVANE_PUBLIC void nsip_free(void* text);  // accepts null
 [[nodiscard]] TOLVANE_PUBLIC std::string nsip_uri_normal(std::string_view text);
 // RFC 3261 §19.1.4.
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_uri_equal(const nsip_uri& a, const nsip_uri& b);
+// The key under which an address of record stands in every table, and itself a URI: equal texts
+// mean the same address of record. Scheme, user with its escapes undone, and host in one spelling;
+// no parameters (RFC 3261 §10.3 step 5), no password, no headers. What §19.1.4 calls equal has one
+// key. A port that is the scheme's default counts as none: nobody has two accounts that differ in
+// that alone. tel: numbers lose their visual separators (RFC 3966 §5.1.1) and keep their parameters.
+[[nodiscard]] TOLVANE_PUBLIC std::string nsip_aor_key(const nsip_uri& uri);
 [[nodiscard]] TOLVANE_PUBLIC bool nsip_is_token(std::string_view text);
 // The parts of a challenge or credentials header behind the scheme word: key=value, quotes taken
 // off.

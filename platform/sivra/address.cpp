@@ -1,7 +1,6 @@
 #include "sivra/address.h"
 
 #include <algorithm>
-#include <functional>
 #include <limits>
 #include <memory>
 
@@ -65,10 +64,6 @@ void MakeAddressOfRecord(nsip_from& address) {
            base::EqualNoCase(param.name, "ttl") || base::EqualNoCase(param.name, "transport") ||
            base::EqualNoCase(param.name, "lr");
   });
-}
-
-std::size_t AddressKey(const nsip_uri& uri) {
-  return std::hash<std::string>()(IsSip(uri) ? nsip_uri_normal(uri.user) : uri.opaque);
 }
 
 void SetAddress(nsip_uri& uri, const sipcarrier::Endpoint& local) {

@@ -23,9 +23,6 @@ namespace sivra {
 [[nodiscard]] bool ReadAddress(const std::string& text, nsip_from& address);
 // Takes off what RFC 3261 §19.1.1 (table 1) bars from To and From.
 void MakeAddressOfRecord(nsip_from& address);
-// Equal for equal addresses of record (RFC 3261 §19.1.4), as a rule different for others.
-[[nodiscard]] std::size_t AddressKey(const nsip_uri& uri);
-
 // Where answers and requests from the other side are to arrive.
 void SetAddress(nsip_uri& uri, const sipcarrier::Endpoint& local);
 

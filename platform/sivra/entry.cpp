@@ -1,6 +1,7 @@
 #include "sivra/entry.h"
 
 #include <algorithm>
+#include <functional>
 #include <string_view>
 #include <utility>
 
@@ -51,7 +52,7 @@ bool Entry::SetAddresses(const std::string& from, const std::string& to, Registr
   if (!registrar || !ReadAddress(from, address) || (from != to && !ReadAddress(to, other))) {
     return false;
   }
-  const std::size_t new_key = AddressKey(*address.url);
+  const std::size_t new_key = std::hash<std::string>()(nsip_aor_key(*address.url));
   std::string new_from = from;
   std::string new_to = from == to ? std::string() : to;
   // Kept from the first change on: the Contact's user and the credentials are those of the
@@ -139,13 +140,9 @@ void Entry::SettleContact(nsip_message& request, const sipcarrier::Endpoint& loc
   }
 }
 
-bool Entry::IsFrom(const nsip_uri& address) const {
+bool Entry::IsFrom(const std::string& aor_key) const {
   nsip_from from;
-  if (!ReadAddress(from_, from)) {
-    return false;
-  }
-  MakeAddressOfRecord(from);
-  return nsip_uri_equal(*from.url, address);
+  return ReadAddress(from_, from) && nsip_aor_key(*from.url) == aor_key;
 }
 
 bool Entry::IsChallengeToAnswer(const nsip_message& response) {

@@ -63,9 +63,9 @@ class Entry {
   // What a final answer means for this entry and its later requests.
   void Learn(nsip_message& response);
 
-  // Whether this address of record (RFC 3261 §19.1.4) is the From.
-  [[nodiscard]] bool IsFrom(const nsip_uri& address) const;
-  // The AddressKey of the From.
+  // Whether the From has this nsip_aor_key.
+  [[nodiscard]] bool IsFrom(const std::string& aor_key) const;
+  // The hash of the From's nsip_aor_key.
   [[nodiscard]] std::size_t from_key() const { return from_key_; }
   // The Contact's URI as it was settled last; empty when nothing has left yet.
   [[nodiscard]] const std::string& contact() const { return contact_; }

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <new>
@@ -204,18 +205,14 @@ void Send(Entry& entry) {
   } while (failure != nullptr && Conclude(entry, Unsent(failure)));
 }
 
-// Visits the entries of this address of record, whose text or URI may hold more than one does,
-// until `visit` has had enough. Under the lock.
+// Visits the entries of this address of record, until `visit` has had enough.
 template <class Visit>
 void ForEntriesOf(const nsip_uri& address, Visit visit) TOLVANE_REQUIRES(g_lock) {
-  nsip_from plain;
-  plain.url = std::make_unique<nsip_uri>(address);
-  MakeAddressOfRecord(plain);
-  const std::size_t key = AddressKey(*plain.url);
-  const auto [begin, end] = TheRegistry().by_address.equal_range(key);
+  const std::string key = nsip_aor_key(address);
+  const auto [begin, end] = TheRegistry().by_address.equal_range(std::hash<std::string>()(key));
   for (auto place = begin; place != end; ++place) {
     const Entry& entry = *place->second;
-    if (!entry.released() && entry.IsFrom(*plain.url) && visit(entry)) {
+    if (!entry.released() && entry.IsFrom(key) && visit(entry)) {
       return;
     }
   }

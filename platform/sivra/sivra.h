@@ -44,7 +44,7 @@ TOLVANE_PUBLIC void sivra_register_release(long id);
 namespace sivra {
 
 // The Contact URIs (texts, with the address that was settled when the last REGISTER left) of the
-// entries whose From is this address of record (RFC 3261 §19.1.4), in the order of their ids. Any
+// entries whose From is this address of record (nsip_aor_key), in the order of their ids. Any
 // thread; takes sivra_lock.
 [[nodiscard]] TOLVANE_PUBLIC std::vector<std::string> RegisteredContacts(
     const std::string& address_of_record);

@@ -1,7 +1,5 @@
 #include "services/subscription/reginfo_sequence.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -9,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/text.h"
 #include "Domletlib/Domletlib.h"
 #include "nsip/nsip.h"
 #include "services/subscription/reginfo_document.h"
@@ -31,11 +30,12 @@ std::optional<nsip_uri> ReadUri(std::string_view text) {
   return uri;
 }
 
+// Of two addresses of record.
 bool SameAddress(std::string_view a, std::string_view b) {
   if (a == b) return true;
   const auto first = ReadUri(a);
   const auto second = ReadUri(b);
-  return first && second && nsip_uri_equal(*first, *second);
+  return first && second && nsip_aor_key(*first) == nsip_aor_key(*second);
 }
 
 // How surely a contact is one of ours.
@@ -58,8 +58,7 @@ bool SameParameters(const nsip_uri& a, const nsip_uri& b) {
 nsip_uri WithoutDefaults(nsip_uri uri) {
   if (uri.scheme == "sip" && uri.port == 5060) uri.port = 0;
   std::erase_if(uri.params, [](const nsip_generic_param& param) {
-    return strcasecmp(param.name.c_str(), "transport") == 0 &&
-           strcasecmp(param.value.c_str(), "udp") == 0;
+    return base::EqualNoCase(param.name, "transport") && base::EqualNoCase(param.value, "udp");
   });
   return uri;
 }

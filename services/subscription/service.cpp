@@ -36,15 +36,11 @@ long Number(CXML& document, const char* name) {
   return std::strtol(Text(document, name).c_str(), nullptr, 10);
 }
 
-// One spelling for all that name one address of record (RFC 3261 §19.1.4); empty when the text is
-// none.
+// The key of an address of record; empty when the text is no SIP address.
 std::string KeyOf(const std::string& address) {
   nsip_from from;
   if (!nsip_from_parse(address, from) || from.url == nullptr || from.url->host.empty()) return {};
-  std::string host = from.url->host;
-  std::transform(host.begin(), host.end(), host.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-  return nsip_uri_normal(from.url->user) + "@" + host + ":" + std::to_string(from.url->port);
+  return nsip_aor_key(*from.url);
 }
 
 void Express(int notification, long id,

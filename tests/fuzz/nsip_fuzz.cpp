@@ -69,5 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!nsip_from_parse(input, from)) return 0;
   Require(nsip_from_parse(nsip_from_text(from), again) && Address(from) == Address(again));
   Require(nsip_uri_equal(*from.url, *again.url));
+  const std::string key = nsip_aor_key(*from.url);
+  nsip_uri of_key;
+  Require(key == nsip_aor_key(*again.url) && nsip_uri_parse(key, of_key) && nsip_aor_key(of_key) == key);
   return 0;
 }

@@ -157,10 +157,13 @@ TEST_F(StackTest, TheMostExactCredentialWins) {
       {"", "", "anyone", "1"}, {"", "realm", "realm", "2"},
       {"sip:alice@example.com", "", "alice", "3"}, {"sip:alice@example.com", "realm", "alice-realm", "4"},
       {"sip:alice@example.com", "realm", "later", "5"}, {"sip:bob@example.com", "other", "bob-other", "6"},
+      {"sip:a@[::1]", "", "six", "7"}, {"sip:c@[2001:DB8:0::1]:5060", "", "doc", "8"}, {"tel:+1-555-0199", "", "tel", "9"},
   };
   const char* const cases[][3] = {
       {"sip:alice@example.com", "realm", "alice-realm"}, {"sip:alice@example.com", "else", "alice"},
-      {"sip:%61lice@EXAMPLE.com", "realm", "alice-realm"},  // RFC 3261 §19.1.4
+      {"sip:%61lice@EXAMPLE.com", "realm", "alice-realm"}, {"sip:alice@example.com:5060;user=phone", "else", "alice"},
+      {"sip:a@[0:0::1]", "else", "six"}, {"sip:a@[::2]", "else", "anyone"}, {"sip:a@[::1]:5070", "else", "anyone"},
+      {"sip:c@[2001:db8::1]", "else", "doc"}, {"tel:+15550199", "else", "tel"},
       {"sip:Alice@example.com", "realm", "realm"}, {"sip:bob@example.com", "other", "bob-other"},
       {"sip:bob@example.com", "realm", "realm"}, {"sip:bob@example.com", "Realm", "anyone"},
       {"sips:alice@example.com", "else", "anyone"}, {"tel:+15550100", "else", "anyone"},

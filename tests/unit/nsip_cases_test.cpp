@@ -4,6 +4,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -75,7 +76,27 @@ bool AreAll(const std::string& line, bool equal) {
   for (std::string other; texts >> other;) {
     EXPECT_EQ(nsip_uri_equal(Uri(first), Uri(other)), equal) << other;
     EXPECT_EQ(nsip_uri_equal(Uri(other), Uri(first)), equal) << other;
+    if (equal) {
+      EXPECT_EQ(nsip_aor_key(Uri(other)), nsip_aor_key(Uri(first))) << other;
+    }
   }
+  return true;
+}
+
+// The first word is the key of the others, or no two have the same. The key of a key is the key.
+bool HaveOneKey(const std::string& line, bool one) {
+  std::istringstream texts(line);
+  std::set<std::string> keys;
+  std::size_t count = 0;
+  for (std::string text; texts >> text; ++count) {
+    const std::string key = nsip_aor_key(Uri(text));
+    keys.insert(key);
+    if (one && count == 0) {
+      EXPECT_EQ(key, text);
+    }
+    EXPECT_EQ(nsip_aor_key(Uri(key)), key);
+  }
+  EXPECT_EQ(keys.size(), one ? 1U : count) << line;
   return true;
 }
 
@@ -90,6 +111,8 @@ TEST(Nsip, Cases) {
        }},
       {"equal", [](const auto& text) { return AreAll(text, true); }},
       {"differ", [](const auto& text) { return AreAll(text, false); }},
+      {"aor", [](const auto& line) { return HaveOneKey(line, true); }},
+      {"aors", [](const auto& line) { return HaveOneKey(line, false); }},
       {"address", IsAddress},
       {"message", IsWrittenAs},
       {"address!",

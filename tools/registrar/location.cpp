@@ -47,18 +47,9 @@ int ParseExpires(std::string_view text) {
   return seconds;
 }
 
-std::string CanonicalAor(const nsip_uri& uri) {
-  if (uri.scheme != "sip" && uri.scheme != "sips") return uri.scheme + ":" + uri.opaque;
-  std::string aor = uri.scheme + ":";
-  if (!uri.user.empty()) aor += nsip_uri_normal(uri.user) + "@";
-  aor += Lower(uri.host);
-  if (uri.port != 0) aor += ":" + std::to_string(uri.port);
-  return aor;
-}
-
 std::string CanonicalAor(std::string_view text) {
   nsip_uri uri;
-  return nsip_uri_parse(text, uri) ? CanonicalAor(uri) : std::string(text);
+  return nsip_uri_parse(text, uri) ? nsip_aor_key(uri) : std::string(text);
 }
 
 Location::Location(const Options& options)
@@ -133,7 +124,7 @@ Location::Result Location::RemoveAll(const nsip_message& request, const std::str
 
 Location::Result Location::Update(const nsip_message& request, Clock::time_point now,
                                   std::vector<ContactRecord>& changes) {
-  const std::string aor = CanonicalAor(*request.to->url);
+  const std::string aor = nsip_aor_key(*request.to->url);
   const int expires_header = ExpiresHeader(request);
   Entries before;
   if (const auto found = entries_.find(aor); found != entries_.end()) {
@@ -255,7 +246,7 @@ std::vector<ContactRecord> Location::Apply(const Order& order, Clock::time_point
 std::vector<std::unique_ptr<nsip_contact>> Location::Contacts(const nsip_uri& aor,
                                                               Clock::time_point now) const {
   std::vector<std::unique_ptr<nsip_contact>> contacts;
-  const auto found = entries_.find(CanonicalAor(aor));
+  const auto found = entries_.find(nsip_aor_key(aor));
   if (found == entries_.end()) return contacts;
   for (const Entry& entry : found->second) {
     if (entry.until <= now) continue;

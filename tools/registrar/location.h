@@ -20,10 +20,7 @@ namespace registrar {
 
 using Clock = std::chrono::steady_clock;
 
-// The key of an address of record: no parameters, no escapes, host in lower case (RFC 3261 §10.3
-// step 5).
-[[nodiscard]] std::string CanonicalAor(const nsip_uri& uri);
-// The same for a text; a text that is no URI stands for itself.
+// The key of an address of record; a text that is no URI stands for itself.
 [[nodiscard]] std::string CanonicalAor(std::string_view text);
 
 // The seconds of an Expires header or parameter (RFC 3261 §20.19).

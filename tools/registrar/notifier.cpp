@@ -92,7 +92,7 @@ Answer Notifier::Begin(const nsip_message& request, std::string_view event, int 
   if (!Subscription::FindTarget(request, family_, target)) {
     return Refusal(400, "One Contact, on loopback, by its address");
   }
-  const std::string aor = CanonicalAor(*request.req_uri);
+  const std::string aor = nsip_aor_key(*request.req_uri);
   const auto others = by_aor_.find(aor);
   if (subscriptions_.size() >= kMaxSubscriptions ||
       (others != by_aor_.end() && others->second.size() >= kMaxOfOneAor)) {

@@ -185,7 +185,7 @@ void Registrar::Impl::Reply(const nsip_message& request, const std::string& key,
 Script Registrar::Impl::TakeScript(const nsip_message& request) {
   const std::lock_guard<std::mutex> lock(mutex);
   if (scripts.empty()) return {};
-  const std::string aor = CanonicalAor(*request.to->url);
+  const std::string aor = nsip_aor_key(*request.to->url);
   const auto found = std::find_if(scripts.begin(), scripts.end(), [&](const Script& script) {
     return script.method == request.sip_method && (script.aor.empty() || script.aor == aor);
   });
@@ -233,7 +233,7 @@ Answer Registrar::Impl::Bind(const nsip_message& request) {
   const std::lock_guard<std::mutex> lock(mutex);
   std::vector<ContactRecord> changes;
   Location::Result result = location.Update(request, now, changes);
-  notifier.Publish(CanonicalAor(*request.to->url), changes, now);
+  notifier.Publish(nsip_aor_key(*request.to->url), changes, now);
   answer.status = result.status;
   answer.reason = std::move(result.reason);
   if (answer.status == 423) {
