@@ -146,7 +146,7 @@ void Registrar::Tick() {
 }
 
 void Registrar::Forget(bool counters) {
-  book_.Clear();
+  book_.Clear(counters);
   ++nonce_epoch_;
   if (counters) counters_ = {};
 }

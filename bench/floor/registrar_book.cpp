@@ -48,8 +48,9 @@ void RegistrarBook::NoteGap(Binding& binding, Nanoseconds now) {
   if (now - binding.last > binding.granted) ++lapsed_;
 }
 
-void RegistrarBook::Clear() {
+void RegistrarBook::Clear(bool counts) {
   bindings_.clear();
+  if (!counts) return;
   punctuality_ = {};
   lapsed_ = 0;
   cseq_not_above_ = 0;

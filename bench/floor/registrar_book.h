@@ -27,7 +27,8 @@ class RegistrarBook {
   enum class Kind { kNew, kRefresh, kRepeat, kRemoval };
   Kind Register(std::string_view contact, std::string_view call_id, std::uint32_t cseq,
                 std::int64_t granted_s, Nanoseconds now);
-  void Clear();
+  // The bindings, and with `counts` what has been counted as well.
+  void Clear(bool counts);
   // Takes out what ran out.
   void Sweep(Nanoseconds now);
 
