@@ -13,7 +13,7 @@ namespace {
 constexpr int kNotifications[] = {kNotifyOutcome, kNotifyDeregistered, kNotifyState,
                                   kNotifyServiceLost};
 
-// The bus calls a plain function; this is where it finds the inbox.
+// The bus calls a plain function, which finds the inbox here.
 std::atomic<Inbox*> g_inbox{nullptr};
 
 int OnNotification(const char* source, int id, CXML* document, void* /*extra*/) {
@@ -90,7 +90,7 @@ Notice ReadNotice(int id, const std::string& document) {
   notice.warn_code = reg.Value("warncode", 0);
   notice.warn_text = reg.Text("warntext");
   notice.uri = reg.Text("uri");
-  // What tells of an answer has this element, though it may be empty.
+  // A notification because of a response has this element, which may be empty.
   notice.by_view = id == kNotifyDeregistered && !reg.Has("uri");
   notice.retry_after = reg.Value("retry-after", 0);
   notice.state = reg.Text("state");
@@ -136,7 +136,6 @@ Answer BusClient::SwitchLogOn(const LogOptions& log) {
   const auto add = [&document](const char* name, const std::string& value) {
     document.append(" ").append(name).append("=\"").append(CXML::Escape(value)).append("\"");
   };
-  // Without a word and ':' in front a path lies below the program's folder.
   add("path", "file:" + log.directory);
   if (log.max_size) add("max-size", std::to_string(*log.max_size));
   if (log.files) add("file-count", std::to_string(*log.files));
@@ -147,7 +146,6 @@ Answer BusClient::SwitchLogOn(const LogOptions& log) {
     in.SetDoc(std::string_view(document));
     return Execute(kCommandLogSwitch, in, target);
   };
-  // The component's settings of the log hold for the service, too.
   Answer answer = execute(kComponentIdentity);
   if (answer.result == 0 && subscriptions_loaded_) {
     answer.result = execute(kSubscriptionIdentity).result;

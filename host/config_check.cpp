@@ -14,13 +14,13 @@ namespace host {
 namespace {
 
 constexpr const char* kConfigName = "TOLVANE";
-// What the component asks for, and the values that it has.
+// The kind and method that the component asks for, and the cells that it fills in.
 constexpr std::string_view kKind = "REG";
 constexpr std::string_view kMethod = "REGISTER";
 constexpr std::array<std::string_view, 5> kKeys = {"local-uri", "remote-uri", "display-name",
                                                    "request-uri", "contact-uri"};
 
-// The first key of a well-formed value that nobody fills in; empty when there is none.
+// The first key of a well-formed value that the component never fills in; empty when there is none.
 std::string_view UnknownKey(std::string_view value) {
   std::size_t open = value.find("${");
   while (open != std::string_view::npos) {

@@ -1,4 +1,9 @@
-// The templates of a working directory as the component will read them, for a person to see.
+// The templates of a working directory, read as the component will read them.
+//
+// The command that has the component read them returns the same result whatever was read. So
+// `tolvane register` and `tolvane check-config` read the file themselves first, with the class that
+// the component uses. `register` starts only without faults. On SIGHUP the command goes out in any
+// case: the component then keeps its former templates, and its log has the faults.
 #pragma once
 
 #include <string>
@@ -14,7 +19,6 @@ struct ConfigReading {
   std::vector<sipcarrier::ConfMessage> messages;
 };
 
-// The component tells nobody why it keeps its former templates, so the host looks first.
 [[nodiscard]] ConfigReading ReadConfiguration(const std::string& directory);
 
 // On the standard error, one a line.

@@ -17,7 +17,7 @@
 namespace host {
 namespace {
 
-constexpr int kWishedExpires = 2;  // too short for this registrar
+constexpr int kRequestedExpires = 2;  // too short for this registrar
 constexpr int kMinExpires = 3;     // so a refresh each second
 constexpr int kRefreshes = 2;
 constexpr int kComesBackAfter = 1;
@@ -27,7 +27,7 @@ constexpr const char* kAor = "sip:alice@tolvane.example";
 
 // The seconds that a REGISTER asks for: its Contact's parameter, else its Expires header (RFC 3261
 // §10.2.1.1).
-int WishedExpires(const nsip_message& request) {
+int RequestedExpires(const nsip_message& request) {
   const nsip_generic_param* parameter = nullptr;
   if (!request.contacts.empty() &&
       nsip_generic_param_get_byname(request.contacts.front()->params, "expires", &parameter) == 0) {
@@ -55,7 +55,7 @@ std::string Algorithm(const std::string& value) {
   return algorithm->value;
 }
 
-// What a reginfo document says of the one contact in it.
+// What a reginfo document says about the one contact in it.
 std::string ContactState(const std::string& body) {
   CXML document;
   if (document.SetDoc(std::string_view(body)) == 0) return "?";
@@ -64,13 +64,13 @@ std::string ContactState(const std::string& body) {
     if (document.FindElem(name) == 0 || document.IntoElem() == 0) return "?";
   }
   if (document.FindElem("contact") == 0) return "no binding";
-  return document.GetAttrib("state") + ", " + document.GetAttrib("event");
+  return "binding " + document.GetAttrib("state") + ", " + document.GetAttrib("event");
 }
 
 std::string ShortForm(const nsip_message& message, bool sent) {
   const std::string arrow = sent ? "-> " : "<- ";
   if (message.sip_method == "NOTIFY") {
-    return arrow + "NOTIFY CSeq " + std::to_string(message.cseq_number) + ": binding " +
+    return arrow + "NOTIFY CSeq " + std::to_string(message.cseq_number) + ": " +
            Printable(ContactState(message.body)) + "; subscription " +
            Printable(HeaderValue(message, "Subscription-State"));
   }
@@ -78,7 +78,7 @@ std::string ShortForm(const nsip_message& message, bool sent) {
     std::string text = arrow + message.sip_method + " " +
                        (message.req_uri ? nsip_uri_text(*message.req_uri) : std::string("?")) +
                        " CSeq " + std::to_string(message.cseq_number) + " Expires " +
-                       std::to_string(WishedExpires(message));
+                       std::to_string(RequestedExpires(message));
     const std::string credentials = HeaderValue(message, "Authorization");
     if (!credentials.empty()) text += " (digest " + Algorithm(credentials) + ")";
     return text;
@@ -92,13 +92,13 @@ std::string ShortForm(const nsip_message& message, bool sent) {
     text += " (wants digest " + Printable(Algorithm(challenge)) + ")";
   }
   if (message.status_code / 100 == 2) {
-    const int granted = WishedExpires(message);
+    const int granted = RequestedExpires(message);
     if (granted >= 0) text += " expires=" + std::to_string(granted);
   }
   return text;
 }
 
-// What the registrar saw, written down on its thread.
+// The REGISTER requests that the registrar took, noted on its thread.
 class RegistrarLog {
  public:
   struct Request {
@@ -109,7 +109,7 @@ class RegistrarLog {
   };
   void Add(const nsip_message& request) {
     const std::lock_guard lock(mutex_);
-    requests_.push_back({request.call_id, request.cseq_number, WishedExpires(request),
+    requests_.push_back({request.call_id, request.cseq_number, RequestedExpires(request),
                          !HeaderValue(request, "Authorization").empty()});
   }
   [[nodiscard]] std::vector<Request> Requests() const {
@@ -122,8 +122,8 @@ class RegistrarLog {
   std::vector<Request> requests_;
 };
 
-// Shows the session in short form, has the registrar take the binding out after the second refresh,
-// ends the session when it has come back, and remembers what it takes to judge it.
+// Shows the session in short form, has the registrar remove the binding after the second refresh,
+// ends the session when it is registered again, and keeps what the verdicts need.
 class Demo : public SessionListener {
  public:
   Demo(const RegisterOptions& options, registrar::Registrar& registrar)
@@ -142,7 +142,7 @@ class Demo : public SessionListener {
     if (notice.id == kNotifyOutcome && notice.result == 0) {
       if (removed_) {
         back_ = heard_ && bound;
-        // So that the subscription is seen, too.
+        // Time for the subscription to be shown, too.
         session_->EndIn(std::chrono::milliseconds(500));
       } else {
         bound_ = bound;
@@ -161,23 +161,23 @@ class Demo : public SessionListener {
     Line(time, ShortForm(*message, item.sent));
     if (message->cseq_method != "REGISTER" || removed_) return;
     if (item.sent) {
-      wish_ = WishedExpires(*message);
-      if (interval_too_brief_ && wish_ == kMinExpires) longer_wish_ = true;
+      requested_ = RequestedExpires(*message);
+      if (interval_too_brief_ && requested_ == kMinExpires) asked_for_longer_ = true;
       return;
     }
     if (message->status_code == 401) challenged_ = true;
     if (message->status_code == 423) interval_too_brief_ = true;
-    // The first 200 is the success, the following ones answer refreshes, until the wish is 0.
-    if (message->status_code == 200 && wish_ > 0 && ++accepted_ == 1 + kRefreshes) {
+    // The first 200 is the success; those that follow belong to refreshes, until 0 is asked for.
+    if (message->status_code == 200 && requested_ > 0 && ++accepted_ == 1 + kRefreshes) {
       removed_ = std::chrono::system_clock::now();
       registrar::Order order;
       order.event = registrar::ContactEvent::kDeactivated;
       order.aor = kAor;
       std::string error;
       const bool done = registrar_.Apply(order, error);
-      Line(time, done ? "Two refreshes have been answered. Now the registrar takes the binding "
-                        "out, and nothing but its NOTIFY tells."
-                      : "The registrar could not take the binding out: " + error);
+      Line(time, done ? "Two refreshes have been accepted. Now the registrar removes the "
+                        "binding, and only its NOTIFY says so."
+                      : "The registrar could not remove the binding: " + error);
     }
   }
 
@@ -190,7 +190,7 @@ class Demo : public SessionListener {
     output_.Write(column + text + "\n");
   }
 
-  // true when all promises were kept; each is printed with its verdict.
+  // Prints each promise with its verdict; true when all were kept.
   [[nodiscard]] bool Judge(int session_status, const std::vector<RegistrarLog::Request>& requests) {
     bool all = true;
     const auto promise = [&](bool kept, const char* text) {
@@ -210,19 +210,19 @@ class Demo : public SessionListener {
     output_.Write("\nWhat had to happen:\n");
     promise(challenged_ && !requests.empty() && !requests.front().authorised &&
                 authorised_refreshes > 0,
-            "the registrar's challenge was answered with digest");
-    promise(interval_too_brief_ && longer_wish_, "a 423 was answered with a longer expiry");
+            "the registrar's challenge was met with digest credentials");
+    promise(interval_too_brief_ && asked_for_longer_, "after a 423 a longer expiry was asked for");
     promise(bound_, "the registration succeeded, and the registrar held one binding");
     promise(accepted_ >= 1 + kRefreshes && authorised_refreshes >= 1 + kRefreshes,
-            "two refreshes were sent in time and answered");
-    promise(heard_, "the registrar took the binding out, and within two seconds that was known");
-    promise(back_, "it was registered anew, and the registrar held one binding again");
+            "two refreshes were sent in time and accepted");
+    promise(heard_, "the registrar removed the binding, and the client knew within two seconds");
+    promise(back_, "it was registered again, and the registrar held one binding");
     promise(calls == 2 && rising,
             "each of the two registrations had one Call-ID and a rising CSeq");
     promise(deregistered_ && session_status == kExitOk && !requests.empty() &&
                 requests.back().expires == 0 && registrar_.Bindings(kAor).empty() &&
                 registrar_.Subscriptions(kAor).empty(),
-            "the deregistration was answered, and neither binding nor subscription was left");
+            "the deregistration was accepted, and neither binding nor subscription was left");
     promise(took < std::chrono::seconds(20), "all of it took less than 20 seconds");
     return all;
   }
@@ -235,13 +235,13 @@ class Demo : public SessionListener {
   const WallTime start_;
   Session* session_ = nullptr;
   Output output_;
-  int wish_ = -1;
+  int requested_ = -1;
   int accepted_ = 0;
   bool challenged_ = false;
   bool interval_too_brief_ = false;
-  bool longer_wish_ = false;
+  bool asked_for_longer_ = false;
   bool bound_ = false;
-  std::optional<WallTime> removed_;  // the registrar has taken the binding out
+  std::optional<WallTime> removed_;  // the registrar has removed the binding
   bool heard_ = false;
   bool back_ = false;
   bool deregistered_ = false;
@@ -260,7 +260,7 @@ int RunDemo() {
 
   RegisterOptions options;
   options.aor = kAor;
-  options.expires = kWishedExpires;
+  options.expires = kRequestedExpires;
   options.display_name = "Alice";
   options.user_agent = "tolvane-demo";
   options.subscribe = true;
@@ -292,7 +292,7 @@ int RunDemo() {
       ", inside this process and on loopback only. It wants digest\nauthentication and grants no "
       "less than " +
       std::to_string(kMinExpires) + " s; " + options.aor + " asks it for " +
-      std::to_string(kWishedExpires) + " s.\n\n");
+      std::to_string(kRequestedExpires) + " s.\n\n");
   Session session(options, inbox, demo);
   demo.SetSession(session);
   const int status = session.Run();

@@ -7,7 +7,7 @@ namespace host {
 namespace {
 
 constexpr KDint32 kWakeUp = KD_EVENT_USER + 1;
-// A trace that nobody reads must not eat the memory of the machine.
+// A trace that is not read must not fill the memory of the machine.
 constexpr std::size_t kMaxItems = 100'000;
 
 }  // namespace

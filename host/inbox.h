@@ -1,4 +1,4 @@
-// What other threads have to tell the main thread: notifications of the bus, messages of the trace,
+// What other threads pass to the main thread: notifications of the bus, messages of the trace,
 // signals.
 #pragma once
 
@@ -37,15 +37,15 @@ struct InboxItem {
   std::variant<NotificationItem, TraceItem, SignalItem> what;
 };
 
-// A queue into the thread that made it. Push is for any thread; Pop for the maker, whose
-// kdWaitEvent returns when something has come in. It must outlive everybody who pushes.
+// A queue into the thread that made it. Any thread may call Push; the thread that made it calls
+// Pop, and its kdWaitEvent returns when an item has come in. It must outlive every caller of Push.
 class Inbox {
  public:
   Inbox();
   Inbox(const Inbox&) = delete;
   Inbox& operator=(const Inbox&) = delete;
 
-  // Never throws; what finds no memory is counted and lost.
+  // Never throws; an item that gets no memory is counted and lost.
   void Push(std::variant<NotificationItem, TraceItem, SignalItem> what) noexcept;
   [[nodiscard]] bool Pop(InboxItem& item);
   [[nodiscard]] std::uint64_t lost() const;

@@ -17,7 +17,7 @@ namespace host {
 namespace {
 
 constexpr const char* kLogFile = "Tolvane.log";
-// The component promises to take paths of 260 bytes, the end included.
+// The component takes paths of 260 bytes, the terminating zero included.
 constexpr std::size_t kMaxLogPath = 259;
 
 std::optional<std::string> CheckSipUri(const std::string& text, nsip_uri& uri) {
@@ -93,16 +93,14 @@ std::string Quoted(const std::string& text) {
   return "\"" + shown + "\"";
 }
 
-// Between the display name and its URI nothing may be misread: what comes back must be what went
-// in.
+// The display name and its URI are parsed together: the result must be the name that was given.
 std::optional<std::string> CheckDisplayName(const std::string& name, const std::string& aor) {
   nsip_from parsed;
   if (HasControl(name) || !IsUtf8(name) || !nsip_from_parse(name + "<" + aor + ">", parsed) ||
       parsed.displayname != name) {
     return Quoted(name) +
            " cannot be used; a display name holds no quotes, angle brackets or control characters "
-           "and no "
-           "blanks at its ends";
+           "and no blanks at its ends";
   }
   return std::nullopt;
 }
@@ -213,7 +211,7 @@ std::optional<std::string> ResolveDirectory(const std::string& text, std::string
   if (text.empty()) return "is empty; name a directory, or \".\" for the current one";
   std::error_code error;
   const std::string path = std::filesystem::absolute(text, error).string();
-  if (error) return Quoted(text) + ": the current directory cannot be told: " + error.message();
+  if (error) return Quoted(text) + ": the current directory is unknown: " + error.message();
   if (HasControl(path) || !IsUtf8(path)) {
     return Quoted(path) + " holds control characters or is not UTF-8";
   }
@@ -223,7 +221,8 @@ std::optional<std::string> ResolveDirectory(const std::string& text, std::string
 
 std::optional<std::string> PrepareLogDirectory(const std::string& absolute, int files) {
   if (absolute.find('\\') != std::string::npos) {
-    return Quoted(absolute) + " holds a backslash, which the log takes for a \"/\"; name another";
+    return Quoted(absolute) +
+           " holds a backslash, which the log takes for a \"/\"; name another directory";
   }
   const std::string live = absolute + (absolute.ends_with('/') ? "" : "/") + kLogFile;
   const std::size_t longest = live.size() + std::to_string(files).size() + 1;

@@ -15,20 +15,20 @@ constexpr const char* kExamples = R"(Examples:
   tolvane demo
       Shows one registration from beginning to end on loopback; needs no network and no settings.
   tolvane register --aor sip:alice@example.com --registrar sip:example.com
-      Registers and keeps the binding fresh until Ctrl-C, then gives it back.
+      Registers and keeps the binding fresh until Ctrl-C, then removes it.
   tolvane register --aor sip:alice@example.com --registrar sip:registrar.example.com:5060 \
       --auth-user alice --auth-password-file secret.txt --expires 600 --trace
       The same with digest authentication, showing each message as it goes and comes.
   tolvane register --aor sip:alice@example.com --registrar "sip:[2001:db8::1]" \
       --auto-reregister --reregister-interval 30 --duration 3600 --json
-      For one hour, over IPv6; a lost registration is brought back; one JSON object a line.
+      For one hour, over IPv6; a lost registration is made again; one JSON object a line.
   tolvane register --aor sip:alice@example.com --registrar sip:example.com --subscribe
-      Tells at once when the registrar ends the binding, and ends then.
+      Reports at once when the registrar ends the binding, and ends then.
   tolvane check-config --work-dir /etc/tolvane
       Shows the templates in /etc/tolvane/TOLVANE.xml, or what is wrong with them and where.
   tolvane register --aor sip:alice@example.com --registrar sip:example.com \
       --work-dir /etc/tolvane --log-dir /var/log/tolvane --log-level 1
-      With these templates, which SIGHUP reads anew, and warnings and errors in a log.
+      With these templates, which SIGHUP reads again, and warnings and errors in a log.
 
 Exit status: 0 registered and deregistered; 1 the registration failed or was lost;
              2 wrong usage, or faults in the templates;
@@ -79,12 +79,12 @@ void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
   app.add_flag("--auto-refresh,!--no-auto-refresh", o.auto_refresh,
                "refresh the binding before it ends (on unless switched off)");
   app.add_flag("--subscribe", o.subscribe,
-               "follow the registrar's own view of the binding (event package \"reg\"): hear of it "
+               "follow the registrar's own view of the binding (event package \"reg\"): report it "
                "when the registrar ends or changes it");
   app.add_flag("--auto-reregister", o.auto_reregister,
-               "bring a registration back that got lost, or that the registrar ended (unless it "
+               "make a registration again that got lost, or that the registrar ended (unless it "
                "rejects it); needs --reregister-interval");
-  app.add_option("--reregister-interval", raw.interval, "seconds between attempts to bring it back")
+  app.add_option("--reregister-interval", raw.interval, "seconds between attempts to make it again")
       ->type_name("S");
   app.add_option("--auth-user", o.auth_user, "user name for digest authentication")
       ->type_name("USER");
@@ -111,7 +111,7 @@ void AddRegisterOptions(CLI::App& app, RawOptions& raw) {
                  "0 errors, 1 warnings too, 2 the course of events too, 3 everything (default 3)")
       ->type_name("0..3");
   app.add_option("--log-max-size", raw.log_max_size,
-                 "size at which the log is copied away and begun anew (default 5)")
+                 "size at which the log is copied away and begun again (default 5)")
       ->type_name("MIB");
   app.add_option("--log-files", raw.log_files,
                  "how many such copies are kept beside the log (default 2)")
@@ -258,7 +258,7 @@ CommandLine ParseCommandLine(int argc, char** argv) {
                                  ? "there is no command " + Quoted(argv[1]) +
                                        "; the commands are register, check-config and demo"
                                  : std::string(error.what());
-    std::fprintf(stderr, "tolvane: %s\nRun \"tolvane --help\" to see what can be asked.\n",
+    std::fprintf(stderr, "tolvane: %s\nRun \"tolvane --help\" to see the commands.\n",
                  what.c_str());
     line.exit_status = kExitUsage;
     return line;

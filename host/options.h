@@ -1,4 +1,4 @@
-// The command line of `tolvane`: what may be asked.
+// The command line of `tolvane`.
 #pragma once
 
 #include <chrono>
@@ -19,12 +19,12 @@ inline constexpr int kExitNoStart = 3;  // the plug-in, its log or the network c
 inline constexpr std::chrono::milliseconds kLeastT1{10};
 inline constexpr std::chrono::milliseconds kMostT1{4000};
 
-// What the component does by itself where a document does not tell it otherwise.
+// The component's own value where a document names none.
 inline constexpr int kDefaultLogFiles = 2;
 
 struct LogOptions {
   std::string directory;  // from the root; empty: no log
-  // Without a value the component takes its own.
+  // Without a value the component uses its own.
   std::optional<int> level;
   std::optional<int> max_size;  // MiB
   std::optional<int> files;
@@ -56,13 +56,12 @@ struct RegisterOptions {
 struct CommandLine {
   enum class Verb { kExit, kRegister, kCheckConfig, kDemo };
   Verb verb = Verb::kExit;
-  int exit_status = kExitOk;  // with kExit: everything has been said already
+  int exit_status = kExitOk;  // with kExit: what there was to print has been printed
   RegisterOptions options;    // with kCheckConfig: work_dir only
 };
 
-// Reads and checks the command line and TOLVANE_AUTH_PASSWORD (which is taken out of the
-// environment). Help, version and complaints are printed here. Where a log is asked for its
-// directory is made.
+// Reads and checks the command line and TOLVANE_AUTH_PASSWORD, which it removes from the
+// environment. Prints help, version and what is wrong. Makes the directory of a log.
 [[nodiscard]] CommandLine ParseCommandLine(int argc, char** argv);
 
 }  // namespace host

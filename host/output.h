@@ -1,4 +1,4 @@
-// Lines on the standard output that never hold the program up.
+// Lines on the standard output; a reader that does not read cannot stop the program.
 #pragma once
 
 #include <string>
@@ -6,9 +6,9 @@
 
 namespace host {
 
-// Main thread only. A reader who went away is told of once on the standard error; from then on
-// lines are dropped. A reader who does not read costs half a second once; from then on lines are
-// dropped until there is room again: refreshing the binding is worth more than a complete output.
+// Main thread only. When the reader has gone, the standard error says so once, and further lines
+// are dropped. When the reader does not read, Write waits half a second once, and then lines are
+// dropped until there is room again: refreshing the binding matters more than a complete output.
 class Output {
  public:
   explicit Output(int fd = 1) : fd_(fd) {}
@@ -19,7 +19,7 @@ class Output {
   int fd_;
   bool closed_ = false;
   bool stalled_ = false;
-  bool torn_ = false;  // the last line did not get out whole
+  bool torn_ = false;  // only a part of the last line was written
 };
 
 }  // namespace host

@@ -9,7 +9,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Bytes of the other side that are not UTF-8 must not cost the line.
+// A peer's bytes that are not UTF-8 are replaced, so that the line is printed in any case.
 std::string JsonLine(Json object, WallTime time) {
   object["time"] = Rfc3339(time);
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -1,4 +1,4 @@
-// Shows a session to a person, or to a program as JSON lines.
+// Prints a session for a person, or for a program as JSON lines.
 #pragma once
 
 #include <string>

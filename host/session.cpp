@@ -23,8 +23,8 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// The stack gives an unanswered request up when timer F fires. Its verdict should be heard, so
-// whoever waits for a response waits this much longer.
+// Without a response the stack gives a request up when timer F fires. Its verdict should come first,
+// so the session waits this much longer for a response.
 constexpr milliseconds kBeyondTimerF = 3s;
 // After so many T1, two seconds by default, a person is told that the response is late.
 constexpr int kPatience = 4;
@@ -62,8 +62,8 @@ int Session::Run() {
   }
   if (bus_.Load(options_.subscribe, error) && Prepare(error)) {
     Loop();
-    // What the end has left in this thread's queue (a timer to stop) is done before the plug-in
-    // goes.
+    // The end may have left an event in this thread's queue, such as a timer to stop. It is handled
+    // before the plug-in is unloaded.
     kdPumpEvents();
   } else {
     std::fprintf(stderr, "tolvane: the plug-in could not be started: %s\n", error.c_str());
@@ -80,7 +80,7 @@ int Session::Run() {
 
 void Session::Unload() {
   const auto deadline = hurry_ ? kHurriedDeadline : milliseconds(kUnloadDeadline);
-  // The last words of a notifier take the stack. Without it nothing is left to wait for.
+  // The last NOTIFYs come through the stack. Without the stack there is nothing to wait for.
   if (!hurry_) bus_.UnloadSubscriptions(deadline);
   bus_.UnloadComponent(deadline);
   sipcarrier::Stop(hurry_ ? kHurriedDeadline : milliseconds(kStopDeadline));
@@ -109,7 +109,7 @@ bool Session::StartStack(std::string& error) {
   return sipcarrier::Start(config, error) == 0;
 }
 
-// The notification of a deregistration does not say how the REGISTER was answered; the wire does.
+// The notification of a deregistration does not contain the status of the response; the wire does.
 void Session::NoteReceived(std::string_view message) noexcept {
   constexpr std::string_view kVersion = "SIP/2.0 ";
   int status = 0;
@@ -118,12 +118,9 @@ void Session::NoteReceived(std::string_view message) noexcept {
   std::from_chars(message.data(), message.data() + message.size(), status);
   if (status < 200) return;
   last_status_ = status;
-  ++answers_;
+  ++responses_;
 }
 
-// The log comes first, so that it holds the reading of the configuration as well. It is not
-// switched off again: the component closes it when it is unloaded, behind the last record of its
-// end.
 bool Session::Prepare(std::string& error) {
   const auto took = [this, &error](const Answer& answer, int wanted) {
     listener_.OnAnswer(std::chrono::system_clock::now(), answer);
@@ -141,9 +138,9 @@ void Session::ReloadConfig() {
   const ConfigReading reading = ReadConfiguration(options_.work_dir);
   PrintFaults(reading);
   for (const std::string& fault : reading.faults) {
-    Remark("Not read anew, the former templates stay: " + fault);
+    Remark("Not read again, the former templates stay: " + fault);
   }
-  // Faults or not: the component finds them, too, and tells its log.
+  // Also with faults: the component finds them, too, and writes them into its log.
   const Answer answer = bus_.ReadConfig();
   if (reading.faults.empty()) listener_.OnAnswer(std::chrono::system_clock::now(), answer);
 }
@@ -178,7 +175,7 @@ void Session::Handle(const InboxItem& item) {
     ReloadConfig();
   } else if (phase_ == Phase::kEnding || end_requested_) {
     hurry_ = true;
-    Remark("Told to end a second time: waiting for nobody.");
+    Remark("Told to end a second time: not waiting any more.");
     Finish(kExitFailed);
   } else {
     end_requested_ = true;
@@ -189,7 +186,7 @@ void Session::OnNotice(WallTime time, const NotificationItem& item) {
   if (item.source == kSubscriptionIdentity) return OnSubscriptionOver();
   const Notice notice = ReadNotice(item.id, item.document);
   listener_.OnNotification(
-      time, item, notice, {Unanswered(notice), phase_ == Phase::kEnding || phase_ == Phase::kDone});
+      time, item, notice, {NoResponse(notice), phase_ == Phase::kEnding || phase_ == Phase::kDone});
   if (phase_ == Phase::kDone || notice.registration != registration_) return;
   switch (notice.id) {
     case kNotifyOutcome:
@@ -207,18 +204,18 @@ void Session::OnNotice(WallTime time, const NotificationItem& item) {
   }
 }
 
-// Each success asks for the subscription again; a registrar without such a thing is told of once.
+// Each success subscribes again; that the registrar offers no subscription is said once.
 void Session::OnSubscriptionOver() {
   if (phase_ != Phase::kRegistered || view_missed_) return;
   view_missed_ = true;
   Remark(
-      "The registrar does not tell its own view of the binding, or has stopped to; it is asked "
+      "The registrar does not give its own view of the binding, or has stopped to; it is asked "
       "again with every refresh.");
 }
 
 void Session::OnOutcome(const Notice& notice) {
   if (notice.result != 0) {
-    // Silence ends an attempt to come back, but not the wish; a refusal does.
+    // An attempt to which no response came is made again; a refusal ends the session.
     if (phase_ != Phase::kLost || notice.error_code != 0) return Finish(kExitFailed);
     forgotten_ = true;
     return LoseRegistration(seconds(options_.reregister_interval));
@@ -230,8 +227,8 @@ void Session::OnOutcome(const Notice& notice) {
 }
 
 void Session::OnLost(const Notice& notice) {
-  // A document that was on its way when the deregistration began has the component forget the
-  // registration without a word. The answer to the deregistration is then seen on the wire only.
+  // A document that was on its way when the deregistration began has made the component forget the
+  // registration. The response to the deregistration is then seen on the wire only.
   if (phase_ == Phase::kEnding && notice.event.empty()) {
     forgotten_ = true;
     return;
@@ -242,9 +239,10 @@ void Session::OnLost(const Notice& notice) {
     forgotten_ = true;
     return LoseRegistration(seconds(options_.reregister_interval));
   }
-  // After silence the component tries again by itself, but it gives up without a word when the
-  // registrar then refuses; after a refusal it waits for a new command. Asking again under the same
-  // id covers both: the answer tells when the component no longer knows the registration.
+  // Without a response the component tries again by itself, but it gives up without a notification
+  // when the registrar then refuses; after a refusal it waits for a new command. A register command
+  // under the same id covers both: its result says whether the component still knows the
+  // registration.
   const seconds interval(options_.reregister_interval);
   LoseRegistration(notice.event == "timeout" ? std::max<milliseconds>(4 * interval, 2 * TimerF())
                                              : std::max(interval, seconds(notice.retry_after)));
@@ -264,10 +262,10 @@ void Session::AskAgain() {
   listener_.OnAnswer(time, answer);
   if (forgotten_) registration_ = ReadRegistrationId(answer);
   if (answer.result != 0) {
-    Remark("The registrar does not take the registration back; giving up.");
+    Remark("The component could not begin the registration again; giving up.");
     return Finish(kExitFailed);
   }
-  // The outcome of a new registration is always told.
+  // The outcome of a new registration is always notified.
   if (forgotten_) return;
   again_at_ = After(
       std::max<milliseconds>(seconds(options_.reregister_interval), TimerF() + kBeyondTimerF));
@@ -277,7 +275,7 @@ void Session::BeginEnd() {
   phase_ = Phase::kEnding;
   end_at_.reset();
   again_at_.reset();
-  answers_at_end_ = answers_;
+  responses_at_end_ = responses_;
   timeouts_at_end_ = sipcarrier::GetCounters().timeouts;
   const WallTime time = std::chrono::system_clock::now();
   const Answer answer = bus_.Deregister(registration_);
@@ -287,7 +285,7 @@ void Session::BeginEnd() {
     patience_at_ = After(kPatience * options_.t1);
     return;
   }
-  // Nothing was registered any more; a notification that says why may be on its way.
+  // Nothing was registered any more. A notification with the reason may be on its way.
   brunelib::DrainNotifications(1s);
   DrainInbox();
   if (phase_ != Phase::kDone) Finish(kExitFailed);
@@ -300,16 +298,16 @@ void Session::CheckDeadlines() {
   };
   if (phase_ == Phase::kDone) return;
   if (phase_ != Phase::kEnding && (end_requested_ || due(end_at_))) return BeginEnd();
-  if (phase_ == Phase::kEnding && forgotten_ && answers_ != answers_at_end_) {
-    return FinishAnswered();
+  if (phase_ == Phase::kEnding && forgotten_ && responses_ != responses_at_end_) {
+    return FinishByResponse();
   }
   if (due(give_up_at_)) {
-    Remark("The deregistration has not been answered; the binding ends when its time is over.");
+    Remark("No response came to the deregistration; the binding ends when it expires.");
     return Finish(kExitFailed);
   }
   if (due(patience_at_)) {
     patience_at_.reset();
-    Remark("No answer yet; waiting. Another Ctrl-C ends the wait.");
+    Remark("No response yet; waiting. Another Ctrl-C ends the wait.");
   }
   if (due(again_at_)) AskAgain();
 }
@@ -325,36 +323,36 @@ std::int64_t Session::NextWait() const {
 }
 
 void Session::OnDeregistered(const Notice& notice) {
-  if (phase_ != Phase::kEnding || !was_registered_ || DeregistrationUnanswered(notice)) {
+  if (phase_ != Phase::kEnding || !was_registered_ || NoResponseToDeregister(notice)) {
     return Finish(kExitFailed);
   }
-  notice.by_view ? Finish(kExitOk) : FinishAnswered();
+  notice.by_view ? Finish(kExitOk) : FinishByResponse();
 }
 
-void Session::FinishAnswered() {
+void Session::FinishByResponse() {
   const int status = last_status_;
   if (status < 300) return Finish(kExitOk);
-  Remark("The registrar refused to take the binding out (" + std::to_string(status) +
-         "); it ends when its time is over.");
+  Remark("The registrar refused to remove the binding (" + std::to_string(status) +
+         "); it ends when it expires.");
   Finish(kExitFailed);
 }
 
-bool Session::Unanswered(const Notice& notice) {
-  if (notice.id == kNotifyDeregistered) return DeregistrationUnanswered(notice);
+bool Session::NoResponse(const Notice& notice) {
+  if (notice.id == kNotifyDeregistered) return NoResponseToDeregister(notice);
   const std::uint64_t timeouts = sipcarrier::GetCounters().timeouts;
   const bool grown = timeouts > timeouts_seen_;
   timeouts_seen_ = timeouts;
   return grown;
 }
 
-// The notification does not tell; but when a REGISTER has been given up, or none has been answered
-// since the command, nobody has answered. The answer to an earlier REGISTER may have caused the
-// notification, so the right one gets a moment to arrive.
-bool Session::DeregistrationUnanswered(const Notice& notice) const {
+// The notification does not say whether a response came. None did when a REGISTER has been given
+// up, or when no response to one has come since the command. The response to an earlier REGISTER
+// may have caused the notification, so the right one gets a moment to arrive.
+bool Session::NoResponseToDeregister(const Notice& notice) const {
   if (notice.by_view) return false;
   if (sipcarrier::GetCounters().timeouts > timeouts_at_end_) return true;
   for (int i = 0; i < 50; ++i) {
-    if (answers_ != answers_at_end_) return false;
+    if (responses_ != responses_at_end_) return false;
     if (hurry_) break;
     std::this_thread::sleep_for(10ms);
   }

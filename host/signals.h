@@ -8,10 +8,10 @@
 
 namespace host {
 
-// Blocks the three signals for this thread and all that it starts later, so it is made before any
-// other thread; a thread of its own waits for them. The destructor ends that thread and leaves the
-// signals blocked: the program is about to end. SIGPIPE is ignored: a reader who goes away must not
-// cost the deregistration.
+// Blocks the three signals for this thread and all that it starts later, so it must be made before
+// any other thread; a thread of its own waits for them. The destructor ends that thread and leaves
+// the signals blocked, since the program is about to end. SIGPIPE is ignored: a reader of the
+// output that goes away must not prevent the deregistration.
 class SignalWatch {
  public:
   explicit SignalWatch(Inbox& inbox);

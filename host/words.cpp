@@ -34,7 +34,7 @@ std::string Status(const Notice& notice) {
          ")";
 }
 
-// The registrar's reason and wish, as far as it gave any.
+// The reason in the registrar's Warning and the time in its Retry-After, as far as it gave any.
 std::string Reason(const Notice& notice) {
   std::string text;
   if (!notice.warn_text.empty()) {
@@ -52,20 +52,19 @@ std::string Reason(const Notice& notice) {
 std::string DescribeFailure(const Notice& notice, const RegisterOptions& options, bool unanswered) {
   if (notice.error_code == 0) {
     if (unanswered) {
-      return "Registration failed: no answer came from " + options.registrar +
+      return "Registration failed: no response came from " + options.registrar +
              ". Is the address right, and does the network let UDP through?" + Reason(notice);
     }
-    return "Registration failed: no answer came from " + options.registrar +
-           ", or nothing could be sent there. Does the host exist, does somebody listen on that "
-           "port, and is "
-           "there a route to it?" +
+    return "Registration failed: no response came from " + options.registrar +
+           ", or nothing could be sent there. Does the host exist, does a registrar listen on that "
+           "port, and is there a route to it?" +
            Reason(notice);
   }
   std::string text =
-      "Registration failed: the registrar answered " + Status(notice) + "." + Reason(notice);
+      "Registration failed: the registrar responded with " + Status(notice) + "." + Reason(notice);
   if (notice.error_code == 401 || notice.error_code == 407) {
     text += options.auth_user.empty()
-                ? " It wants to know who asks: give --auth-user and a password."
+                ? " It wants digest authentication: give --auth-user and a password."
                 : " User name or password do not fit, or it offers no digest algorithm that is "
                   "known here.";
   }
@@ -77,12 +76,12 @@ std::string DescribeState(const Notice& notice, const RegisterOptions& options, 
   const std::string word = event.empty() ? "" : " (" + event + ")";
   if (notice.state == "Active") return "The registrar's own view: the binding stands" + word + ".";
   if (ending && event.empty()) {
-    return "News of the registrar's own view came in between; the answer is awaited.";
+    return "The registrar's own view came before its response, which is waited for.";
   }
   if (ending) return "The registrar's own view: the binding is gone" + word + ".";
   std::string text = "Registration lost: ";
   if (notice.event == "timeout") {
-    text += "a refresh was not answered, or could not be sent.";
+    text += "no response came to a refresh, or it could not be sent.";
     if (options.auto_reregister) {
       text += " It is tried again every " + Seconds(options.reregister_interval) + ".";
     }
@@ -93,15 +92,15 @@ std::string DescribeState(const Notice& notice, const RegisterOptions& options, 
     if (!options.auto_reregister) {
       text += " Without --auto-reregister that is the end.";
     } else if (notice.event != kRejected) {
-      text += " It is registered anew in " + Seconds(options.reregister_interval) + ".";
+      text += " It is registered again in " + Seconds(options.reregister_interval) + ".";
     }
   }
   return text + Reason(notice);
 }
 
-// How many bytes make up the control character with which a text begins; 0 when it is none. Of
-// UTF-8, terminals obey those of U+0080 to U+009F too, and the marks that turn the direction make a
-// line look like another one.
+// The number of bytes of the control character with which a text begins; 0 when there is none. Of
+// UTF-8, terminals obey U+0080 to U+009F, too, and the marks that change the direction of writing
+// make a line look like another one.
 std::size_t ControlAt(std::string_view text) {
   const auto byte = [text](std::size_t at) -> unsigned {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
@@ -130,7 +129,7 @@ std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options)
       return say(0, "The working directory is " + options.work_dir + ".",
                  "The working directory was not taken");
     case kCommandReadConfig:
-      return say(kResultRan, "The templates have been read; they count from the next REGISTER on.",
+      return say(kResultRan, "The templates have been read; they apply from the next REGISTER on.",
                  "The templates could not be read");
     case kCommandRegister:
       return say(0,
@@ -139,16 +138,16 @@ std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options)
                      std::to_string(ReadRegistrationId(answer)) + ").",
                  "The registration could not be begun");
     default:
-      return say(0, "Deregistering " + options.aor + ".", "There was no registration to give back");
+      return say(0, "Deregistering " + options.aor + ".", "There was no registration to end");
   }
 }
 
 std::string_view RegistrarsEnd(std::string_view event) {
   static constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kWords{{
-      {"expired", "the registrar says that the binding's time is over"},
-      {"deactivated", "the registrar has taken the binding out and asks for a new one"},
-      {"probation", "the registrar has taken the binding out for a while"},
-      {"unregistered", "the binding has been taken out at the registrar"},
+      {"expired", "the registrar says that the binding has expired"},
+      {"deactivated", "the registrar has removed the binding and asks for a new one"},
+      {"probation", "the registrar has removed the binding for a while"},
+      {"unregistered", "the binding has been removed at the registrar"},
       {kRejected, "the registrar does not allow the binding any more"},
       {"shorted", "the registrar has cut the binding short, and no REGISTER could be sent"},
   }};
@@ -166,16 +165,15 @@ std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
       return "Registered: the registrar holds a binding for " +
              Printable(notice.uri.empty() ? options.aor : notice.uri) + "." +
              (options.auto_refresh
-                  ? " It is refreshed before it ends."
-                  : " It is not refreshed and ends after the seconds that were granted.");
+                  ? " It is refreshed before it expires."
+                  : " It is not refreshed and expires after the seconds that were granted.");
     case kNotifyDeregistered:
       if (circumstances.unanswered) {
-        return "Deregistered here, but nobody answered: the registrar may keep the binding until "
-               "its time is "
-               "over.";
+        return "Deregistered here, but no response came: the registrar may keep the binding until "
+               "it expires.";
       }
       return notice.by_view ? "Deregistered: the registrar's own view shows it."
-                            : "Deregistered: the registrar has answered.";
+                            : "Deregistered: the registrar has responded.";
     case kNotifyState:
       return DescribeState(notice, options, circumstances.ending);
     case kNotifyServiceLost:

@@ -10,7 +10,7 @@
 
 namespace {
 
-// How long the end of the plug-in waits for notifiers to say goodbye.
+// How long the end of the plug-in waits for the last NOTIFYs.
 constexpr std::chrono::milliseconds kPatience{2000};
 
 // Set from Initialize to Uninitialize; commands hold the lock shared.

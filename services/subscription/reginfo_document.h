@@ -1,5 +1,5 @@
-// A reginfo document (RFC 3680 §5) as ranges of its text, for who changes a few values in it and
-// leaves everything else as it came.
+// A reginfo document (RFC 3680 §5) as ranges of its text, so that a few values can be changed and
+// everything else stays as it came.
 #pragma once
 
 #include <cstddef>
@@ -41,8 +41,8 @@ struct ReginfoDocument {
   ReginfoAttribute state;
   std::vector<ReginfoRegistration> registrations;  // in the order of the text
   std::vector<ReginfoContact> contacts;
-  // The root's namespace prefix with its colon; some registrars write <ri:reginfo>, and readers
-  // that look at names alone do not find that. Where the prefix stands in front of a name:
+  // Where the root's namespace prefix and its colon stand in front of a name. Some registrars write
+  // <ri:reginfo>, which a reader that looks at names alone does not find.
   std::vector<TextRange> prefixes;
 
   [[nodiscard]] bool full() const { return state.value == "full"; }

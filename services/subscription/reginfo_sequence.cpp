@@ -180,7 +180,7 @@ class ReginfoSequence::Step {
       for (const nsip_uri& ours : ours_) best = std::max(best, Compare(ours, *uri));
     }
     // While the client moves to another address, the registrar may know the former one only. Its
-    // end, though, is no news.
+    // end, though, is not reported.
     if (best == kStranger && contact.uri == state_.own_uri && (ours_.empty() || !Ended(contact))) {
       best = kRemembered;
     }

@@ -63,7 +63,7 @@ struct Service::Follower {
 
   const std::string address;
   const std::string key;
-  std::atomic<bool> closing{false};  // only the end of the client's own contact is still news
+  std::atomic<bool> closing{false};  // only the end of the client's own contact is still reported
   ReginfoSequence sequence;          // the I/O thread's
 };
 
@@ -93,7 +93,7 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
   std::string key = KeyOf(info.to);
   if (key.empty()) return -1;
 
-  // Whatever fails, fails before there is a subscription that nobody knows: its row is made first.
+  // The row is made first: what lacks memory fails before there is a subscription without a row.
   decltype(followers_) rows;
   rows.emplace(0, std::make_shared<Follower>(info.to, key));
   auto row = rows.extract(0);
@@ -113,7 +113,6 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
     }
   }
   if (id < 0) return -1;
-  // Two dialogs of one address of record would tell everything twice, and one of them for ever.
   if (former > 0) Close(former);
   try {
     SUB_LOG(E_LOG_INFO, (Name(id) + " begins: " + info.to).c_str());
@@ -121,7 +120,7 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
     out.AddChildElem("id", static_cast<int>(id), 0);
     out.ResetPos();
   } catch (const std::bad_alloc&) {
-    Close(id);  // who does not hear its id cannot end it
+    Close(id);  // a client without the id could not end it
     throw;
   }
   return 0;
@@ -165,7 +164,7 @@ void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
       Express(kNotifyBody, id, {{"event", kEvent}, {"msgbody", result.document.c_str()}});
     }
   } catch (const std::bad_alloc&) {
-    // The document is lost; a full one makes up for it.
+    // The document is lost; a full one replaces it.
     (void)sivra::RefreshSubscription(id);
   }
 }
@@ -177,7 +176,7 @@ void Service::OnEnd(long id, int status, const std::string& reason) {
                          (status > 0 ? " (" + std::to_string(status) + ")" : ""))
                             .c_str());
   } catch (const std::bad_alloc&) {
-    SUB_LOG(E_LOG_ERROR, "no memory to tell the end of a subscription");
+    SUB_LOG(E_LOG_ERROR, "no memory to report the end of a subscription");
   }
   const std::lock_guard lock(mutex_);
   const auto found = followers_.find(id);
@@ -188,7 +187,7 @@ void Service::OnEnd(long id, int status, const std::string& reason) {
   if (followers_.empty()) none_left_.notify_all();
 }
 
-// Begins the end of a subscription. False: it is not known.
+// Begins to end a subscription. False: it is unknown.
 bool Service::Close(long id) {
   const auto follower = Find(id);
   if (follower == nullptr) return false;

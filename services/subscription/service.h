@@ -1,16 +1,20 @@
-// The subscription service: keeps SIP subscriptions on behalf of components of the bus, and hands
-// them the bodies that the notifiers send.
+// The subscription service: keeps SIP subscriptions on behalf of components of the bus and gives
+// them the bodies of the NOTIFYs.
 //
 // Commands (documents with the root "sub"):
-//   2        from, to, event ("reg"), expires (seconds), ifrefresh -> id, at once; the network
-//            follows
-//   3        id: ends the subscription
-//   0x10004  log switch, the component's document: TRUE writes into the log of that path, whose
-//            settings belong to the component that opens it; FALSE writes nothing more
+//   2        begins a subscription. From the client: from, to, event ("reg"), expires (seconds),
+//            ifrefresh. To the client, before anything is sent: id.
+//   3        ends the subscription with this id.
+//   0x10004  the log switch, with the component's document. TRUE: the service writes into the log
+//            of that path; the component that opens it sets its level and size. FALSE: it writes
+//            nothing more.
 // Notifications:
-//   0x1003  id, final ("SUB_STOP"): the subscription has ended for good
-//   0x1005  id, event, msgbody: a reginfo document, in the order and numbering of RFC 3680 whatever
-//           the notifier's own are (reginfo_sequence.h)
+//   0x1003   id, final ("SUB_STOP"): the subscription has ended for good. 0x1005   id, event,
+//   msgbody: a reginfo document, in the order and with the numbers that RFC 3680
+//            asks for, whatever the notifier's own are (reginfo_sequence.h).
+//
+// One address of record has one dialog. A new subscription ends the former one of the same address,
+// and "SUB_STOP" says so: two dialogs would report each change twice, and one of them for ever.
 #pragma once
 
 #include <atomic>
@@ -35,17 +39,17 @@ inline constexpr int kCommandLogSwitch = 0x10004;
 inline constexpr int kNotifyLife = 0x1003;
 inline constexpr int kNotifyBody = 0x1005;
 
-// Commands come on any thread, the notifiers' words on the stack's I/O thread. The mutex guards the
-// two tables; a subscription is begun with it held, so that nothing is heard of one that is not in
-// the table, and it is not held across any other call.
+// Commands come on any thread, NOTIFYs on the stack's I/O thread. The mutex guards the two tables.
+// It is held while a subscription begins at sivra, so that no NOTIFY comes for one that is not in
+// the table, and across no other call.
 class Service final : public sivra::SubscriptionListener,
                       public std::enable_shared_from_this<Service> {
  public:
-  // 0; -1: no such command, a document that cannot be understood, an id that is not known, or the
-  // stack does not run. Throws std::bad_alloc.
+  // 0; -1: no such command, a document that cannot be understood, an unknown id, or the stack does
+  // not run. Throws std::bad_alloc.
   int OnCommand(int command, CXML* in, CXML* out);
-  // Ends every subscription and waits for the notifiers' last words, but not longer than this;
-  // nothing is heard or said afterwards. Commands must have ended.
+  // Ends every subscription and waits for the last NOTIFYs, at most for this long. Afterwards no
+  // notification is expressed. Commands must have ended.
   void Stop(std::chrono::milliseconds patience);
 
   void OnNotify(long id, const std::string& body, bool new_dialog) override;

@@ -126,7 +126,7 @@ road() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
   expect_line '^\{"event":"answer","command":4,"result":0,"document":"<reg><ret>0</ret></reg>",' "$out" "$name"
   expect_line '^\{"event":"notification","id":4097,"source":"'"$identity"'","document":"<reg><id>1</id><result>0</result><uri></uri></reg>",' "$out" "$name"
   [[ $(wc -l <"$out") == 4 ]] || fail "$name: more or fewer than four lines"
-  [[ ! -s $dir/$name.err ]] || fail "$name: something was said on the standard error"
+  [[ ! -s $dir/$name.err ]] || fail "$name: something stands on the standard error"
   expect_line 'REGISTER sip:alice@example.com, .*expires=0.* -> 200' "$dir/$name.log" "$name: the end at the registrar"
 }
 
@@ -298,7 +298,7 @@ case_ends() {
   wait_exit 10 "$tolvane_pid"
   expect_status 0 "SIGTERM"
 
-  echo "SIGINT before the first answer, then a second one"
+  echo "SIGINT before the first response, then a second one"
   kill -STOP "$registrar_pid"
   start_tolvane early --t1 200
   wait_for 10 'Registering' "$dir/early.out"
@@ -310,7 +310,7 @@ case_ends() {
   expect_status 1 "never registered"
   ((SECONDS - before <= 4)) || fail "the second SIGINT did not end the wait at once"
 
-  echo "SIGINT before the first answer, which then comes"
+  echo "SIGINT before the first response, which then comes"
   start_tolvane late
   wait_for 10 'Registering' "$dir/late.out"
   kill -INT "$tolvane_pid"
@@ -318,10 +318,10 @@ case_ends() {
   kill -CONT "$registrar_pid"
   wait_exit 20 "$tolvane_pid"
   expect_status 1 "never registered"
-  expect_line 'Deregistered: ' "$dir/late.out" "the deregistration of what was not answered yet"
+  expect_line 'Deregistered: ' "$dir/late.out" "the deregistration before the first response"
   stop_registrar
   # Whatever got through last at the registrar, it was the removal.
-  tail -n 2 "$dir/ends.log" | grep -qE 'expires=0.* -> 200' || fail "the binding was not given back"
+  tail -n 2 "$dir/ends.log" | grep -qE 'expires=0.* -> 200' || fail "the binding was not removed"
 }
 
 case_broken_output() {
@@ -350,7 +350,7 @@ case_comes_back() {
   wait_count 20 2 'Registered' "$dir/back.out"
   kill -INT "$tolvane_pid"
   wait_exit 10 "$tolvane_pid"
-  expect_status 0 "brought back and deregistered"
+  expect_status 0 "registered again and deregistered"
 }
 
 case_demo() {
@@ -418,29 +418,29 @@ HEADERS
   [[ $(grep -A 1 'X-Site' check.out) == *'note: nothing ever fills ${site} in'* ]] || fail "no note about \${site}"
   [[ $(grep -c 'note:' check.out) == 2 ]] || fail "more or fewer notes than about \${site} and Expires"
   write_config $'<header name="X-T">\xc3\xbc\xc2\x9b1m\xe2\x80\xaeab</header>'
-  [[ $("$tolvane" check-config --work-dir conf) == *$'X-T: \xc3\xbc?1m?ab'* ]] || fail "a terminal is told what to do"
+  [[ $("$tolvane" check-config --work-dir conf) == *$'X-T: \xc3\xbc?1m?ab'* ]] || fail "control characters reach the terminal"
 
-  echo "read anew under way"
+  echo "read again under way"
   write_config '<header name="X-Version">1</header>'
-  start_tolvane anew --work-dir "$dir/conf" --trace --json --expires 2 --log-dir log --log-level 0
-  wait_for 10 '"id":4096' anew.out
+  start_tolvane again --work-dir "$dir/conf" --trace --json --expires 2 --log-dir log --log-level 0
+  wait_for 10 '"id":4096' again.out
   write_config '<header name="X-Version">2</header>'
   kill -HUP "$tolvane_pid"
-  wait_for 10 'X-Version: 2' anew.out
+  wait_for 10 'X-Version: 2' again.out
   write_config '<header name="X-Version">3</header>' '<header name="Via">x</header>'
   kill -HUP "$tolvane_pid"
-  wait_for 10 '"event":"remark".*TOLVANE.xml:4: .*Via' anew.out
+  wait_for 10 '"event":"remark".*TOLVANE.xml:4: .*Via' again.out
   local before
-  before=$(grep -c 'X-Version: 2' anew.out)
-  wait_count 10 $((before + 1)) 'X-Version: 2' anew.out
+  before=$(grep -c 'X-Version: 2' again.out)
+  wait_count 10 $((before + 1)) 'X-Version: 2' again.out
   kill -INT "$tolvane_pid"
   wait_exit 15 "$tolvane_pid"
-  expect_status 0 "templates read anew"
-  expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" anew.err "the fault"
+  expect_status 0 "templates read again"
+  expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" again.err "the fault"
   expect_line "^$dir/conf/TOLVANE\.xml:4: .*Via" log/Tolvane.log "the fault in the log"
-  expect_line '"direction":"sent".*X-Version: 1\\r' anew.out "the first template"
-  ! grep -q 'X-Version: 3' anew.out || fail "a faulty file is in force"
-  [[ $(grep -c '"command":2,"result":1073741826,' anew.out) == 2 ]] || fail "other answers than to the two good files"
+  expect_line '"direction":"sent".*X-Version: 1\\r' again.out "the first template"
+  ! grep -q 'X-Version: 3' again.out || fail "a faulty file is in force"
+  [[ $(grep -c '"command":2,"result":1073741826,' again.out) == 2 ]] || fail "other results than for the two good files"
 
   echo "nothing is injected"
   write_config '<header name="X-Account">${local-uri} ${display-name}</header>'
@@ -598,7 +598,7 @@ start_ordered() {
   registrar_in="$dir/$1.fifo" start_registrar "$@" --orders
 }
 
-# order LINE: its answer in $answer
+# order LINE: its last line in $outcome
 order() {
   local before i
   before=$(grep -cE '^(done|error): ' "$orders_log")
@@ -607,13 +607,13 @@ order() {
     (($(grep -cE '^(done|error): ' "$orders_log") > before)) && break
     sleep 0.05
   done
-  answer=$(grep -E '^(done|error): ' "$orders_log" | tail -n 1)
-  [[ $answer == done:* ]] || fail "order \"$1\": $answer"
+  outcome=$(grep -E '^(done|error): ' "$orders_log" | tail -n 1)
+  [[ $outcome == done:* ]] || fail "order \"$1\": $outcome"
 }
 
 nothing_left() {  # WHAT
   order list
-  [[ $answer == 'done: 0 bindings, 0 subscriptions' ]] || fail "$1: the registrar still holds something: $answer"
+  [[ $outcome == 'done: 0 bindings, 0 subscriptions' ]] || fail "$1: the registrar still holds something: $outcome"
 }
 
 # expect_states FILE STATE,EVENT...: these state notifications and no others
@@ -624,7 +624,7 @@ expect_states() {
   [[ $found == "$*" ]] || fail "${file##*/}: state notifications \"$found\" instead of \"$*\""
 }
 
-# What the registrar does to a binding, and what is heard of it.
+# What the registrar does to a binding, and what the client is notified of.
 follow() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
   local name=$1 theirs=() pair aor=sip:alice@example.com contact count end
   shift
@@ -643,7 +643,7 @@ follow() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
   contact=$(sed -n "s/^binding $aor \\([^ ,]*\\), .*/\\1/p" "$orders_log" | tail -n 1)
   order "create $aor $contact"
   wait_for 10 'Active.*created' "$dir/$name.out"
-  # Somebody else's binding comes and goes: of the own one the last word is told once more each time.
+  # Somebody else's binding comes and goes: for the own one the last event is notified once more each time.
   order "create $aor sip:other@127.0.0.1:9"
   order "unregister $aor sip:other@127.0.0.1:9"
   count=$(grep -c 'REGISTER .* -> 200' "$orders_log")
@@ -654,8 +654,8 @@ follow() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
   expect_status 0 "$name: deregistered"
   nothing_left "$name: deregistered"
   local states=(Active,registered Active,created Active,created Active,created)
-  # The registrar's view may be faster than its answer; and a document that was on its way ends the registration
-  # without a word, nor is the answer told then.
+  # The registrar's view may be faster than its response. A document that was on its way ends the registration
+  # without an event word, and then the response gives no notification.
   if grep -q '<state>Terminate</state><event></event>' "$dir/$name.out"; then
     states+=(Terminate,)
   else
@@ -673,7 +673,7 @@ follow() {  # NAME REGISTRAR-ARGUMENTS -- TOLVANE-ARGUMENTS
     expect_status 1 "$end"
     nothing_left "$end"
     expect_states "$dir/$end.out" Active,registered "Terminate,${pair#*,}"
-    [[ ! -s $dir/$end.err ]] || fail "$end: something was said on the standard error"
+    [[ ! -s $dir/$end.err ]] || fail "$end: something stands on the standard error"
   done
   stop_registrar
   exec {orders}>&-
@@ -703,10 +703,10 @@ case_subscribe_ends() {
   expect_line 'subscription 1 has ended: ' log/Tolvane.log "the service's log, to its end"
   expect_log log/Tolvane.log "$tolvane_pid"
 
-  echo "registered anew, but not where that is not wanted"
-  start_tolvane anew --subscribe --auto-reregister --reregister-interval 1
+  echo "registered again, but not where that is not wanted"
+  start_tolvane again --subscribe --auto-reregister --reregister-interval 1
   for i in 1 2 3; do
-    wait_count 10 "$i" 'view: the binding stands' anew.out
+    wait_count 10 "$i" 'view: the binding stands' again.out
     case $i in
       1) order "deactivate $aor" ;;
       2) order "unregister $aor" ;;
@@ -715,10 +715,10 @@ case_subscribe_ends() {
   done
   wait_exit 10 "$tolvane_pid"
   expect_status 1 "rejected"
-  [[ $(grep -c 'anew in 1 s' anew.out) == 2 ]] || fail "anew more or less often than twice"
+  [[ $(grep -c 'registered again in 1 s' again.out) == 2 ]] || fail "registered again more or less often than twice"
   nothing_left "rejected"
 
-  echo "the registrar ends it while it is being given back"
+  echo "the registrar ends it during the deregistration"
   for i in 1 2 3; do
     start_tolvane "both$i" --subscribe
     wait_for 10 'binding stands' "both$i.out"
@@ -730,15 +730,15 @@ case_subscribe_ends() {
     kill -CONT "$registrar_pid"
     wait_exit 15 "$tolvane_pid"
     expect_status 0 "ended from both sides"
-    [[ $(grep -c 'Deregistered: ' "both$i.out") == 1 ]] || fail "the deregistration is told more or less than once"
-    ! grep -q 'lost' "both$i.out" || fail "what was given back is no loss"
+    [[ $(grep -c 'Deregistered: ' "both$i.out") == 1 ]] || fail "the deregistration is shown more or less than once"
+    ! grep -q 'lost' "both$i.out" || fail "a deregistration is shown as a loss"
     nothing_left "ended from both sides"
   done
 
   echo "no view to be had"
   order "refuse-subscribe 489"
   start_tolvane none --subscribe
-  wait_for 10 'does not tell its own view' none.out
+  wait_for 10 'does not give its own view' none.out
   kill -INT "$tolvane_pid"
   wait_exit 10 "$tolvane_pid"
   expect_status 0 "no view to be had"

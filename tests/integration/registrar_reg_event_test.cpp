@@ -198,7 +198,7 @@ TEST(RegEventTest, OneNotifyAtATimeUntilItIsAnsweredOrGivenUp) {
   EXPECT_GE(sip_test::Clock::now() - began, 560ms);
   EXPECT_TRUE(copies >= 5 && copies <= 12) << copies;
   EXPECT_TRUE(watch.IsAlone());
-  EXPECT_EQ(watch.registrar.GetRegEventCounters().answers.at(408), 1U);
+  EXPECT_EQ(watch.registrar.GetRegEventCounters().responses.at(408), 1U);
 
   Options options = Quick();
   options.reg_event.documents = Documents::kPartial;

@@ -11,7 +11,7 @@ namespace registrar {
 namespace {
 
 // As many as registrations that one process may hold, several times over. The oldest goes first:
-// its owner is told stale=true and gets a new one.
+// its user gets a challenge with stale=true and a new one.
 constexpr std::size_t kMaxNonces = 65536;
 constexpr char kOpaque[] = "5f1e";
 
@@ -219,8 +219,7 @@ Digest::Verdict Digest::Check(const nsip_message& request) {
   if (nonce == nullptr) return Verdict::kStale;
   if (options_.nonce_uses > 0 && nonce->uses >= options_.nonce_uses) return Verdict::kStale;
   if (!credentials.qop.empty()) {
-    // A count that does not rise is a replay, and a client that cannot count should fail, not limp
-    // along.
+    // A count that does not rise is a replay; a client that cannot count must fail visibly.
     if (credentials.count <= nonce->last_count) return Verdict::kRefused;
     nonce->last_count = credentials.count;
   }

@@ -11,9 +11,9 @@ namespace registrar {
 namespace {
 
 constexpr int kNoExpires = -1;
-// RFC 3261 §20.10: what a malformed expiry counts as.
+// RFC 3261 §20.10: the value of a malformed expiry.
 constexpr int kMalformedExpires = 3600;
-// With more, the answer that lists them would not fit a datagram.
+// With more, the response that lists them would not fit a datagram.
 constexpr std::size_t kMaxBindings = 256;
 constexpr std::size_t kMaxAddresses = 262144;
 
@@ -57,7 +57,7 @@ Location::Location(const Options& options)
       max_expires_(options.max_expires),
       default_expires_(options.default_expires) {}
 
-int Location::Wish(const nsip_contact& contact, int expires_header) const {
+int Location::RequestedExpiry(const nsip_contact& contact, int expires_header) const {
   const nsip_generic_param* param = nullptr;
   if (nsip_generic_param_get_byname(contact.params, "expires", &param) == 0) {
     return ParseExpires(param->value);
@@ -144,15 +144,15 @@ Location::Result Location::Update(const nsip_message& request, Clock::time_point
     const auto same = [&contact](const Entry& entry) {
       return nsip_uri_equal(entry.uri, *contact->url);
     };
-    const int wish = Wish(*contact, expires_header);
-    if (wish > 0 && wish < min_expires_) return {423, {}};
+    const int expiry = RequestedExpiry(*contact, expires_header);
+    if (expiry > 0 && expiry < min_expires_) return {423, {}};
     const auto old = std::find_if(before.begin(), before.end(), same);
     if (old != before.end() && old->call_id == request.call_id &&
         request.cseq_number <= old->cseq) {
       return {500, "CSeq out of order"};
     }
     auto entry = std::find_if(after.begin(), after.end(), same);
-    if (wish == 0) {
+    if (expiry == 0) {
       if (entry == after.end()) continue;
       updates.push_back(LastRecord(*entry, ContactEvent::kUnregistered, now));
       after.erase(entry);
@@ -172,7 +172,7 @@ Location::Result Location::Update(const nsip_message& request, Clock::time_point
     std::erase_if(entry->params, IsExpires);
     entry->call_id = request.call_id;
     entry->cseq = request.cseq_number;
-    entry->granted = std::min(wish, max_expires_);
+    entry->granted = std::min(expiry, max_expires_);
     entry->until = now + std::chrono::seconds(entry->granted);
     updates.push_back(Record(*entry, now));
   }

@@ -1,5 +1,5 @@
-// The registrar's table of bindings and the rules by which a REGISTER changes it (RFC 3261 §10.3),
-// or its operator. Each change is told as a record of the binding, with the event that it was.
+// The registrar's table of bindings and the rules by which a REGISTER (RFC 3261 §10.3) or the
+// operator changes it. Each change gives a record of the binding with its event.
 #pragma once
 
 #include <chrono>
@@ -35,14 +35,14 @@ class Location {
     int status = 200;
     std::string reason;  // why, when it is not the status's usual phrase
   };
-  // Applies all of a REGISTER or nothing of it. Bindings of the address of record whose time was
-  // over are among the changes in both cases.
+  // Applies all of a REGISTER or nothing of it. Bindings of the address of record that had expired
+  // are among the changes in both cases.
   [[nodiscard]] Result Update(const nsip_message& request, Clock::time_point now,
                               std::vector<ContactRecord>& changes);
   // The changes; none and a text when there is nothing to change.
   [[nodiscard]] std::vector<ContactRecord> Apply(const Order& order, Clock::time_point now,
                                                  std::string& error);
-  // The bindings of the address of record as Contacts with what is left of their time.
+  // The bindings of the address of record as Contacts, each with the seconds that are left.
   [[nodiscard]] std::vector<std::unique_ptr<nsip_contact>> Contacts(const nsip_uri& aor,
                                                                     Clock::time_point now) const;
   [[nodiscard]] std::vector<Binding> List(std::string_view aor, Clock::time_point now) const;
@@ -50,7 +50,7 @@ class Location {
   [[nodiscard]] std::vector<ContactRecord> Records(const std::string& aor,
                                                    Clock::time_point now) const;
   bool Remove(std::string_view aor);
-  // Takes off what has expired, and gives it by address of record.
+  // Removes what has expired, and gives it by address of record.
   [[nodiscard]] std::vector<std::pair<std::string, std::vector<ContactRecord>>> Purge(
       Clock::time_point now);
 
@@ -72,10 +72,10 @@ class Location {
   static ContactRecord Record(const Entry& entry, Clock::time_point now);
   // A record of an entry that ends with this event.
   static ContactRecord LastRecord(const Entry& entry, ContactEvent event, Clock::time_point now);
-  // Takes off what has expired; what is left may be nothing.
+  // Removes what has expired; nothing may be left.
   static std::vector<ContactRecord> Expire(Entries& entries, Clock::time_point now);
 
-  [[nodiscard]] int Wish(const nsip_contact& contact, int expires_header) const;
+  [[nodiscard]] int RequestedExpiry(const nsip_contact& contact, int expires_header) const;
   [[nodiscard]] Result RemoveAll(const nsip_message& request, const std::string& aor,
                                  int expires_header, Clock::time_point now,
                                  std::vector<ContactRecord>& changes);

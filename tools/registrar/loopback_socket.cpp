@@ -142,7 +142,7 @@ bool LoopbackSocket::Receive(std::string& datagram, Peer& from) {
 }
 
 void LoopbackSocket::Send(std::string_view datagram, const Peer& to) const {
-  if (datagram.empty()) return;  // an answer that could not be written
+  if (datagram.empty()) return;  // a response that could not be written
   sendto(fd_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
          reinterpret_cast<const sockaddr*>(&to.address), to.length);
 }

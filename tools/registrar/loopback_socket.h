@@ -45,7 +45,7 @@ struct Peer {
 // Used by one thread at a time.
 class LoopbackSocket {
  public:
-  // Refuses every address but 127.0.0.0/8 and ::1. On failure a text that says what to do.
+  // Refuses every address but 127.0.0.0/8 and ::1. A failure gives a text that says what to do.
   [[nodiscard]] bool Open(const std::string& address, std::uint16_t port, std::string& error);
   void Close() { fd_.Reset(); }
 

@@ -77,21 +77,21 @@ void PrintRequest(const nsip_message& request, int status) {
   std::array<char, 16> time{};
   std::strftime(time.data(), time.size(), "%H:%M:%S", &local);
 
-  std::string wish = "no Contact";
+  std::string asked = "no Contact";
   if (request.contact_star) {
-    wish = "Contact *";
+    asked = "Contact *";
   } else if (!request.contacts.empty() && request.contacts.front()) {
-    wish = nsip_from_text(*request.contacts.front());
+    asked = nsip_from_text(*request.contacts.front());
   }
   nsip_header* expires = nullptr;
   if (nsip_message_header_get_byname(&request, "Expires", 0, &expires) >= 0) {
-    wish += ", Expires " + expires->hvalue;
+    asked += ", Expires " + expires->hvalue;
   }
   std::printf("%s.%03d %s %s, CSeq %u, %s -> %s\n", time.data(), static_cast<int>(ms),
               request.sip_method.c_str(),
               registrar::Printable(nsip_uri_text(*request.to->url)).c_str(), request.cseq_number,
-              registrar::Printable(wish).c_str(),
-              status == 0 ? "no answer" : std::to_string(status).c_str());
+              registrar::Printable(asked).c_str(),
+              status == 0 ? "no response" : std::to_string(status).c_str());
   std::fflush(stdout);
 }
 
@@ -117,7 +117,7 @@ void DescribeManner(CLI::App& app, const char* name, Value& value, const char* w
 void DescribeRegEvent(CLI::App& app, registrar::RegEventOptions& options) {
   using namespace registrar;
   app.add_option("--subscribe-min-expires", options.min_expires,
-                 "Answer 423 to subscriptions shorter than this, in seconds; 0: never")
+                 "Respond 423 to subscriptions shorter than this, in seconds; 0: never")
       ->check(CLI::Range(0, 86400))
       ->capture_default_str();
   app.add_option("--subscribe-max-expires", options.max_expires,
@@ -161,10 +161,10 @@ void Describe(CLI::App& app, Arguments& arguments) {
       ->capture_default_str();
   app.add_option("--port", options.port, "UDP port; 0: a free one")->default_val(5060);
   app.add_option("--min-expires", options.min_expires,
-                 "Answer 423 to shorter wishes, in seconds; 0: never")
+                 "Respond 423 to a shorter expiry, in seconds; 0: never")
       ->check(CLI::Range(0, 86400))
       ->capture_default_str();
-  app.add_option("--max-expires", options.max_expires, "Cut longer wishes, in seconds")
+  app.add_option("--max-expires", options.max_expires, "Cut a longer expiry, in seconds")
       ->check(CLI::Range(1, 2147483647))
       ->capture_default_str();
   app.add_option("--default-expires", options.default_expires,
@@ -258,7 +258,7 @@ int Run(int argc, char** argv) {
   if (options.max_expires < options.min_expires ||
       options.reg_event.max_expires < options.reg_event.min_expires) {
     std::cerr << "tolvane-registrar: --max-expires (or --subscribe-max-expires) is below its "
-                 "minimum: no wish could be granted\n";
+                 "minimum: nothing could be granted\n";
     return kUsage;
   }
   if (!arguments.users.empty()) {
@@ -285,7 +285,7 @@ int Run(int argc, char** argv) {
     std::cerr << "tolvane-registrar: no descriptor for signals\n";
     return kCannotStart;
   }
-  if (arguments.verbose) registrar.OnAnswer(PrintRequest);
+  if (arguments.verbose) registrar.OnResponse(PrintRequest);
   if (!registrar.Start(error)) {
     std::cerr << "tolvane-registrar: " << error << "\n";
     return kCannotStart;

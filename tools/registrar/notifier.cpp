@@ -39,11 +39,11 @@ bool TakesRegInfo(const nsip_message& request) {
   return false;
 }
 
-Answer Refusal(int status, std::string reason = {}) {
-  Answer answer;
-  answer.status = status;
-  answer.reason = std::move(reason);
-  return answer;
+Response Refusal(int status, std::string reason = {}) {
+  Response response;
+  response.status = status;
+  response.reason = std::move(reason);
+  return response;
 }
 
 }  // namespace
@@ -55,28 +55,28 @@ void Notifier::SetOwnUri(const std::string& uri, int family) {
   if (nsip_uri_parse(uri, own_uri_)) family_ = family;
 }
 
-Answer Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
+Response Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
   nsip_header* header = nullptr;
   const bool has_event = nsip_message_header_get_byname(&request, "Event", 0, &header) >= 0;
   const std::string_view event = has_event ? Trim(header->hvalue) : std::string_view();
   if (Trim(event.substr(0, event.find(';'))) != kPackage) {
-    Answer answer = Refusal(489);
-    answer.headers.emplace_back("Allow-Events", kPackage);
-    return answer;
+    Response response = Refusal(489);
+    response.headers.emplace_back("Allow-Events", kPackage);
+    return response;
   }
   if (!TakesRegInfo(request)) {
-    Answer answer = Refusal(406);
-    answer.headers.emplace_back("Accept", kRegInfoType);
-    return answer;
+    Response response = Refusal(406);
+    response.headers.emplace_back("Accept", kRegInfoType);
+    return response;
   }
   int seconds = options_.default_expires;
   if (nsip_message_header_get_byname(&request, "Expires", 0, &header) >= 0) {
     seconds = ParseExpires(header->hvalue);
   }
   if (seconds > 0 && seconds < options_.min_expires) {
-    Answer answer = Refusal(423);
-    answer.headers.emplace_back("Min-Expires", std::to_string(options_.min_expires));
-    return answer;
+    Response response = Refusal(423);
+    response.headers.emplace_back("Min-Expires", std::to_string(options_.min_expires));
+    return response;
   }
   seconds = std::min(seconds, options_.max_expires);
   const nsip_generic_param* tag = nullptr;
@@ -86,8 +86,8 @@ Answer Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
   return Begin(request, event, seconds, now);
 }
 
-Answer Notifier::Begin(const nsip_message& request, std::string_view event, int seconds,
-                       Clock::time_point now) {
+Response Notifier::Begin(const nsip_message& request, std::string_view event, int seconds,
+                         Clock::time_point now) {
   Peer target;
   if (!Subscription::FindTarget(request, family_, target)) {
     return Refusal(400, "One Contact, on loopback, by its address");
@@ -107,12 +107,12 @@ Answer Notifier::Begin(const nsip_message& request, std::string_view event, int 
     if (options_.pending) subscription.state = SubscriptionState::kPending;
     return Accepted(subscription, seconds, now);
   } catch (const std::bad_alloc&) {
-    Erase(subscription);  // nobody will hear of it
+    Erase(subscription);  // no dialog was made
     throw;
   }
 }
 
-Answer Notifier::Refresh(const nsip_message& request, int seconds, Clock::time_point now) {
+Response Notifier::Refresh(const nsip_message& request, int seconds, Clock::time_point now) {
   const nsip_generic_param* tag = nullptr;
   std::ignore = nsip_generic_param_get_byname(request.to->params, "tag", &tag);
   const auto found = subscriptions_.find(tag->value);
@@ -134,22 +134,22 @@ Answer Notifier::Refresh(const nsip_message& request, int seconds, Clock::time_p
   return Accepted(subscription, seconds, now);
 }
 
-// RFC 6665 §4.2.1.2: each SUBSCRIBE is followed by a NOTIFY with all there is to know.
-Answer Notifier::Accepted(Subscription& subscription, int seconds, Clock::time_point now) {
+// RFC 6665 §4.2.1.2: each SUBSCRIBE is followed by a NOTIFY with the full state.
+Response Notifier::Accepted(Subscription& subscription, int seconds, Clock::time_point now) {
   subscription.until = now + std::chrono::seconds(seconds);
   if (seconds == 0) {
     Finish(subscription, ";reason=timeout", now);
   } else if (subscription.state == SubscriptionState::kPending) {
-    Queue(subscription, {});  // what there is to know waits for the approval
+    Queue(subscription, {});  // the state waits for the approval
   } else {
     Queue(subscription, Document(subscription, {}, true, now));
   }
-  Answer answer;
-  answer.to_tag = subscription.local_tag;
-  answer.headers.emplace_back("Expires", std::to_string(seconds));
-  answer.contacts.push_back(std::make_unique<nsip_contact>());
-  answer.contacts.front()->url = std::make_unique<nsip_uri>(own_uri_);
-  return answer;
+  Response response;
+  response.to_tag = subscription.local_tag;
+  response.headers.emplace_back("Expires", std::to_string(seconds));
+  response.contacts.push_back(std::make_unique<nsip_contact>());
+  response.contacts.front()->url = std::make_unique<nsip_uri>(own_uri_);
+  return response;
 }
 
 std::vector<Subscription*> Notifier::Live(const std::string& aor) {
@@ -168,7 +168,7 @@ void Notifier::Publish(const std::string& aor, const std::vector<ContactRecord>&
   if (changes.empty()) return;
   for (Subscription* subscription : Live(aor)) {
     if (subscription->state == SubscriptionState::kPending) continue;
-    // With a full queue what waits is given up, so the document has to stand for all of it.
+    // A full queue is emptied, so the next document has to say what those in it said.
     const bool full = options_.documents == Documents::kFull || subscription->QueueIsFull();
     Queue(*subscription, Document(*subscription, changes, full, now));
   }
@@ -269,7 +269,7 @@ void Notifier::Erase(Subscription& subscription) {
   subscriptions_.erase(subscriptions_.find(subscription.local_tag));
 }
 
-void Notifier::OnAnswer(const nsip_message& response) {
+void Notifier::OnResponse(const nsip_message& response) {
   if (response.vias.size() != 1 || !response.vias.front() || !response.from) return;
   // The branch begins with the tag, which a foreign NOTIFY does not show.
   const nsip_generic_param* branch = nullptr;
@@ -280,7 +280,7 @@ void Notifier::OnAnswer(const nsip_message& response) {
   const auto found =
       subscriptions_.find(text.substr(kMagicCookie.size(), dot - kMagicCookie.size()));
   if (found == subscriptions_.end()) return;
-  if (found->second.OnAnswer(response, counters_) == Subscription::Turn::kOver) {
+  if (found->second.OnResponse(response, counters_) == Subscription::Turn::kOver) {
     Erase(found->second);
   } else {
     Schedule(found->second);

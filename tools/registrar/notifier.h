@@ -1,5 +1,5 @@
-// The notifier of the event package "reg" (RFC 6665 §4.2, RFC 3680): takes SUBSCRIBE requests, and
-// tells the subscribers what becomes of bindings. It sends nothing itself: Due gives the datagrams.
+// The notifier of the event package "reg" (RFC 6665 §4.2, RFC 3680): takes SUBSCRIBE requests and
+// notifies the subscribers of changed bindings. It sends nothing itself: Due gives the datagrams.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "nsip/nsip.h"
-#include "registrar/answer.h"
 #include "registrar/location.h"
 #include "registrar/reg_event.h"
 #include "registrar/reginfo_writer.h"
+#include "registrar/response.h"
 #include "registrar/subscription.h"
 
 namespace registrar {
@@ -31,13 +31,13 @@ class Notifier {
   void SetOwnUri(const std::string& uri, int family);
 
   void CountSubscribe() { ++counters_.subscribes; }
-  // The answer; digest and method have been looked at. A NOTIFY is queued where one is due.
-  [[nodiscard]] Answer Subscribe(const nsip_message& request, Clock::time_point now);
+  // The response to a SUBSCRIBE whose digest has been checked. A NOTIFY is queued where one is due.
+  [[nodiscard]] Response Subscribe(const nsip_message& request, Clock::time_point now);
   // The changes have taken place in the location table.
   void Publish(const std::string& aor, const std::vector<ContactRecord>& changes,
                Clock::time_point now);
-  // Answers to no NOTIFY of ours are passed over: those to retransmissions come more than once.
-  void OnAnswer(const nsip_message& response);
+  // Ignores a response to no NOTIFY of ours: retransmissions get more than one.
+  void OnResponse(const nsip_message& response);
 
   [[nodiscard]] std::deque<Datagram> Due(Clock::time_point now);
   [[nodiscard]] Clock::time_point NextDue() const;  // far away: never
@@ -52,10 +52,10 @@ class Notifier {
   [[nodiscard]] const RegEventCounters& counters() const { return counters_; }
 
  private:
-  [[nodiscard]] Answer Begin(const nsip_message& request, std::string_view event, int seconds,
-                             Clock::time_point now);
-  [[nodiscard]] Answer Refresh(const nsip_message& request, int seconds, Clock::time_point now);
-  [[nodiscard]] Answer Accepted(Subscription& subscription, int seconds, Clock::time_point now);
+  [[nodiscard]] Response Begin(const nsip_message& request, std::string_view event, int seconds,
+                               Clock::time_point now);
+  [[nodiscard]] Response Refresh(const nsip_message& request, int seconds, Clock::time_point now);
+  [[nodiscard]] Response Accepted(Subscription& subscription, int seconds, Clock::time_point now);
   // The live subscriptions of the address of record.
   [[nodiscard]] std::vector<Subscription*> Live(const std::string& aor);
   [[nodiscard]] Outgoing Document(Subscription& subscription,

@@ -145,7 +145,7 @@ std::string ForAor(std::string_view rest,
   return Count(what(aor));
 }
 
-std::string AnswerSubscribe(Registrar& registrar, std::string_view name, std::string_view rest) {
+std::string RespondToSubscribe(Registrar& registrar, std::string_view name, std::string_view rest) {
   Script script;
   script.method = "SUBSCRIBE";
   const std::string_view word = Word(rest);
@@ -175,7 +175,7 @@ std::string List(Registrar& registrar, std::string_view rest, std::string& lines
   for (const SubscriptionView& view : subscriptions) {
     lines += "subscription " + view.aor + " " + view.target + ", " + registrar::Word(view.state) +
              ", " + std::to_string(view.left) + " s left, " + std::to_string(view.notifies) +
-             " notifies, " + std::to_string(view.waiting) + " waiting, last answer " +
+             " notifies, " + std::to_string(view.waiting) + " waiting, last response " +
              (view.last_status == 0 ? "none" : std::to_string(view.last_status)) + "\n";
   }
   return std::to_string(bindings.size()) + " bindings, " + std::to_string(subscriptions.size()) +
@@ -203,7 +203,7 @@ std::string Run(Registrar& registrar, std::string_view name, std::string_view re
     return ForAor(rest, [&](const std::string& aor) { return registrar.Approve(aor); });
   }
   if (name == "drop-subscribe" || name == "delay-subscribe" || name == "refuse-subscribe") {
-    return AnswerSubscribe(registrar, name, rest);
+    return RespondToSubscribe(registrar, name, rest);
   }
   if (name == "list") return List(registrar, rest, lines);
   if (name == "help") {

@@ -10,21 +10,21 @@
 
 namespace registrar {
 
-// Does what the line says, and tells in lines of its own what came of it; the last one begins with
-// "done" or "error". An empty line, or a comment behind '#', gives nothing.
+// Does what the line says and gives its result as lines; the last one begins with "done" or
+// "error". An empty line, or a comment behind '#', gives nothing.
 [[nodiscard]] std::string RunOrder(Registrar& registrar, std::string_view line);
 
-// What came from the wire must not steer the terminal.
+// The text with '?' for control characters: a peer must not control the terminal.
 [[nodiscard]] std::string Printable(std::string text);
 
-// Cuts what is read into lines; one that is too long is passed over, and `refuse` hears of it.
+// Cuts bytes into lines and gives each to `take`; for one that is too long it calls `refuse`.
 class LineReader {
  public:
   static constexpr std::size_t kMaxLine = 16384;
 
   LineReader(std::function<void(std::string_view)> take, std::function<void()> refuse);
   void Feed(std::string_view bytes);
-  void End();  // what has no line end is a line as well
+  void End();  // what came behind the last line end is a line, too
 
  private:
   void Line();

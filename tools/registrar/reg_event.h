@@ -1,5 +1,5 @@
-// What the registrar says about bindings to those who subscribed to the event package "reg"
-// (RFC 6665, RFC 3680), and how a test has it say so. All orders are functions of Registrar.
+// What the registrar's notifier of the event package "reg" (RFC 6665, RFC 3680) can be told to do:
+// its options and the orders, which are functions of Registrar.
 #pragma once
 
 #include <chrono>
@@ -31,7 +31,7 @@ enum class Documents {
 };
 enum class Gone {
   kListed,   // once, as terminated
-  kMissing,  // a full document just no longer holds it
+  kMissing,  // the next full document no longer contains it
 };
 
 struct RegEventOptions {
@@ -39,11 +39,11 @@ struct RegEventOptions {
   ContactIds contact_ids = ContactIds::kStable;
   Documents documents = Documents::kFull;
   Gone gone = Gone::kListed;
-  int min_expires = 0;         // a shorter wish above 0 is answered 423 with Min-Expires; 0: never
-  int max_expires = 7200;      // longer wishes are cut
+  int min_expires = 0;         // the response to a shorter expiry above 0 is 423; 0: never
+  int max_expires = 7200;      // a longer expiry is cut
   int default_expires = 3761;  // RFC 3680 §4.4
   bool pending = false;        // new subscriptions wait for Approve
-  // Timer E begins with it and stops growing at eight times of it, timer F is 64 times of it.
+  // Timer E of a NOTIFY begins with t1 and grows up to 8 * t1; timer F is 64 * t1.
   std::chrono::milliseconds t1{500};
 };
 
@@ -60,22 +60,22 @@ enum class ContactEvent {
   kRejected,
 };
 [[nodiscard]] const char* Word(ContactEvent event);
-// Whether a binding is gone with it.
+// Whether the event ends the binding.
 [[nodiscard]] constexpr bool Terminates(ContactEvent event) {
   return event >= ContactEvent::kExpired;
 }
 
-// What the registrar's operator does to bindings; the subscribers hear of it.
+// What the registrar's operator does to bindings; the subscribers are notified.
 struct Order {
   ContactEvent event = ContactEvent::kDeactivated;
   std::string aor;
   std::string contact;  // empty: all bindings of the address of record
   // kShortened: what is left from now on. kCreated, kRegistered, kRefreshed: what is granted, by
-  // default max_expires. kProbation: retry-after, by default none. Else of no meaning.
+  // default max_expires. kProbation: retry-after, by default none. Others: not used.
   std::optional<int> seconds;
 };
 
-// A NOTIFY by hand, to every subscription of the address of record, in its turn.
+// A NOTIFY by order, to every subscription of the address of record, behind those that wait.
 struct NotifyOrder {
   std::string aor;
   std::optional<std::string> body;  // unset: the full document; empty: no body, no Content-Type
@@ -84,7 +84,8 @@ struct NotifyOrder {
   std::string subscription_state;     // empty: the true one
   std::optional<std::uint32_t> cseq;  // instead of the next one, which is not used up
   int copies = 1;                     // of the datagram, at once; at most 16
-  bool foreign = false;  // with a Call-ID and tags of nobody, and a CSeq of 1; its 481 ends nothing
+  // With a Call-ID and tags of no dialog, and a CSeq of 1; the 481 that it gets ends nothing.
+  bool foreign = false;
 };
 
 enum class SubscriptionState { kActive, kPending, kTerminated };
@@ -94,20 +95,20 @@ struct SubscriptionView {
   std::string aor;
   std::string call_id;
   std::string target;  // the subscriber's Contact
-  SubscriptionState state =
-      SubscriptionState::kActive;  // kTerminated: its last NOTIFY is under way
-  int left = 0;                    // seconds
+  // kTerminated: its last NOTIFY is under way.
+  SubscriptionState state = SubscriptionState::kActive;
+  int left = 0;  // seconds
   std::uint32_t refreshes = 0;
   std::uint64_t notifies = 0;  // sent, without retransmissions
-  std::size_t waiting = 0;     // not yet answered, or not yet sent
-  int last_status = 0;         // of the last NOTIFY that was answered; 0: none yet
+  std::size_t waiting = 0;     // NOTIFYs without a response, or not yet sent
+  int last_status = 0;         // of the last response to a NOTIFY; 0: none yet
 };
 
 struct RegEventCounters {
   std::uint64_t subscribes = 0;  // SUBSCRIBE requests without retransmissions
   std::uint64_t notifies = 0;    // without retransmissions
   std::uint64_t retransmissions = 0;
-  std::map<int, std::uint64_t> answers;  // final statuses; 408: no answer in time
+  std::map<int, std::uint64_t> responses;  // final statuses; 408: no response in time
 };
 
 }  // namespace registrar

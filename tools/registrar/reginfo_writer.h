@@ -1,4 +1,4 @@
-// The document of RFC 3680 §5: what a registrar tells of an address of record.
+// The document of RFC 3680 §5: the registrar's view of an address of record.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ struct RegInfo {
   bool full = true;
   std::string aor;
   std::string state;                                            // "init", "active", "terminated"
-  std::vector<std::pair<std::string, ContactRecord>> contacts;  // behind the id that is shown
+  std::vector<std::pair<std::string, ContactRecord>> contacts;  // each with the id to write
 };
 
 [[nodiscard]] std::string WriteRegInfo(const RegInfo& info);

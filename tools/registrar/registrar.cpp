@@ -52,7 +52,7 @@ void Registrar::Stop() {
   impl.thread.join();
   impl.socket.Close();
   impl.delayed.clear();
-  impl.answers.Clear();
+  impl.responses.Clear();
 }
 
 std::uint16_t Registrar::port() const { return impl_->port; }
@@ -147,9 +147,9 @@ void Registrar::OnRequest(std::function<void(const nsip_message&)> observer) {
   impl_->on_request = std::move(observer);
 }
 
-void Registrar::OnAnswer(std::function<void(const nsip_message&, int)> observer) {
+void Registrar::OnResponse(std::function<void(const nsip_message&, int)> observer) {
   const std::lock_guard<std::mutex> lock(impl_->mutex);
-  impl_->on_answer = std::move(observer);
+  impl_->on_response = std::move(observer);
 }
 
 }  // namespace registrar

@@ -1,5 +1,11 @@
 // A small SIP registrar for demonstrations and tests, over UDP on loopback. It is a test double:
 // bindings live in memory, nothing is persistent, and it makes no claim to serve a network.
+//
+// It behaves as registrars in the field do. Their ways of numbering reginfo documents, of naming
+// contacts and of reporting contacts that are gone are options of its notifier. What an operator
+// does to a binding is an order, given through this API or as a line on the program's standard
+// input. An order first changes the location table; then subscribers are notified of what the table
+// says, so a document never contradicts the table.
 #pragma once
 
 #include <chrono>
@@ -19,36 +25,38 @@
 namespace registrar {
 
 struct Options {
-  std::string address =
-      "127.0.0.1";             // a loopback literal: 127.0.0.0/8 or ::1; anything else is refused
+  // A loopback literal: 127.0.0.0/8 or ::1. Anything else is refused.
+  std::string address = "127.0.0.1";
   std::uint16_t port = 0;      // 0: a free one
-  int min_expires = 0;         // a shorter wish above 0 is answered 423 with Min-Expires; 0: never
-  int max_expires = 7200;      // longer wishes are cut
+  int min_expires = 0;         // the response to a shorter expiry above 0 is 423; 0: never
+  int max_expires = 7200;      // a longer expiry is cut
   int default_expires = 3600;  // when the request names none
   // Digest: user to password. Empty: no digest.
   std::map<std::string, std::string> users;
   std::string realm = "tolvane.example";
-  std::vector<std::string> algorithms{"SHA-256",
-                                      "MD5"};  // in the order of the challenges; "-sess" forms too
-  std::vector<std::string> qop{"auth"};        // empty: the form of RFC 2069
-  int nonce_uses = 0;  // a nonce is stale after so many requests (0: never); answered stale=true
+  // In the order of the challenges; the "-sess" forms are known, too.
+  std::vector<std::string> algorithms{"SHA-256", "MD5"};
+  std::vector<std::string> qop{"auth"};  // empty: the form of RFC 2069
+  // After so many requests a nonce gets a challenge with stale=true; 0: never.
+  int nonce_uses = 0;
   bool challenge_with_407 = false;
   std::vector<std::string> p_associated_uri;  // sent in each 200 to a REGISTER
   RegEventOptions reg_event;
 };
 
-// A scripted answer, for the next request of the method that matches. Consumed in order, one for
-// each request that is not a retransmission of an answered one.
+// A scripted response, for the next request of the method that matches. Scripts are used in their
+// order, one for each request; a retransmission uses none.
 struct Script {
-  std::string aor;    // empty: any
-  bool drop = false;  // as if it had never come: no binding, no answer, retransmissions included
-  std::chrono::milliseconds delay{0};  // the answer waits so long
-  int status = 0;  // 0: the registrar's own answer; else this one, and nothing changes
+  std::string aor;  // empty: any
+  // The request and its retransmissions count as lost: no binding, no response.
+  bool drop = false;
+  std::chrono::milliseconds delay{0};  // before the response is sent
+  int status = 0;  // 0: the registrar's own response; else this one, and no binding changes
   std::string reason;
-  std::vector<std::pair<std::string, std::string>> headers;  // added to the answer, in order
-  int copies = 1;                                            // how many times the answer is sent
-  int repeat = 1;  // for how many requests this script stands; -1: for ever
-  // Or "SUBSCRIBE": its NOTIFY does not wait for a delayed answer.
+  std::vector<std::pair<std::string, std::string>> headers;  // added to the response, in order
+  int copies = 1;                                            // how many times the response is sent
+  int repeat = 1;                                            // for so many requests; -1: for ever
+  // Or "SUBSCRIBE": its NOTIFY does not wait for a delayed response.
   std::string method = "REGISTER";
 };
 
@@ -85,31 +93,31 @@ class Registrar {
 
   void Add(Script script);
   [[nodiscard]] std::vector<Binding> Bindings(std::string_view aor = {}) const;  // those in force
-  // Drops the bindings of an address of record, and tells no subscriber.
+  // Removes the bindings of an address of record without a notification.
   bool Remove(std::string_view aor);
   [[nodiscard]] Counters GetCounters() const;
-  // For tests: the registrar's clock goes forward by this at once, and what is over by then ends.
+  // For tests: puts the registrar's clock forward, so that what expires by then expires now.
   void Advance(std::chrono::milliseconds time);
 
   // --- the event package "reg" ---
   // Changes the bindings, then notifies. False and a text when there is nothing to change.
   [[nodiscard]] bool Apply(const Order& order, std::string& error);
-  // These tell how many subscriptions they found.
+  // Each of these gives the number of subscriptions that it found.
   std::size_t Notify(const NotifyOrder& order);
-  // With a last NOTIFY. An empty reason: none is given. A negative retry_after: none.
+  // Ends them with a last NOTIFY. An empty reason and a negative retry_after are left out.
   std::size_t EndSubscriptions(std::string_view aor, const std::string& reason,
                                int retry_after = -1);
-  std::size_t ForgetSubscriptions(std::string_view aor);  // without a word; empty: all
+  std::size_t ForgetSubscriptions(std::string_view aor);  // without a NOTIFY; empty: all
   std::size_t Approve(std::string_view aor);              // the pending ones become active
   [[nodiscard]] std::vector<SubscriptionView> Subscriptions(std::string_view aor = {}) const;
   [[nodiscard]] RegEventCounters GetRegEventCounters() const;
 
   // Called on the registrar's thread for each REGISTER and SUBSCRIBE that is no retransmission,
-  // before it is answered.
+  // before the response is made.
   void OnRequest(std::function<void(const nsip_message&)> observer);
-  // Called on the registrar's thread when the answer to such a request is settled; status 0: there
+  // Called on the registrar's thread when the response to such a request is known; status 0: there
   // is none.
-  void OnAnswer(std::function<void(const nsip_message& request, int status)> observer);
+  void OnResponse(std::function<void(const nsip_message& request, int status)> observer);
 
  private:
   struct Impl;

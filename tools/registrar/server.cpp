@@ -59,7 +59,7 @@ void Registrar::Impl::MoveOn(Clock::time_point now) {
     SendDue(now);
     if (now >= next_purge) {
       next_purge = now + kPurgeInterval;
-      answers.Expire(now);
+      responses.Expire(now);
       Purge(now);
     }
     std::deque<Datagram> notifies;
@@ -69,7 +69,7 @@ void Registrar::Impl::MoveOn(Clock::time_point now) {
     }
     for (const Datagram& item : notifies) socket.Send(item.text, item.target);
   } catch (const std::bad_alloc&) {
-    // As in HandleAll: what was to be sent is lost.
+    // As in HandleAll: the datagrams that were due are lost.
   }
 }
 
@@ -92,10 +92,10 @@ void Registrar::Impl::SendDue(Clock::time_point now) {
   while (!delayed.empty() && delayed.begin()->first <= now) {
     const Delayed item = std::move(delayed.begin()->second);
     delayed.erase(delayed.begin());
-    const AnswerCache::Entry* entry = answers.Find(item.key);
+    const ResponseCache::Entry* entry = responses.Find(item.key);
     if (entry == nullptr) continue;
     for (int i = 0; i < item.copies; ++i) socket.Send(entry->text, entry->target);
-    answers.Settle(item.key);
+    responses.Settle(item.key);
   }
 }
 
@@ -104,10 +104,10 @@ void Registrar::Impl::Handle(const Peer& from) {
   const std::unique_ptr<nsip_message> request = nsip_message_parse(datagram, reason);
   if (request && request->status_code != 0) {
     const std::lock_guard<std::mutex> lock(mutex);
-    notifier.OnAnswer(*request);
+    notifier.OnResponse(*request);
     return;
   }
-  if (!request || !CanBeAnswered(*request)) {
+  if (!request || !HasWhatAResponseNeeds(*request)) {
     const std::lock_guard<std::mutex> lock(mutex);
     ++counters.garbage;
     return;
@@ -115,7 +115,7 @@ void Registrar::Impl::Handle(const Peer& from) {
   if (request->sip_method == "ACK") return;  // never answered (RFC 3261 §17)
   const std::string key = TransactionKey(*request);
   const bool is_register = request->sip_method == "REGISTER";
-  if (const AnswerCache::Entry* entry = answers.Find(key)) {
+  if (const ResponseCache::Entry* entry = responses.Find(key)) {
     if (is_register) {
       const std::lock_guard<std::mutex> lock(mutex);
       ++counters.retransmissions;
@@ -127,10 +127,10 @@ void Registrar::Impl::Handle(const Peer& from) {
     Serve(*request, key, from);
     return;
   }
-  Answer answer;
-  answer.status = request->sip_method == "OPTIONS" ? 200 : 405;
-  answer.headers.emplace_back("Allow", "REGISTER, SUBSCRIBE, OPTIONS");
-  Reply(*request, key, from, std::move(answer), Script{});
+  Response response;
+  response.status = request->sip_method == "OPTIONS" ? 200 : 405;
+  response.headers.emplace_back("Allow", "REGISTER, SUBSCRIBE, OPTIONS");
+  Reply(*request, key, from, std::move(response), Script{});
 }
 
 void Registrar::Impl::Serve(const nsip_message& request, const std::string& key, const Peer& from) {
@@ -144,42 +144,42 @@ void Registrar::Impl::Serve(const nsip_message& request, const std::string& key,
       notifier.CountSubscribe();
     }
     before = on_request;
-    after = on_answer;
+    after = on_response;
   }
   if (before) before(request);
   const Script script = TakeScript(request);
   if (script.drop) {
-    answers.Put(key, {}, Now());
+    responses.Put(key, {}, Now());
     if (after) after(request, 0);
     return;
   }
-  Answer answer;
+  Response response;
   if (script.status != 0) {
-    answer.status = script.status;
-    answer.reason = script.reason;
+    response.status = script.status;
+    response.reason = script.reason;
   } else {
-    answer = OwnAnswer(request);
+    response = OwnResponse(request);
   }
-  answer.headers.insert(answer.headers.end(), script.headers.begin(), script.headers.end());
-  const int status = answer.status;
-  Reply(request, key, from, std::move(answer), script);
+  response.headers.insert(response.headers.end(), script.headers.begin(), script.headers.end());
+  const int status = response.status;
+  Reply(request, key, from, std::move(response), script);
   if (after) after(request, status);
 }
 
 void Registrar::Impl::Reply(const nsip_message& request, const std::string& key, const Peer& from,
-                            Answer answer, const Script& script) {
-  answer.headers.emplace_back("Server", "tolvane-registrar (test double)");
+                            Response response, const Script& script) {
+  response.headers.emplace_back("Server", "tolvane-registrar (test double)");
   const Clock::time_point now = Now();
-  AnswerCache::Entry entry;
-  entry.target = AnswerTarget(request, from);
-  entry.text = WriteAnswer(request, std::move(answer), from);
+  ResponseCache::Entry entry;
+  entry.target = ResponseTarget(request, from);
+  entry.text = WriteResponse(request, std::move(response), from);
   entry.settled = script.delay.count() <= 0;
   if (entry.settled) {
     for (int i = 0; i < script.copies; ++i) socket.Send(entry.text, entry.target);
   } else {
     delayed.emplace(now + script.delay, Delayed{key, script.copies});
   }
-  answers.Put(key, std::move(entry), now);
+  responses.Put(key, std::move(entry), now);
 }
 
 Script Registrar::Impl::TakeScript(const nsip_message& request) {
@@ -196,30 +196,30 @@ Script Registrar::Impl::TakeScript(const nsip_message& request) {
 }
 
 // RFC 3261 §10.3, in its order; RFC 6665 §4.2.1 begins the same way.
-Answer Registrar::Impl::OwnAnswer(const nsip_message& request) {
-  Answer answer;
+Response Registrar::Impl::OwnResponse(const nsip_message& request) {
+  Response response;
   if (!request.req_uri || (request.req_uri->scheme != "sip" && request.req_uri->scheme != "sips")) {
-    answer.status = 416;
-    return answer;
+    response.status = 416;
+    return response;
   }
   if (request.cseq_method != request.sip_method) {
-    answer.status = 400;
-    answer.reason = "CSeq names another method";
-    return answer;
+    response.status = 400;
+    response.reason = "CSeq names another method";
+    return response;
   }
   if (const std::string require = HeaderValue(request, "Require"); !require.empty()) {
-    answer.status = 420;
-    answer.headers.emplace_back("Unsupported", require);
-    return answer;
+    response.status = 420;
+    response.headers.emplace_back("Unsupported", require);
+    return response;
   }
   if (digest.enabled()) {
     const Digest::Verdict verdict = digest.Check(request);
     if (verdict != Digest::Verdict::kAccepted) {
-      answer.status = digest.status();
+      response.status = digest.status();
       for (std::string& challenge : digest.Challenges(verdict == Digest::Verdict::kStale)) {
-        answer.headers.emplace_back(digest.challenge_header(), std::move(challenge));
+        response.headers.emplace_back(digest.challenge_header(), std::move(challenge));
       }
-      return answer;
+      return response;
     }
   }
   if (request.sip_method == "REGISTER") return Bind(request);
@@ -227,25 +227,25 @@ Answer Registrar::Impl::OwnAnswer(const nsip_message& request) {
   return notifier.Subscribe(request, Now());
 }
 
-Answer Registrar::Impl::Bind(const nsip_message& request) {
-  Answer answer;
+Response Registrar::Impl::Bind(const nsip_message& request) {
+  Response response;
   const Clock::time_point now = Now();
   const std::lock_guard<std::mutex> lock(mutex);
   std::vector<ContactRecord> changes;
   Location::Result result = location.Update(request, now, changes);
   notifier.Publish(nsip_aor_key(*request.to->url), changes, now);
-  answer.status = result.status;
-  answer.reason = std::move(result.reason);
-  if (answer.status == 423) {
-    answer.headers.emplace_back("Min-Expires", std::to_string(options.min_expires));
+  response.status = result.status;
+  response.reason = std::move(result.reason);
+  if (response.status == 423) {
+    response.headers.emplace_back("Min-Expires", std::to_string(options.min_expires));
   }
-  if (answer.status == 200) {
-    answer.contacts = location.Contacts(*request.to->url, now);
+  if (response.status == 200) {
+    response.contacts = location.Contacts(*request.to->url, now);
     for (const std::string& uri : options.p_associated_uri) {
-      answer.headers.emplace_back("P-Associated-URI", uri);
+      response.headers.emplace_back("P-Associated-URI", uri);
     }
   }
-  return answer;
+  return response;
 }
 
 }  // namespace registrar

@@ -11,18 +11,18 @@
 #include <thread>
 #include <utility>
 
-#include "registrar/answer.h"
 #include "registrar/digest.h"
 #include "registrar/location.h"
 #include "registrar/loopback_socket.h"
 #include "registrar/notifier.h"
 #include "registrar/registrar.h"
+#include "registrar/response.h"
 
 namespace registrar {
 
-// The socket, the digest and the answers belong to the registrar's thread; the mutex guards what
-// callers share with it: bindings, subscriptions, scripts, counters, observers. No observer is
-// called with the mutex held, and nothing is sent.
+// The socket, the digest and the responses belong to the registrar's thread. The mutex guards what
+// callers share with it: bindings, subscriptions, scripts, counters, observers. It is not held
+// while an observer is called or a datagram is sent.
 struct Registrar::Impl {
   explicit Impl(Options given)
       : options(std::move(given)),
@@ -34,7 +34,7 @@ struct Registrar::Impl {
 
   LoopbackSocket socket;
   Digest digest;
-  AnswerCache answers;
+  ResponseCache responses;
   struct Delayed {
     std::string key;
     int copies = 1;
@@ -56,7 +56,7 @@ struct Registrar::Impl {
   std::deque<Script> scripts;
   Counters counters;
   std::function<void(const nsip_message&)> on_request;
-  std::function<void(const nsip_message&, int)> on_answer;
+  std::function<void(const nsip_message&, int)> on_response;
 
   // What all deadlines and lifetimes are measured by.
   [[nodiscard]] Clock::time_point Now() const { return Clock::now() + ahead.load(); }
@@ -68,13 +68,13 @@ struct Registrar::Impl {
   void Handle(const Peer& from);
   // A REGISTER or a SUBSCRIBE.
   void Serve(const nsip_message& request, const std::string& key, const Peer& from);
-  void Reply(const nsip_message& request, const std::string& key, const Peer& from, Answer answer,
-             const Script& script);
+  void Reply(const nsip_message& request, const std::string& key, const Peer& from,
+             Response response, const Script& script);
   Script TakeScript(const nsip_message& request);
-  Answer OwnAnswer(const nsip_message& request);
-  Answer Bind(const nsip_message& request);
+  Response OwnResponse(const nsip_message& request);
+  Response Bind(const nsip_message& request);
   int PollTimeout() const;
-  // Has the thread look what is due. Callable from any thread.
+  // Has the thread do what is due. Any thread.
   void Wake() const;
 };
 

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "registrar/answer.h"
 #include "registrar/digest.h"
+#include "registrar/response.h"
 
 namespace registrar {
 namespace {
@@ -179,8 +179,8 @@ Subscription::Turn Subscription::Advance(Clock::time_point now, std::chrono::mil
   return Turn::kGoesOn;
 }
 
-Subscription::Turn Subscription::OnAnswer(const nsip_message& response,
-                                          RegEventCounters& counters) {
+Subscription::Turn Subscription::OnResponse(const nsip_message& response,
+                                            RegEventCounters& counters) {
   const nsip_generic_param* branch = nullptr;
   if (!under_way_ || response.cseq_method != "NOTIFY" || response.status_code < 200 ||
       nsip_generic_param_get_byname(response.vias.front()->params, "branch", &branch) != 0 ||
@@ -190,9 +190,9 @@ Subscription::Turn Subscription::OnAnswer(const nsip_message& response,
   return Finish(response.status_code, counters);
 }
 
-// RFC 6665 §4.2.2: without an answer, and with 481, the subscription is gone.
+// RFC 6665 §4.2.2: without a response, and with 481, the subscription is gone.
 Subscription::Turn Subscription::Finish(int status, RegEventCounters& counters) {
-  ++counters.answers[status];
+  ++counters.responses[status];
   last_status_ = status;
   const bool over =
       under_way_->last || (!under_way_->foreign && (status == 481 || status == kTimeout));

@@ -25,11 +25,11 @@ struct Outgoing {
   std::string body;
   std::string content_type;        // empty: no Content-Type
   std::string event;               // empty: the subscription's
-  std::string subscription_state;  // empty: what is true when it leaves
+  std::string subscription_state;  // empty: the state when it is sent
   std::optional<std::uint32_t> cseq;
   int copies = 1;
   bool foreign = false;
-  bool last = false;  // the subscription ends with its answer
+  bool last = false;  // the subscription ends with its response
 };
 
 // Not thread-safe: its owner locks.
@@ -41,22 +41,22 @@ class Subscription {
   Subscription(const nsip_message& request, const Peer& target, std::string aor, std::string event,
                std::string local_tag, const nsip_uri& own_contact);
 
-  // Where the subscriber is reached (RFC 3261 §12.2.1.1); false, and no change, when that is not on
+  // The address of the subscriber (RFC 3261 §12.2.1.1); false, and no change, when it is not on
   // loopback or not of the family.
   static bool FindTarget(const nsip_message& request, int family, Peer& target);
   // A SUBSCRIBE in the dialog, with a Contact or without one.
   void Retarget(const nsip_message& request, const Peer& target);
   [[nodiscard]] bool IsDialogOf(const nsip_message& request) const;
 
-  // A full queue is emptied in favour of this one. Behind the last NOTIFY nothing is queued.
+  // Empties a full queue first. Behind the last NOTIFY nothing is queued.
   void Queue(Outgoing outgoing);
   [[nodiscard]] bool QueueIsFull() const;
-  // Moves time on. What is to be sent is appended.
+  // Does what is due now and appends what is to be sent.
   enum class Turn { kGoesOn, kOver };
   [[nodiscard]] Turn Advance(Clock::time_point now, std::chrono::milliseconds t1,
                              RegEventCounters& counters, std::deque<Datagram>& out);
-  // The answer to the NOTIFY under way, if it is one.
-  [[nodiscard]] Turn OnAnswer(const nsip_message& response, RegEventCounters& counters);
+  // The response to the NOTIFY under way, if it is one.
+  [[nodiscard]] Turn OnResponse(const nsip_message& response, RegEventCounters& counters);
   // When Advance has something to do.
   [[nodiscard]] Clock::time_point Due() const;
   [[nodiscard]] SubscriptionView View(Clock::time_point now) const;

@@ -1,4 +1,4 @@
-#include "registrar/answer.h"
+#include "registrar/response.h"
 
 #include <algorithm>
 
@@ -7,8 +7,8 @@
 namespace registrar {
 namespace {
 
-constexpr std::size_t kMaxAnswers = 65536;
-constexpr std::chrono::seconds kAnswerLife{32};
+constexpr std::size_t kMaxResponses = 65536;
+constexpr std::chrono::seconds kResponseLife{32};
 constexpr std::uint16_t kSipPort = 5060;
 
 const char* UsualPhrase(int status) {
@@ -60,7 +60,7 @@ const char* UsualPhrase(int status) {
     case 600:
       return "Busy Everywhere";
     default:
-      return "Scripted Answer";
+      return "Scripted Response";
   }
 }
 
@@ -91,21 +91,21 @@ std::string_view BareHost(std::string_view host) {
 
 }  // namespace
 
-bool CanBeAnswered(const nsip_message& request) {
+bool HasWhatAResponseNeeds(const nsip_message& request) {
   return request.status_code == 0 && !request.sip_method.empty() && !request.vias.empty() &&
          request.vias.front() && request.from && request.to && request.to->url &&
          !request.call_id.empty() && !request.cseq_method.empty();
 }
 
-std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& from) {
+std::string WriteResponse(const nsip_message& request, Response response, const Peer& from) {
   const std::unique_ptr<nsip_message> message = nsip_message_clone(request);
-  message->status_code = answer.status;
-  message->reason_phrase = answer.reason.empty() ? UsualPhrase(answer.status) : answer.reason;
+  message->status_code = response.status;
+  message->reason_phrase = response.reason.empty() ? UsualPhrase(response.status) : response.reason;
   message->sip_method.clear();
   message->req_uri.reset();
   message->routes.clear();
-  if (answer.to_tag.empty()) message->record_routes.clear();
-  message->contacts = std::move(answer.contacts);
+  if (response.to_tag.empty()) message->record_routes.clear();
+  message->contacts = std::move(response.contacts);
   message->contact_star = false;
   message->headers.items.clear();
   message->body.clear();
@@ -117,13 +117,13 @@ std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& 
   if (rport) SetParam(via.params, "rport", std::to_string(from.Port()));
   if (Param(message->to->params, "tag") == nullptr) {
     message->to->params.push_back(
-        {"tag", answer.to_tag.empty() ? RandomHex(6) : answer.to_tag, true});
+        {"tag", response.to_tag.empty() ? RandomHex(6) : response.to_tag, true});
   }
 
   std::string text;
   if (nsip_message_to_str(*message, text) != 0) return {};
   std::string lines;
-  for (const auto& [name, value] : answer.headers) {
+  for (const auto& [name, value] : response.headers) {
     lines.append(name).append(": ").append(value).append("\r\n");
   }
   // Scripted headers may be ones that a message keeps in fields of its own, or wrong on purpose, so
@@ -133,7 +133,7 @@ std::string WriteAnswer(const nsip_message& request, Answer answer, const Peer& 
   return text;
 }
 
-Peer AnswerTarget(const nsip_message& request, const Peer& from) {
+Peer ResponseTarget(const nsip_message& request, const Peer& from) {
   Peer target = from;
   const nsip_via& via = *request.vias.front();
   if (Param(via.params, "rport") == nullptr) {
@@ -156,31 +156,31 @@ std::string TransactionKey(const nsip_message& request) {
   return key;
 }
 
-const AnswerCache::Entry* AnswerCache::Find(const std::string& key) const {
+const ResponseCache::Entry* ResponseCache::Find(const std::string& key) const {
   const auto found = entries_.find(key);
   return found == entries_.end() ? nullptr : &found->second;
 }
 
-void AnswerCache::Put(const std::string& key, Entry entry, Clock::time_point now) {
-  while (entries_.size() >= kMaxAnswers) DropOldest();
+void ResponseCache::Put(const std::string& key, Entry entry, Clock::time_point now) {
+  while (entries_.size() >= kMaxResponses) DropOldest();
   order_.emplace_back(now, key);
   entries_.insert_or_assign(key, std::move(entry));
 }
 
-void AnswerCache::Settle(const std::string& key) {
+void ResponseCache::Settle(const std::string& key) {
   if (const auto found = entries_.find(key); found != entries_.end()) found->second.settled = true;
 }
 
-void AnswerCache::Expire(Clock::time_point now) {
-  while (!order_.empty() && order_.front().first + kAnswerLife <= now) DropOldest();
+void ResponseCache::Expire(Clock::time_point now) {
+  while (!order_.empty() && order_.front().first + kResponseLife <= now) DropOldest();
 }
 
-void AnswerCache::Clear() {
+void ResponseCache::Clear() {
   entries_.clear();
   order_.clear();
 }
 
-void AnswerCache::DropOldest() {
+void ResponseCache::DropOldest() {
   entries_.erase(order_.front().second);
   order_.pop_front();
 }
