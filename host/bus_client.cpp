@@ -10,8 +10,8 @@
 namespace host {
 namespace {
 
-constexpr int kNotifications[] = {kNotifyOutcome, kNotifyDeregistered, kNotifyState,
-                                  kNotifyServiceLost};
+constexpr int kNotifications[] = {reg::kNotifyOutcome, reg::kNotifyDeregistered, reg::kNotifyState,
+                                  reg::kNotifyServiceLost};
 
 // The bus calls a plain function, which finds the inbox here.
 std::atomic<Inbox*> g_inbox{nullptr};
@@ -57,7 +57,7 @@ class RegDocument {
   bool readable_ = false;
 };
 
-Answer Execute(int command, CXML& in, const char* target = kComponentIdentity) {
+Answer Execute(int command, CXML& in, const char* target = reg::kIdentity) {
   Answer answer;
   answer.command = command;
   CXML out;
@@ -91,7 +91,7 @@ Notice ReadNotice(int id, const std::string& document) {
   notice.warn_text = reg.Text("warntext");
   notice.uri = reg.Text("uri");
   // A notification because of a response has this element, which may be empty.
-  notice.by_view = id == kNotifyDeregistered && !reg.Has("uri");
+  notice.by_view = id == reg::kNotifyDeregistered && !reg.Has("uri");
   notice.retry_after = reg.Value("retry-after", 0);
   notice.state = reg.Text("state");
   notice.event = reg.Text("event");
@@ -113,17 +113,17 @@ BusClient::~BusClient() {
 bool BusClient::Load(bool with_subscriptions, std::string& error) {
   subscriptions_loaded_ =
       with_subscriptions &&
-      LoadPlugIn("TolvaneSubscription", "SUBSCRIPTION_XSC", kSubscriptionIdentity, error);
+      LoadPlugIn("TolvaneSubscription", "SUBSCRIPTION_XSC", sub::kIdentity, error);
   if (subscriptions_loaded_ != with_subscriptions) return false;
-  loaded_ = LoadPlugIn("Tolvane", "TOLVANE_XSC", kComponentIdentity, error);
+  loaded_ = LoadPlugIn("Tolvane", "TOLVANE_XSC", reg::kIdentity, error);
   if (!loaded_) return false;
   if (subscriptions_loaded_ &&
-      XSSubNotify(kSubscriptionIdentity, kNotifySubscriptionLife, OnNotification) != XS_OK) {
+      XSSubNotify(sub::kIdentity, sub::kNotifyLife, OnNotification) != XS_OK) {
     error = "the bus has no memory left for a subscription";
     return false;
   }
   for (const int id : kNotifications) {
-    if (XSSubNotify(kComponentIdentity, id, OnNotification) != XS_OK) {
+    if (XSSubNotify(reg::kIdentity, id, OnNotification) != XS_OK) {
       error = "the bus has no memory left for a subscription";
       return false;
     }
@@ -144,11 +144,11 @@ Answer BusClient::SwitchLogOn(const LogOptions& log) {
   const auto execute = [&document](const char* target) {
     CXML in;
     in.SetDoc(std::string_view(document));
-    return Execute(kCommandLogSwitch, in, target);
+    return Execute(reg::kCommandLogSwitch, in, target);
   };
-  Answer answer = execute(kComponentIdentity);
+  Answer answer = execute(reg::kIdentity);
   if (answer.result == 0 && subscriptions_loaded_) {
-    answer.result = execute(kSubscriptionIdentity).result;
+    answer.result = execute(sub::kIdentity).result;
   }
   return answer;
 }
@@ -157,12 +157,12 @@ Answer BusClient::SetWorkDir(const std::string& directory) {
   CXML in;
   in.AddElem("system-settings", nullptr, 0);
   in.AddChildElem("work-dir", directory.c_str(), 0);
-  return Execute(kCommandSettings, in);
+  return Execute(reg::kCommandSettings, in);
 }
 
 Answer BusClient::ReadConfig() {
   CXML in;
-  return Execute(kCommandReadConfig, in);
+  return Execute(reg::kCommandReadConfig, in);
 }
 
 Answer BusClient::Register(const RegisterOptions& options) {
@@ -181,35 +181,35 @@ Answer BusClient::Register(const RegisterOptions& options) {
     in.AddChildElem("reregister-interval", options.reregister_interval, 0);
   }
   if (!options.user_agent.empty()) in.AddChildElem("user-agent", options.user_agent.c_str(), 0);
-  return Execute(kCommandRegister, in);
+  return Execute(reg::kCommandRegister, in);
 }
 
 Answer BusClient::RegisterAgain(int registration) {
   CXML in;
   in.AddElem("reg", nullptr, 0);
   in.AddChildElem("id", registration, 0);
-  return Execute(kCommandRegister, in);
+  return Execute(reg::kCommandRegister, in);
 }
 
 Answer BusClient::Deregister(int registration) {
   CXML in;
   in.AddElem("reg", nullptr, 0);
   in.AddChildElem("id", registration, 0);
-  return Execute(kCommandDeregister, in);
+  return Execute(reg::kCommandDeregister, in);
 }
 
 void BusClient::UnloadComponent(std::chrono::milliseconds deadline) {
   if (!loaded_) return;
   loaded_ = false;
-  brunelib::UnloadComponent(kComponentIdentity, deadline);
-  for (const int id : kNotifications) XSUnsubNotify(kComponentIdentity, id, OnNotification);
+  brunelib::UnloadComponent(reg::kIdentity, deadline);
+  for (const int id : kNotifications) XSUnsubNotify(reg::kIdentity, id, OnNotification);
 }
 
 void BusClient::UnloadSubscriptions(std::chrono::milliseconds deadline) {
   if (!subscriptions_loaded_) return;
   subscriptions_loaded_ = false;
-  brunelib::UnloadComponent(kSubscriptionIdentity, deadline);
-  XSUnsubNotify(kSubscriptionIdentity, kNotifySubscriptionLife, OnNotification);
+  brunelib::UnloadComponent(sub::kIdentity, deadline);
+  XSUnsubNotify(sub::kIdentity, sub::kNotifyLife, OnNotification);
 }
 
 }  // namespace host

@@ -5,26 +5,14 @@
 #include <chrono>
 #include <string>
 
+#include "Brunelib/identities.h"
 #include "host/inbox.h"
 #include "host/options.h"
 
 namespace host {
 
-inline constexpr const char* kComponentIdentity = "{8836E13D-A307-43DF-8C88-B7783DC728BF}";
-inline constexpr const char* kSubscriptionIdentity = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
-inline constexpr int kCommandReadConfig = 2;
-inline constexpr int kCommandRegister = 3;
-inline constexpr int kCommandDeregister = 4;
-inline constexpr int kCommandSettings = 0x10000;
-inline constexpr int kCommandLogSwitch = 0x10004;
-// The one result of kCommandReadConfig: the command ran. It does not say what was read.
-inline constexpr int kResultRan = 0x40000002;
-inline constexpr int kNotifyOutcome = 0x1000;
-inline constexpr int kNotifyDeregistered = 0x1001;
-inline constexpr int kNotifyState = 0x1002;
-inline constexpr int kNotifyServiceLost = 0x1003;
-// The subscription service's: a subscription has ended for good.
-inline constexpr int kNotifySubscriptionLife = 0x1003;
+namespace reg = bus::registration;
+namespace sub = bus::subscription;
 
 // The result of a command on the bus.
 struct Answer {

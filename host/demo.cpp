@@ -18,7 +18,7 @@ namespace host {
 namespace {
 
 constexpr int kRequestedExpires = 2;  // too short for this registrar
-constexpr int kMinExpires = 3;     // so a refresh each second
+constexpr int kMinExpires = 3;        // so a refresh each second
 constexpr int kRefreshes = 2;
 constexpr int kComesBackAfter = 1;
 constexpr std::chrono::seconds kSoon{2};
@@ -139,7 +139,7 @@ class Demo : public SessionListener {
                       Circumstances circumstances) override {
     Line(time, DescribeNotice(notice, options_, circumstances));
     const bool bound = registrar_.Bindings(kAor).size() == 1;
-    if (notice.id == kNotifyOutcome && notice.result == 0) {
+    if (notice.id == reg::kNotifyOutcome && notice.result == 0) {
       if (removed_) {
         back_ = heard_ && bound;
         // Time for the subscription to be shown, too.
@@ -148,10 +148,10 @@ class Demo : public SessionListener {
         bound_ = bound;
       }
     }
-    if (notice.id == kNotifyState && notice.state == "Terminate" && removed_ && !back_) {
+    if (notice.id == reg::kNotifyState && notice.state == "Terminate" && removed_ && !back_) {
       heard_ = notice.event == "deactivated" && !bound && time - *removed_ < kSoon;
     }
-    if (notice.id == kNotifyDeregistered && notice.result == 0) deregistered_ = true;
+    if (notice.id == reg::kNotifyDeregistered && notice.result == 0) deregistered_ = true;
   }
 
   void OnTrace(WallTime time, const TraceItem& item) override {

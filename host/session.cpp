@@ -131,7 +131,7 @@ bool Session::Prepare(std::string& error) {
   };
   if (!options_.log.directory.empty() && !took(bus_.SwitchLogOn(options_.log), 0)) return false;
   return options_.work_dir.empty() ||
-         (took(bus_.SetWorkDir(options_.work_dir), 0) && took(bus_.ReadConfig(), kResultRan));
+         (took(bus_.SetWorkDir(options_.work_dir), 0) && took(bus_.ReadConfig(), reg::kResultRan));
 }
 
 void Session::ReloadConfig() {
@@ -183,19 +183,19 @@ void Session::Handle(const InboxItem& item) {
 }
 
 void Session::OnNotice(WallTime time, const NotificationItem& item) {
-  if (item.source == kSubscriptionIdentity) return OnSubscriptionOver();
+  if (item.source == sub::kIdentity) return OnSubscriptionOver();
   const Notice notice = ReadNotice(item.id, item.document);
   listener_.OnNotification(
       time, item, notice, {NoResponse(notice), phase_ == Phase::kEnding || phase_ == Phase::kDone});
   if (phase_ == Phase::kDone || notice.registration != registration_) return;
   switch (notice.id) {
-    case kNotifyOutcome:
+    case reg::kNotifyOutcome:
       OnOutcome(notice);
       break;
-    case kNotifyDeregistered:
+    case reg::kNotifyDeregistered:
       OnDeregistered(notice);
       break;
-    case kNotifyState:
+    case reg::kNotifyState:
       view_missed_ = false;
       if (notice.state != "Active") OnLost(notice);
       break;
@@ -338,7 +338,7 @@ void Session::FinishByResponse() {
 }
 
 bool Session::NoResponse(const Notice& notice) {
-  if (notice.id == kNotifyDeregistered) return NoResponseToDeregister(notice);
+  if (notice.id == reg::kNotifyDeregistered) return NoResponseToDeregister(notice);
   const std::uint64_t timeouts = sipcarrier::GetCounters().timeouts;
   const bool grown = timeouts > timeouts_seen_;
   timeouts_seen_ = timeouts;

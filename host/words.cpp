@@ -122,16 +122,17 @@ std::string DescribeAnswer(const Answer& answer, const RegisterOptions& options)
                : std::string(failed) + " (result " + std::to_string(answer.result) + ").";
   };
   switch (answer.command) {
-    case kCommandLogSwitch:
+    case reg::kCommandLogSwitch:
       return say(0, "Logging to Tolvane.log in " + options.log.directory + ".",
                  "The log could not be switched on");
-    case kCommandSettings:
+    case reg::kCommandSettings:
       return say(0, "The working directory is " + options.work_dir + ".",
                  "The working directory was not taken");
-    case kCommandReadConfig:
-      return say(kResultRan, "The templates have been read; they apply from the next REGISTER on.",
+    case reg::kCommandReadConfig:
+      return say(reg::kResultRan,
+                 "The templates have been read; they apply from the next REGISTER on.",
                  "The templates could not be read");
-    case kCommandRegister:
+    case reg::kCommandRegister:
       return say(0,
                  "Registering " + options.aor + " at " + options.registrar + ", asking for " +
                      Seconds(options.expires) + " (registration " +
@@ -160,23 +161,23 @@ std::string_view RegistrarsEnd(std::string_view event) {
 std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
                            Circumstances circumstances) {
   switch (notice.id) {
-    case kNotifyOutcome:
+    case reg::kNotifyOutcome:
       if (notice.result != 0) return DescribeFailure(notice, options, circumstances.unanswered);
       return "Registered: the registrar holds a binding for " +
              Printable(notice.uri.empty() ? options.aor : notice.uri) + "." +
              (options.auto_refresh
                   ? " It is refreshed before it expires."
                   : " It is not refreshed and expires after the seconds that were granted.");
-    case kNotifyDeregistered:
+    case reg::kNotifyDeregistered:
       if (circumstances.unanswered) {
         return "Deregistered here, but no response came: the registrar may keep the binding until "
                "it expires.";
       }
       return notice.by_view ? "Deregistered: the registrar's own view shows it."
                             : "Deregistered: the registrar has responded.";
-    case kNotifyState:
+    case reg::kNotifyState:
       return DescribeState(notice, options, circumstances.ending);
-    case kNotifyServiceLost:
+    case reg::kNotifyServiceLost:
       return "The registrar has lost the service (533); a new registration went out at once.";
     default:
       return "Notification " + std::to_string(notice.id) + ".";

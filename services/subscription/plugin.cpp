@@ -6,6 +6,7 @@
 #include <shared_mutex>
 
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "service.h"
 
 namespace {
@@ -26,7 +27,7 @@ TOLVANE_PUBLIC int SUBSCRIPTION_XSCInformation(XSComponentInfo* pInfo) {
   const std::int32_t nHostUse = pInfo->nHostUse;
   *pInfo = XSComponentInfo{};
   pInfo->nHostUse = nHostUse;
-  std::strncpy(pInfo->szIdentity, subscription::kIdentity, sizeof pInfo->szIdentity - 1);
+  std::strncpy(pInfo->szIdentity, bus::subscription::kIdentity, sizeof pInfo->szIdentity - 1);
   std::strncpy(pInfo->szVendor, "Tolvane", sizeof pInfo->szVendor - 1);
   std::strncpy(pInfo->szText, "SIP subscriptions", sizeof pInfo->szText - 1);
   pInfo->nNumber = 2;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "logging/LogOne.h"
 #include "nsip/nsip.h"
 #include "reginfo_sequence.h"
@@ -50,7 +51,8 @@ void Express(int notification, long id,
   document.AddChildElem("id", static_cast<int>(id), 0);
   for (const auto& child : children) document.AddChildElem(child.first, child.second, 0);
   document.ResetPos();
-  if (XSExpressNotify(kIdentity, notification, &document, nullptr) != XS_OK) throw std::bad_alloc();
+  if (XSExpressNotify(bus::subscription::kIdentity, notification, &document, nullptr) != XS_OK)
+    throw std::bad_alloc();
 }
 
 std::string Name(long id) { return "subscription " + std::to_string(id); }
@@ -68,13 +70,14 @@ struct Service::Follower {
 };
 
 int Service::OnCommand(int command, CXML* in, CXML* out) {
-  if (in == nullptr || (command == kCommandSubscribe && out == nullptr)) return -1;
+  if (in == nullptr || (command == bus::subscription::kCommandSubscribe && out == nullptr))
+    return -1;
   switch (command) {
-    case kCommandSubscribe:
+    case bus::subscription::kCommandSubscribe:
       return OnSubscribe(*in, *out);
-    case kCommandDesubscribe:
+    case bus::subscription::kCommandDesubscribe:
       return OnDesubscribe(*in);
-    case kCommandLogSwitch:
+    case bus::subscription::kCommandLogSwitch:
       return OnLogSwitch(*in);
     default:
       return -1;
@@ -161,7 +164,8 @@ void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
       (void)sivra::RefreshSubscription(id);
     }
     if (result.verdict == ReginfoSequence::Verdict::kHandedOn) {
-      Express(kNotifyBody, id, {{"event", kEvent}, {"msgbody", result.document.c_str()}});
+      Express(bus::subscription::kNotifyBody, id,
+              {{"event", kEvent}, {"msgbody", result.document.c_str()}});
     }
   } catch (const std::bad_alloc&) {
     // The document is lost; a full one replaces it.
@@ -171,7 +175,7 @@ void Service::OnNotify(long id, const std::string& body, bool new_dialog) {
 
 void Service::OnEnd(long id, int status, const std::string& reason) {
   try {
-    Express(kNotifyLife, id, {{"final", "SUB_STOP"}});
+    Express(bus::subscription::kNotifyLife, id, {{"final", "SUB_STOP"}});
     SUB_LOG(E_LOG_INFO, (Name(id) + " has ended: " + reason +
                          (status > 0 ? " (" + std::to_string(status) + ")" : ""))
                             .c_str());

@@ -1,5 +1,6 @@
 // The subscription service: keeps SIP subscriptions on behalf of components of the bus and gives
-// them the bodies of the NOTIFYs.
+// them the bodies of the NOTIFYs. Its identity and its numbers are bus::subscription of
+// Brunelib/identities.h.
 //
 // Commands (documents with the root "sub"):
 //   2        begins a subscription. From the client: from, to, event ("reg"), expires (seconds),
@@ -31,13 +32,6 @@
 class ILogOne;
 
 namespace subscription {
-
-inline constexpr const char* kIdentity = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
-inline constexpr int kCommandSubscribe = 2;
-inline constexpr int kCommandDesubscribe = 3;
-inline constexpr int kCommandLogSwitch = 0x10004;
-inline constexpr int kNotifyLife = 0x1003;
-inline constexpr int kNotifyBody = 0x1005;
 
 // Commands come on any thread, NOTIFYs on the stack's I/O thread. The mutex guards the two tables.
 // It is held while a subscription begins at sivra, so that no NOTIFY comes for one that is not in

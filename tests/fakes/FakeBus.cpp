@@ -5,26 +5,25 @@
 #include <cstdio>
 #include <utility>
 
-namespace fakes {
+#include "Brunelib/identities.h"
 
-namespace {
-constexpr char kService[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
-}
+namespace fakes {
 
 FakeBus& FakeBus::Get() {
   static FakeBus bus;
   return bus;
 }
 
-int FakeBus::Notify(int id, CXML& document) { return subscribers.at(id)(kService, id, &document, nullptr); }
+int FakeBus::Notify(int id, CXML& document) {
+  return subscribers.at(id)(bus::subscription::kIdentity, id, &document, nullptr);
+}
 
 }  // namespace fakes
 
 using fakes::FakeBus;
-using fakes::kService;
 
 int XSSubNotify(const char* szSource, int nNtfId, XSNotifyCallback* pCallback) {
-  EXPECT_STREQ(szSource, kService);
+  EXPECT_STREQ(szSource, bus::subscription::kIdentity);
   FakeBus::Get().subscribers[nNtfId] = pCallback;
   return XS_OK;
 }
@@ -35,7 +34,7 @@ int XSUnsubNotify(const char*, int nNtfId, XSNotifyCallback*) {
 }
 
 int XSExecuteCommand(const char* szTarget, int nCmdId, CXML* pIn, CXML* pOut) {
-  EXPECT_STREQ(szTarget, kService);
+  EXPECT_STREQ(szTarget, bus::subscription::kIdentity);
   FakeBus& bus = FakeBus::Get();
   bus.expressed.push_back("service " + std::to_string(nCmdId) + " " + pIn->GetDoc());
   if (const auto hook = std::exchange(bus.at_command, nullptr)) hook();
@@ -53,7 +52,7 @@ int XSExecuteCommand(const char* szTarget, int nCmdId, CXML* pIn, CXML* pOut) {
 }
 
 int XSExpressNotify(const char* szSource, int nNtfId, CXML* pDoc, void* pExtra) {
-  EXPECT_STREQ(szSource, "{8836E13D-A307-43DF-8C88-B7783DC728BF}");
+  EXPECT_STREQ(szSource, bus::registration::kIdentity);
   EXPECT_EQ(pExtra, nullptr);
   char id[16];
   std::snprintf(id, sizeof id, "%x ", static_cast<unsigned>(nNtfId));

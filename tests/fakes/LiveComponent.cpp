@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "RegisterProcess.h"
 #include "RegisterSipProcess.h"
 #include "VorelKDCore/VorelKDCore.h"
@@ -58,14 +59,14 @@ LiveComponent::LiveComponent(std::chrono::milliseconds t1) {
   if (on_trace != nullptr) config.trace = on_trace;
   std::string error;
   EXPECT_EQ(sipcarrier::Start(config, error), 0) << error;
-  for (const int id : kNotifications) XSSubNotify(REG_BUS_IDENTITY, id, OnNotification);
+  for (const int id : kNotifications) XSSubNotify(bus::registration::kIdentity, id, OnNotification);
   EXPECT_EQ(TOLVANE_XSCInitialize(nullptr), 0);
 }
 
 LiveComponent::~LiveComponent() {
   EXPECT_EQ(TOLVANE_XSCUninitialize(), 0);
   sipcarrier::Stop(std::chrono::seconds(5));
-  for (const int id : kNotifications) XSUnsubNotify(REG_BUS_IDENTITY, id, OnNotification);
+  for (const int id : kNotifications) XSUnsubNotify(bus::registration::kIdentity, id, OnNotification);
   brunelib::Shutdown(std::chrono::seconds(5));
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "Brunelib/identities.h"
 #include "LiveComponent.h"
 #include "Register.h"
 #include "RegisterProcess.h"
@@ -170,10 +171,10 @@ TEST(ComponentWire, TemplatesAndWhatTheyCannotCarry) {
     dir.Template(
         "X-First: ${local-uri}\nX-Name: (${display-name})\nX-Literal: $${x}\nexpires: 3600\n"
         "User-Agent: template\nX-Last: 1");
-    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_SYSTEM_SETTINGS, dir.Settings()), 0);
-    LiveComponent::Command(E_REG_CMD_READ_CONF, "");
+    EXPECT_EQ(LiveComponent::Command(bus::registration::kCommandSettings, dir.Settings()), 0);
+    LiveComponent::Command(bus::registration::kCommandReadConfig, "");
     dir.Template("X-Last: 1&#13;&#10;X-Injected: 1");  // refused, and the former one stays
-    LiveComponent::Command(E_REG_CMD_READ_CONF, "");
+    LiveComponent::Command(bus::registration::kCommandReadConfig, "");
     const std::string registrar = "<registrar>sip:127.0.0.1:" + std::to_string(peer.port()) + "</registrar>";
     EXPECT_EQ(LiveComponent::Command(3, "<reg>" + (children + registrar) + "</reg>"), lines == nullptr ? -1 : 0);
     if (lines == nullptr) continue;
@@ -279,8 +280,8 @@ class ChangeUnderTraffic {
   }
   void ReadTemplatesAgain(int n) {
     dir_.Template("X-A: " + std::to_string(n % 10) + "\nX-B: " + std::to_string(n % 10));
-    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_SYSTEM_SETTINGS, dir_.Settings()), 0);
-    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_READ_CONF, ""), 0x40000002);
+    EXPECT_EQ(LiveComponent::Command(bus::registration::kCommandSettings, dir_.Settings()), 0);
+    EXPECT_EQ(LiveComponent::Command(bus::registration::kCommandReadConfig, ""), 0x40000002);
   }
   void OpenAndClose(int n) {
     SwitchOn(n, "level=\"3\"" + kSizes);
@@ -294,9 +295,12 @@ class ChangeUnderTraffic {
   }
   void OpenAnother(int n) { SwitchOn(n + 1, "level=\"2\"" + kSizes); }
   void SwitchOn(int n, const std::string& attributes) {
-    EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, dir_.LogOn(attributes, std::to_string(n % 3))), 0);
+    EXPECT_EQ(
+        LiveComponent::Command(bus::registration::kCommandLogSwitch, dir_.LogOn(attributes, std::to_string(n % 3))), 0);
   }
-  static void SwitchOff() { EXPECT_EQ(LiveComponent::Command(E_REG_CMD_LOG_SWITCH, WorkDir::kLogOff), 0); }
+  static void SwitchOff() {
+    EXPECT_EQ(LiveComponent::Command(bus::registration::kCommandLogSwitch, WorkDir::kLogOff), 0);
+  }
   [[nodiscard]] bool HasSeenEnough() const {
     return owed_count_[0] > 2000 && owed_count_[1] > 2000 && g_whole > 50 && HasRotated();
   }

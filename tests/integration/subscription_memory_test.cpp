@@ -1,6 +1,7 @@
 // Memory that runs out along the road of a subscription: asked for, told of, ended by the
 // registrar. Nothing crashes, no exception gets out, and the next registration is followed again.
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "failing_new.h"
 #include "LiveComponent.h"
 #include "Register.h"
@@ -64,7 +65,7 @@ TEST(SubscriptionMemory, RunsOutAlongTheRoad) {
       if (n % 10 == 1) Road(service.registrar, 0);
     }
     TOLVANE_XSCUninitialize();
-    EXPECT_TRUE(brunelib::UnloadComponent("{C560987C-AD84-40B7-8D17-84583CC090ED}", 5s));
+    EXPECT_TRUE(brunelib::UnloadComponent(bus::subscription::kIdentity, 5s));
     EXPECT_TRUE(sip_test::Eventually([] { return sivra::SubscriptionCount() == 0; }, 5s));
   }
   EXPECT_EQ(CRegister::s_nAlive, 0);

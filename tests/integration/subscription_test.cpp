@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "LiveComponent.h"
 #include "Register.h"
 #include "RegisterProcess.h"
@@ -22,8 +23,6 @@ using registrar::Gone;
 using registrar::Versions;
 using sip_test::Eventually;
 using sip_test::Replaced;
-
-constexpr char kService[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
 
 // What the client and the service's readers have heard: "1002 7 Active registered".
 std::mutex g_mutex;
@@ -49,15 +48,15 @@ struct Live {
   explicit Live(const char* plugin = SERVICE, std::chrono::milliseconds t1 = 50ms) : component(t1) {
     g_heard.clear();
     std::string error;
-    EXPECT_EQ(brunelib::LoadComponent(plugin, "SUBSCRIPTION_XSC", error), kService) << error;
-    XSSubNotify(REG_BUS_IDENTITY, 0x1001, Hear<1001>);
-    XSSubNotify(REG_BUS_IDENTITY, 0x1002, Hear<1002>);
-    XSSubNotify(kService, 0x1003, Hear<1003>);
+    EXPECT_EQ(brunelib::LoadComponent(plugin, "SUBSCRIPTION_XSC", error), bus::subscription::kIdentity) << error;
+    XSSubNotify(bus::registration::kIdentity, 0x1001, Hear<1001>);
+    XSSubNotify(bus::registration::kIdentity, 0x1002, Hear<1002>);
+    XSSubNotify(bus::subscription::kIdentity, 0x1003, Hear<1003>);
   }
   ~Live() {
     TOLVANE_XSCUninitialize();  // with the service still there, which it asks for ends
     EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }, 5s));
-    EXPECT_TRUE(brunelib::UnloadComponent(kService, 5s));
+    EXPECT_TRUE(brunelib::UnloadComponent(bus::subscription::kIdentity, 5s));
     EXPECT_EQ(CRegister::s_nAlive, 0);
   }
   int Register(const std::string& aor, const std::string& registrar) {
@@ -74,7 +73,7 @@ struct Live {
 int Command(int id, const std::string& document, std::string* answer = nullptr) {
   CXML in, out;
   in.SetDoc(document);
-  const int result = XSExecuteCommand(kService, id, &in, &out);
+  const int result = XSExecuteCommand(bus::subscription::kIdentity, id, &in, &out);
   if (answer != nullptr) *answer = out.GetDoc();
   return result;
 }
@@ -98,7 +97,7 @@ TEST(SubscriptionTest, TheServicesCommands) {
     EXPECT_EQ(Command(3, bad), -1);
   }
   EXPECT_EQ(Command(9, good), -1);
-  EXPECT_EQ(XSExecuteCommand(kService, 2, nullptr, nullptr), -1);
+  EXPECT_EQ(XSExecuteCommand(bus::subscription::kIdentity, 2, nullptr, nullptr), -1);
   EXPECT_EQ(sivra::SubscriptionCount(), 0U);
 
   std::string answer;

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Brunelib/identities.h"
 #include "failing_new.h"
 #include "FrontDoor.h"
 #include "ParserBaseImpl.h"
@@ -36,11 +37,11 @@ class ComponentSettings : public testing::Test {
     EXPECT_EQ(answer.document, "");
     return answer.result;
   }
-  int Log(const std::string& document) { return Give(E_REG_CMD_LOG_SWITCH, document); }
-  void Read() { EXPECT_EQ(Give(E_REG_CMD_READ_CONF, ""), 0x40000002); }
+  int Log(const std::string& document) { return Give(bus::registration::kCommandLogSwitch, document); }
+  void Read() { EXPECT_EQ(Give(bus::registration::kCommandReadConfig, ""), 0x40000002); }
   void Configure(const std::string& lines) {
     dir_.Template(lines);
-    EXPECT_EQ(Give(E_REG_CMD_SYSTEM_SETTINGS, dir_.Settings()), 0);
+    EXPECT_EQ(Give(bus::registration::kCommandSettings, dir_.Settings()), 0);
     Read();
   }
   // The headers of the last REGISTER.
@@ -119,7 +120,7 @@ TEST_F(ComponentSettings, AChangeCountsFromTheNextRegisterOn) {
   EXPECT_EQ(Log(dir_.LogOn("level=\"0\"")), 0);
   dir_.Template("Via: v\nb d: v");
   Read();
-  EXPECT_EQ(Give(E_REG_CMD_SYSTEM_SETTINGS, "<system-settings/>"), 0);
+  EXPECT_EQ(Give(bus::registration::kCommandSettings, "<system-settings/>"), 0);
   Read();
   door_.Deregister(id);
   EXPECT_EQ(Sent(), "X-A: sip:alice@example.com\n");
@@ -171,12 +172,12 @@ TEST_F(ComponentSettings, TheLogSwitchOpensChangesAndCloses) {
   EXPECT_EQ(Log(WorkDir::kLogOff), 0);  // none there
   EXPECT_EQ(Log("<log-switch>1</log-switch>"), 0x40000005);
   EXPECT_EQ(Log(dir_.LogOn("")), 0);
-  EXPECT_EQ(Give(E_REG_CMD_SYSTEM_SETTINGS, "<system-settings><work-dir>/w</work-dir></system-settings>"), 0);
+  EXPECT_EQ(Give(bus::registration::kCommandSettings, "<system-settings><work-dir>/w</work-dir></system-settings>"), 0);
   EXPECT_EQ(Log(dir_.LogOn("level=\"2\"", "other/")), 0);
   EXPECT_EQ(dir_.Read("other/Tolvane.log"), "");
   EXPECT_EQ(Log(dir_.LogOn("pause=\"1\"")), 0);
   EXPECT_EQ(Log(dir_.LogOn("pause=\"0\"")), 0);  // asleep when it says so
-  for (const int command : {E_REG_CMD_LOG_SWITCH, E_REG_CMD_SYSTEM_SETTINGS}) {
+  for (const int command : {bus::registration::kCommandLogSwitch, bus::registration::kCommandSettings}) {
     EXPECT_EQ(Give(command, "<x/>"), 0x40000005);
     EXPECT_EQ(TOLVANE_XSCCmdCallBack(command, nullptr, nullptr), 0x40000005);
   }
@@ -265,7 +266,7 @@ TEST_F(ComponentSettings, WithoutMemoryTheMessageIsAsItWas) {
   on.SetDoc(dir_.LogOn(""));
   for (long left = 0; GetRegGlobal().m_pLog == nullptr; ++left) {
     failing_new::Limit(left);
-    result = TOLVANE_XSCCmdCallBack(E_REG_CMD_LOG_SWITCH, &on, nullptr);
+    result = TOLVANE_XSCCmdCallBack(bus::registration::kCommandLogSwitch, &on, nullptr);
     failing_new::Limit(-1);
     ASSERT_EQ(result, GetRegGlobal().m_pLog != nullptr ? 0 : -1);
   }

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <memory>
 
+#include "Brunelib/identities.h"
 #include "Register.h"
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
@@ -33,25 +34,31 @@ class [[nodiscard]] CUnlessDone {
 using SUB_NTF_HANDLER = int (CRegisterProcess::*)(const char* szSource, CXML* pDoc, void* pExtra);
 constexpr US_NTF_ENTRY SubRow(int nNtfId, SUB_NTF_HANDLER pHandler) {
   US_NTF_ENTRY stRow = {"", nNtfId, static_cast<US_NTF_HANDLER>(pHandler)};
-  std::copy(std::begin(SUB_BUS_IDENTITY), std::end(SUB_BUS_IDENTITY), stRow.szSource);
+  std::copy(std::begin(bus::subscription::kIdentity), std::end(bus::subscription::kIdentity),
+            stRow.szSource);
   return stRow;
 }
 
 }  // namespace
 
 const US_CMD_ENTRY CRegisterProcess::s_astCommands[] = {
-    {E_REG_CMD_SYSTEM_SETTINGS, static_cast<US_CMD_HANDLER>(&CRegisterProcess::RegSystemSettings)},
-    {E_REG_CMD_LOG_SWITCH, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnLogSwitch)},
-    {E_REG_CMD_READ_CONF, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnReadConf)},
-    {E_REG_CMD_REGISTER, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnRegister)},
-    {E_REG_CMD_DEREGISTER, static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnDeregister)},
+    {bus::registration::kCommandSettings,
+     static_cast<US_CMD_HANDLER>(&CRegisterProcess::RegSystemSettings)},
+    {bus::registration::kCommandLogSwitch,
+     static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnLogSwitch)},
+    {bus::registration::kCommandReadConfig,
+     static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnReadConf)},
+    {bus::registration::kCommandRegister,
+     static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnRegister)},
+    {bus::registration::kCommandDeregister,
+     static_cast<US_CMD_HANDLER>(&CRegisterProcess::OnDeregister)},
     {0, nullptr},
 };
 
 const US_NTF_ENTRY CRegisterProcess::s_astNotifies[] = {
-    SubRow(E_SUB_NTF_SUCCESS, &CRegisterProcess::OnSubSuccessNtf),
-    SubRow(E_SUB_NTF_FAILURE, &CRegisterProcess::OnSubFailureNtf),
-    SubRow(E_SUB_NTF_NOTIFY, &CRegisterProcess::OnSubNotifyNtf),
+    SubRow(bus::subscription::kNotifyLife, &CRegisterProcess::OnSubSuccessNtf),
+    SubRow(bus::subscription::kNotifyFailure, &CRegisterProcess::OnSubFailureNtf),
+    SubRow(bus::subscription::kNotifyBody, &CRegisterProcess::OnSubNotifyNtf),
     {"", 0, nullptr},
 };
 
@@ -136,17 +143,17 @@ int CRegisterProcess::OnDeregister(CXML* pIn, CXML* pOut) {
 }
 
 int CRegisterProcess::OnSubSuccessNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
-  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_SUCCESS, pDoc);
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(bus::subscription::kNotifyLife, pDoc);
   return 0;
 }
 
 int CRegisterProcess::OnSubFailureNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
-  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_FAILURE, pDoc);
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(bus::subscription::kNotifyFailure, pDoc);
   return 0;
 }
 
 int CRegisterProcess::OnSubNotifyNtf(const char* /*szSource*/, CXML* pDoc, void* /*pExtra*/) {
-  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(E_SUB_NTF_NOTIFY, pDoc);
+  GetRegGlobal().m_pRegisterSipProcess->SubEventDispatch(bus::subscription::kNotifyBody, pDoc);
   return 0;
 }
 
@@ -155,7 +162,7 @@ int CRegisterProcess::OnSubNotifyNtf(const char* /*szSource*/, CXML* pDoc, void*
 int TOLVANE_XSCInformation(XSComponentInfo* pInfo) {
   if (pInfo == nullptr) return -1;
   XSComponentInfo stInfo = {};
-  kdStrcpy_s(stInfo.szIdentity, sizeof stInfo.szIdentity, REG_BUS_IDENTITY);
+  kdStrcpy_s(stInfo.szIdentity, sizeof stInfo.szIdentity, bus::registration::kIdentity);
   stInfo.nNumber = 1;
   stInfo.nVersion[1] = 1;
   stInfo.nYear = 2011;

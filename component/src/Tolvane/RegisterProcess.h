@@ -21,17 +21,6 @@ TOLVANE_XSC_EXPORT int TOLVANE_XSCCmdCallBack(int nCmdId, CXML* pIn, CXML* pOut)
 TOLVANE_XSC_EXPORT int TOLVANE_XSCNtfCallBack(const char* szSource, int nNtfId, CXML* pDoc,
                                               void* pExtra);
 
-// Commands in.
-inline constexpr int E_REG_CMD_SYSTEM_SETTINGS = 0x10000;
-inline constexpr int E_REG_CMD_LOG_SWITCH = 0x10004;
-inline constexpr int E_REG_CMD_READ_CONF = 2;
-inline constexpr int E_REG_CMD_REGISTER = 3;
-inline constexpr int E_REG_CMD_DEREGISTER = 4;
-
-// Results besides 0 and -1, for the host.
-inline constexpr int E_REG_RESULT_CONF_READ = 0x40000002;  // the only one of E_REG_CMD_READ_CONF
-inline constexpr int E_REG_RESULT_NOT_PARSED = 0x40000005;
-
 class CRegisterProcess : public CUSObject {
  public:
   const US_MSG_MAP* GetMsgMap() const override;

@@ -4,6 +4,7 @@
 #include <new>
 #include <vector>
 
+#include "Brunelib/identities.h"
 #include "RegisterCfg.h"
 #include "RegisterProcess.h"
 #include "RegLog.h"
@@ -39,7 +40,7 @@ int CRegisterProcess::RegSystemSettings(CXML* pIn, CXML* /*pOut*/) {
   if (oMsg == nullptr) return -1;
   if (oMsg->Parse(pIn) != 0) {
     REG_LOG(E_LOG_ERROR, "CCallProcess::Parse Failed!");
-    return E_REG_RESULT_NOT_PARSED;
+    return bus::registration::kResultNotParsed;
   }
   if (CRegSipCfg* const pCfg = GetRegGlobal().m_pRegSipCfg) pCfg->SetCfgPath(oMsg->m_strCfgPath);
   return 0;
@@ -47,7 +48,7 @@ int CRegisterProcess::RegSystemSettings(CXML* pIn, CXML* /*pOut*/) {
 
 int CRegisterProcess::OnReadConf(CXML* /*pIn*/, CXML* /*pOut*/) {
   CRegSipCfg* const pCfg = GetRegGlobal().m_pRegSipCfg;
-  if (pCfg == nullptr || pCfg->ReadConfFromFile() == 0) return E_REG_RESULT_CONF_READ;
+  if (pCfg == nullptr || pCfg->ReadConfFromFile() == 0) return bus::registration::kResultRan;
   // The client is not told, so the log has to say what is wrong.
   try {
     const std::vector<sipcarrier::ConfFault> vecFaults = pCfg->Faults();
@@ -59,7 +60,7 @@ int CRegisterProcess::OnReadConf(CXML* /*pIn*/, CXML* /*pOut*/) {
   } catch (const std::bad_alloc&) {
     REG_LOG(E_LOG_ERROR, "no memory for the faults of the configuration\n");
   }
-  return E_REG_RESULT_CONF_READ;
+  return bus::registration::kResultRan;
 }
 
 int CRegisterProcess::OnLogSwitch(CXML* pIn, CXML* /*pOut*/) {
@@ -67,7 +68,7 @@ int CRegisterProcess::OnLogSwitch(CXML* pIn, CXML* /*pOut*/) {
   if (oMsg == nullptr) return -1;
   if (oMsg->Parse(pIn) != 0) {
     REG_LOG(E_LOG_ERROR, "CRegisterProcess::Parse Failed!");
-    return E_REG_RESULT_NOT_PARSED;
+    return bus::registration::kResultNotParsed;
   }
   const VkLocker oLocker(g_oLogSwitchMutex);
   ILogOne* pLog = GetRegGlobal().m_pLog.load(std::memory_order_acquire);

@@ -36,21 +36,7 @@ class CRegister;
 struct ST_REG_EVENT;
 struct ST_SUB_PENDING;
 
-// The identity of this component on the bus.
-inline constexpr char REG_BUS_IDENTITY[] = "{8836E13D-A307-43DF-8C88-B7783DC728BF}";
-
-// Notifications to the client, under that identity.
-inline constexpr int E_REG_NTF_OUTCOME = 0x1000;
-inline constexpr int E_REG_NTF_DEREGISTERED = 0x1001;
-inline constexpr int E_REG_NTF_STATE = 0x1002;
-inline constexpr int E_REG_NTF_SERVICE_LOST = 0x1003;
-
-// The subscription service on the bus, and its notifications.
-inline constexpr char SUB_BUS_IDENTITY[] = "{C560987C-AD84-40B7-8D17-84583CC090ED}";
 inline constexpr int E_SUB_EXPIRES = 3761;  // seconds, of every subscription
-inline constexpr int E_SUB_NTF_SUCCESS = 0x1003;
-inline constexpr int E_SUB_NTF_FAILURE = 0x1004;
-inline constexpr int E_SUB_NTF_NOTIFY = 0x1005;
 
 // Thread events to m_hMainThread; the user pointer is the manager.
 inline constexpr KDint E_SUB_EVENT_SUBSCRIBE = 0x400000cb;

@@ -2,6 +2,7 @@
 // what it means, and becomes a notification. All of it runs on the stack's delivery thread, with
 // the registry locked.
 
+#include "Brunelib/identities.h"
 #include "ParserBaseImpl.h"
 #include "RegEventRecord.h"
 #include "Register.h"
@@ -85,7 +86,8 @@ void CRegisterSipProcess::EventSerLost(CXML* pDoc, ST_REG_EVENT* pRegEvent) {
   if (oMsg.Get() == nullptr) return;
   oMsg->m_nId = pRegEvent->nRegId;
   oMsg->Result(pDoc);
-  XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_SERVICE_LOST, pDoc, nullptr);
+  XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyServiceLost, pDoc,
+                  nullptr);
 }
 
 void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRegEvent,
@@ -100,7 +102,7 @@ void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRe
     pRegister->GetRetryAfter(&nRetryAfter);
     if (nRetryAfter > 0) oMsg->m_nRetryAfter = nRetryAfter;
     oMsg->Result(pDoc);
-    XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_STATE, pDoc, nullptr);
+    XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyState, pDoc, nullptr);
   }
   if (pRegister->IsAutoReregister() == 0) {
     const int nRegId = pRegister->GetRegId();
@@ -141,12 +143,14 @@ void CRegisterSipProcess::EventIgnore(CRegister* pRegister, ST_REG_EVENT* pRegEv
     oMsg->Result(pDoc);
     REG_LOG(E_LOG_INFO, "strRegEvent.eRegEventType is %d\n", pRegEvent->eRegEventType);
     if (pRegEvent->eRegEventType == E_REG_EVENT_DEREGISTERED) {
-      XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_DEREGISTERED, pDoc, nullptr);
+      XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyDeregistered, pDoc,
+                      nullptr);
     } else if (pRegister->IsEventPost() == 0) {
       REG_LOG(E_LOG_INFO, "do not post reg event!\n");
     } else {
       REG_LOG(E_LOG_INFO, "post event!\n");
-      XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_OUTCOME, pDoc, nullptr);
+      XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyOutcome, pDoc,
+                      nullptr);
     }
     REG_LOG_KEYS("post event m_mapRegister is %d\n");
   }

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "Brunelib/identities.h"
 #include "ParserBaseImpl.h"
 #include "RegEventRecord.h"
 #include "RegLog.h"
@@ -19,8 +20,6 @@
 
 namespace {
 
-constexpr int E_SUB_CMD_SUBSCRIBE = 2;
-constexpr int E_SUB_CMD_DESUBSCRIBE = 3;
 constexpr std::size_t E_SUB_EARLY_MAX = 64;
 
 }  // namespace
@@ -81,8 +80,8 @@ ST_SUB_PENDING* NewDesubscribe(int nSubscribeId) {
 }
 
 void RunDesubscribe(const ST_SUB_PENDING& stPending) {
-  XSExecuteCommand(SUB_BUS_IDENTITY, E_SUB_CMD_DESUBSCRIBE, stPending.pRequest,
-                   stPending.pResponse);
+  XSExecuteCommand(bus::subscription::kIdentity, bus::subscription::kCommandDesubscribe,
+                   stPending.pRequest, stPending.pResponse);
 }
 
 }  // namespace
@@ -206,8 +205,8 @@ void CRegisterSipProcess::RunSubscribe(const ST_SUB_PENDING& stPending) {
   CRegSubcribe& oMsg = *stPending.pSubMsg;
   SetSubRunning();
   try {
-    if (XSExecuteCommand(SUB_BUS_IDENTITY, E_SUB_CMD_SUBSCRIBE, stPending.pRequest,
-                         stPending.pResponse) == 0) {
+    if (XSExecuteCommand(bus::subscription::kIdentity, bus::subscription::kCommandSubscribe,
+                         stPending.pRequest, stPending.pResponse) == 0) {
       oMsg.Parse(stPending.pResponse);
     }
   } catch (const std::bad_alloc&) {
@@ -270,13 +269,13 @@ void CRegisterSipProcess::EndSubExchanges() {
 
 void CRegisterSipProcess::SubEventDispatch(int nNtfId, CXML* pDoc) {
   switch (nNtfId) {
-    case E_SUB_NTF_SUCCESS:
+    case bus::subscription::kNotifyLife:
       SubSuccess(nNtfId, pDoc);
       break;
-    case E_SUB_NTF_FAILURE:
+    case bus::subscription::kNotifyFailure:
       SubFailure(nNtfId, pDoc);
       break;
-    case E_SUB_NTF_NOTIFY:
+    case bus::subscription::kNotifyBody:
       SubNotify(nNtfId, pDoc);
       break;
     default:
@@ -285,7 +284,7 @@ void CRegisterSipProcess::SubEventDispatch(int nNtfId, CXML* pDoc) {
 }
 
 void CRegisterSipProcess::SubSuccess(int nNtfId, CXML* pDoc) {
-  if (nNtfId != E_SUB_NTF_SUCCESS || pDoc == nullptr) return;
+  if (nNtfId != bus::subscription::kNotifyLife || pDoc == nullptr) return;
   const COwner<CRegSubSuccess> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubSuccess());
   if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0 || oMsg->m_strFinal != "SUB_STOP") return;
   const CRegMgrLocker oLocker(*this);
@@ -295,7 +294,7 @@ void CRegisterSipProcess::SubSuccess(int nNtfId, CXML* pDoc) {
 void CRegisterSipProcess::SubFailure(int /*nNtfId*/, CXML* /*pDoc*/) {}
 
 void CRegisterSipProcess::SubNotify(int nNtfId, CXML* pDoc) {
-  if (nNtfId != E_SUB_NTF_NOTIFY || pDoc == nullptr) return;
+  if (nNtfId != bus::subscription::kNotifyBody || pDoc == nullptr) return;
   const COwner<CRegSubNTFMsg> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubNTFMsg());
   if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0) return;
   bool bNoMemory = false;
@@ -352,6 +351,7 @@ bool CRegisterSipProcess::NotifySubState(CRegister* pRegister, const ST_REG_EVEN
     if (Remove(pRegister, nRegId)) REG_LOG(E_LOG_INFO, "SubNotify:vktDelete pReg");
     REG_LOG_KEYS("SubNotify: m_mapRegister is %d\n");
   }
-  XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_STATE, oDoc.Get(), nullptr);
+  XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyState, oDoc.Get(),
+                  nullptr);
   return true;
 }

@@ -1,6 +1,7 @@
 // What the registrar's own view (reginfo documents, RFC 3680) does to a registration.
 
 #include "Brunelib/Brunelib.h"
+#include "Brunelib/identities.h"
 #include "Register.h"
 #include "RegisterSipProcess.h"
 #include "registrationpackage.h"
@@ -76,7 +77,8 @@ int CRegister::RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent) 
           return -1;
         }
         REG_LOG(E_LOG_INFO, "Notify DeRegister Success!\n");
-        XSExpressNotify(REG_BUS_IDENTITY, E_REG_NTF_DEREGISTERED, oReply.Get(), nullptr);
+        XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyDeregistered,
+                        oReply.Get(), nullptr);
       }
       StopRefresh();
       RegStateTerminated(pContact->GetEvent(), stRegEvent);
