@@ -24,9 +24,12 @@ const char* ReadName(const char* name, unsigned int* length) {
   return name;
 }
 
-// Lock order: lifecycle before current; the latter is a leaf, held for a copy of the pointer only.
+// Lock order: lifecycle, quiet, current_mutex; the last is a leaf, held for a copy of the pointer
+// only.
 struct Process {
   base::Mutex lifecycle;  // one Start or Stop at a time
+  // Held while a stack comes or goes, and while a thread looks into an inbox because there is none.
+  base::Mutex quiet;
   base::Mutex current_mutex;
   std::shared_ptr<sipcarrier::Stack> current TOLVANE_GUARDED_BY(current_mutex);
   sipcarrier::Counters last TOLVANE_GUARDED_BY(current_mutex);  // of the run before
@@ -77,6 +80,7 @@ int Start(const Config& config, std::string& error) {
     }
     auto stack = std::make_shared<Stack>(config);
     if (!stack->Open(config, error)) return -1;
+    const base::MutexLock quiet(process.quiet);
     const base::MutexLock lock(process.current_mutex);
     process.current = std::move(stack);
     return 0;
@@ -99,6 +103,8 @@ void Stop(std::chrono::milliseconds deadline) {
   const std::shared_ptr<Stack> stack = process.Get();
   if (stack == nullptr) return;
   stack->Stop(deadline);
+  const base::MutexLock quiet(process.quiet);
+  stack->LookIntoInboxes();  // what was rung since the I/O thread ended
   const base::MutexLock lock(process.current_mutex);
   process.last = stack->counters().Read();
   process.current = nullptr;
@@ -124,6 +130,16 @@ bool RunOnIoThread(std::function<void()> task) {
   return stack != nullptr && stack->Post(std::move(task));
 }
 
+void Ring(IoInbox& inbox) noexcept {
+  if (Stack* stack = Stack::OfThisThread()) return stack->Ring(inbox);
+  Process& process = TheProcess();
+  const base::MutexLock quiet(process.quiet);
+  if (const auto stack = process.Get()) return stack->Ring(inbox);
+  inbox.OnIoInbox();
+}
+
+bool IsRunning() noexcept { return Stack::OfThisThread() != nullptr || TheStack() != nullptr; }
+
 IoTimer::IoTimer(IoTimerSink& sink) : impl_(std::make_unique<Impl>(sink)) {}
 
 IoTimer::~IoTimer() = default;
@@ -147,6 +163,7 @@ void SendRequest(std::unique_ptr<nsip_message> request, PrepareFn prepare, Outco
     stack->Submit(std::move(request), std::move(prepare), std::move(done));
   } else if (done) {
     Outcome outcome;
+    outcome.request = std::move(request);
     outcome.reason = "a request was sent from a thread that is not the I/O thread";
     done(std::move(outcome));
   }
@@ -174,7 +191,9 @@ bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local) {
 
 void PostStackEvent(int nEventId, std::unique_ptr<nsip_message> message, std::string reason,
                     long nStackId) {
-  if (const auto stack = TheStack()) {
+  if (Stack* own = Stack::OfThisThread()) {
+    own->delivery().Collect(nEventId, std::move(message), std::move(reason), nStackId);
+  } else if (const auto stack = TheStack()) {
     stack->delivery().Post(nEventId, std::move(message), std::move(reason), nStackId);
   }
 }

@@ -11,6 +11,7 @@
 // (NAPTR and SRV, RFC 3263 §4.1 and §4.2, are not asked).
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -210,11 +211,38 @@ struct Outcome {
   Kind kind = Kind::kUnsent;
   std::unique_ptr<nsip_message> response;  // with kResponse: a final response (2xx-6xx)
   std::string reason;                      // otherwise
+  // What was sent, given back; null only when memory was so short that it is lost.
+  std::unique_ptr<nsip_message> request;
 };
 
 // Runs the task on the I/O thread, in order of the calls; false when the stack is not running or
 // memory is exhausted (the task will not run). Tasks must not throw.
 [[nodiscard]] TOLVANE_PUBLIC bool RunOnIoThread(std::function<void()> task);
+
+// A user agent's queue into the I/O thread, which the user agent keeps itself; static, since it
+// outlives every stack.
+class TOLVANE_PUBLIC IoInbox {
+ public:
+  // On the I/O thread: takes out of the queue what is in it. Must not throw.
+  virtual void OnIoInbox() noexcept = 0;
+
+ protected:
+  ~IoInbox() = default;
+
+ private:
+  friend class Stack;
+  std::atomic<bool> rung_{false};
+  IoInbox* next_rung_ = nullptr;
+};
+
+// Has the inbox looked at, once for all calls before that look, and before any task that is given
+// to RunOnIoThread after this call. Needs no memory and never refuses: while the stack stops the
+// I/O thread still comes; while none runs, OnIoInbox is called before this returns, on this thread,
+// and no stack starts meanwhile. Any thread; that last case takes a lock of its own.
+TOLVANE_PUBLIC void Ring(IoInbox& inbox) noexcept;
+
+// Whether a stack has been started and Stop has not returned. Any thread.
+[[nodiscard]] TOLVANE_PUBLIC bool IsRunning() noexcept;
 
 // T1 of the running stack (RFC 3261 §17.1.1.1), the measure of what user agents wait for; 0 when
 // not started. Any thread.
@@ -299,7 +327,8 @@ TOLVANE_PUBLIC bool Respond(ServerTransactionId id, int status, std::string_view
 // machine. Any thread. false when not started.
 [[nodiscard]] TOLVANE_PUBLIC bool GuessLocalEndpoint(const nsip_uri& target, Endpoint& local);
 
-// Queues a stack event for the handler; it is dropped when no handler is registered. Any thread.
+// Queues a stack event for the handler; it is dropped when no handler is registered. Any thread;
+// what the I/O thread queues in one turn of its loop goes over together at the end of it.
 TOLVANE_PUBLIC void PostStackEvent(int nEventId, std::unique_ptr<nsip_message> message,
                                    std::string reason, long nStackId);
 

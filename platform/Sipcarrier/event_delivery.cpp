@@ -5,35 +5,14 @@
 
 namespace sipcarrier {
 
-struct EventDelivery::Event {
-  int id = 0;
-  std::unique_ptr<nsip_message> message;
-  std::string reason;
-  long stack_id = 0;
-  Event* next = nullptr;
-};
-
-EventDelivery::EventList::~EventList() {
-  while (Pop() != nullptr) {
-  }
+void EventDelivery::Free(EventList& events) noexcept {
+  while (Event* const event = events.PopFront()) delete event;
 }
 
-void EventDelivery::EventList::Push(Event* event) {
-  (first == nullptr ? first : last->next) = event;
-  last = event;
+EventDelivery::~EventDelivery() {
+  Stop(std::chrono::steady_clock::time_point{});
+  Free(collected_);
 }
-
-std::unique_ptr<EventDelivery::Event> EventDelivery::EventList::Pop() {
-  if (first == nullptr) return nullptr;
-  return std::unique_ptr<Event>(std::exchange(first, first->next));
-}
-
-void EventDelivery::EventList::Swap(EventList& other) {
-  std::swap(first, other.first);
-  std::swap(last, other.last);
-}
-
-EventDelivery::~EventDelivery() { Stop(std::chrono::steady_clock::time_point{}); }
 
 void EventDelivery::Start() {
   thread_ = std::thread([this] { Run(); });
@@ -45,15 +24,15 @@ void EventDelivery::Stop(std::chrono::steady_clock::time_point deadline) {
   EventList dropped;
   {
     const base::MutexLock lock(mutex_);
-    while ((queue_.first != nullptr || calls_.busy(mutex_)) &&
-           changed_.WaitUntil(mutex_, deadline)) {
+    while ((!queue_.empty() || calls_.busy(mutex_)) && changed_.WaitUntil(mutex_, deadline)) {
     }
     ending_ = true;
     handler_ = nullptr;
-    queue_.Swap(dropped);
+    dropped.Splice(queue_);
   }
-  changed_.NotifyAll();
+  work_.NotifyAll();
   thread_.join();
+  Free(dropped);
 }
 
 int EventDelivery::Register(ISipStackEvent* handler) {
@@ -70,47 +49,79 @@ int EventDelivery::DeRegister(ISipStackEvent* handler) {
   const bool registered = handler_ == handler;
   if (registered) {
     handler_ = nullptr;
-    queue_.Swap(dropped);
+    dropped.Splice(queue_);
   }
   // Also when Stop took it off: its last call may still be under way.
   calls_.AwaitEnd(mutex_, [handler](const ISipStackEvent* called) { return called == handler; });
-  lock.Unlock();  // before the dropped events are freed
+  lock.Unlock();
+  Free(dropped);
   return registered ? 0 : -1;
 }
 
-void EventDelivery::Post(int id, std::unique_ptr<nsip_message> message, std::string reason,
-                         long stack_id) noexcept {
-  std::unique_ptr<Event> event(new (std::nothrow) Event);
+EventDelivery::Event* EventDelivery::Make(int id, std::unique_ptr<nsip_message> message,
+                                          std::string reason, long stack_id) noexcept {
+  Event* const event = new (std::nothrow) Event;
   if (event == nullptr) {
     LiveCounters::Add(counters_.lost_no_memory);
-    return;
+    return nullptr;
   }
   event->id = id;
   event->message = std::move(message);
   event->reason = std::move(reason);
   event->stack_id = stack_id;
+  return event;
+}
+
+void EventDelivery::Collect(int id, std::unique_ptr<nsip_message> message, std::string reason,
+                            long stack_id) noexcept {
+  Event* const event = Make(id, std::move(message), std::move(reason), stack_id);
+  if (event != nullptr) collected_.PushBack(*event);
+}
+
+void EventDelivery::Post(int id, std::unique_ptr<nsip_message> message, std::string reason,
+                         long stack_id) noexcept {
+  EventList events;
+  Event* const event = Make(id, std::move(message), std::move(reason), stack_id);
+  if (event == nullptr) return;
+  events.PushBack(*event);
+  HandOver(events);
+}
+
+void EventDelivery::HandOver() noexcept {
+  if (!collected_.empty()) HandOver(collected_);
+}
+
+void EventDelivery::HandOver(EventList& events) noexcept {
+  bool wake = false;
   {
     const base::MutexLock lock(mutex_);
-    if (handler_ == nullptr) return;
-    queue_.Push(event.release());
+    if (handler_ != nullptr) {
+      queue_.Splice(events);
+      wake = std::exchange(waiting_, false);
+    }
   }
-  changed_.NotifyAll();
+  Free(events);  // for nobody
+  if (wake) work_.NotifyOne();
 }
 
 void EventDelivery::Run() noexcept {
   base::MutexLock lock(mutex_);
   for (;;) {
-    while (!ending_ && queue_.first == nullptr) changed_.Wait(mutex_);
+    while (!ending_ && queue_.empty()) {
+      waiting_ = true;
+      work_.Wait(mutex_);
+    }
+    waiting_ = false;
     if (ending_) return;
-    std::unique_ptr<Event> event = queue_.Pop();
+    const std::unique_ptr<Event> event(queue_.PopFront());
     ISipStackEvent& handler = *handler_;
     calls_.Enter(mutex_, &handler);
     lock.Unlock();
     Deliver(handler, *event);
-    event.reset();
+    event->message.reset();
     lock.Lock();
     calls_.Leave(mutex_);
-    changed_.NotifyAll();
+    if (queue_.empty()) changed_.NotifyAll();
   }
 }
 

@@ -192,15 +192,13 @@ bool IoLoop::Post(std::function<void()> task) noexcept {
   std::unique_ptr<Task> node(new (std::nothrow) Task);
   if (node == nullptr) return false;
   node->run = std::move(task);
-  bool was_empty = false;
   {
     const base::MutexLock lock(mutex_);
     if (closed_) return false;
-    was_empty = first_ == nullptr;
-    (was_empty ? first_ : last_->next) = node.get();
+    (first_ == nullptr ? first_ : last_->next) = node.get();
     last_ = node.release();
   }
-  if (was_empty) Wake();
+  Wake();
   return true;
 }
 
@@ -215,26 +213,39 @@ bool IoLoop::HasTasks() noexcept {
 }
 
 void IoLoop::Wake() noexcept {
+  // The loop looks at the first flag after it has raised the second: one of the two sees the other.
+  woken_.store(true, std::memory_order_seq_cst);
+  if (!asleep_.exchange(false, std::memory_order_seq_cst)) return;
   const std::uint64_t one = 1;
   // It fails only when the counter is full: then the loop is awake anyway.
   [[maybe_unused]] const ssize_t written = ::write(impl_->wake.get(), &one, sizeof one);
 }
 
-void IoLoop::RunTasks() noexcept {
-  for (int i = 0; i < kTasksPerTurn; ++i) {
-    std::unique_ptr<Task> task;
-    {
-      const base::MutexLock lock(mutex_);
-      if (first_ == nullptr) return;
-      task.reset(std::exchange(first_, first_->next));
-    }
+// true: there are more.
+bool IoLoop::RunTasks() noexcept {
+  Task* batch = nullptr;
+  {
+    const base::MutexLock lock(mutex_);
+    batch = std::exchange(first_, nullptr);
+  }
+  // Behind the look for tasks: what was rung before a task was posted is seen to before it runs.
+  client_.OnInbox();
+  for (int i = 0; batch != nullptr && i < kTasksPerTurn; ++i) {
+    const std::unique_ptr<Task> task(std::exchange(batch, batch->next));
     try {
       task->run();
     } catch (...) {
       client_.OnTaskFailed();
     }
   }
-  if (HasTasks()) Wake();
+  if (batch == nullptr) return false;
+  Task* last = batch;
+  while (last->next != nullptr) last = last->next;
+  const base::MutexLock lock(mutex_);
+  last->next = first_;
+  if (first_ == nullptr) last_ = last;
+  first_ = batch;
+  return true;
 }
 
 void IoLoop::SetAlarm(Clock::time_point due) noexcept {
@@ -249,17 +260,34 @@ void IoLoop::SetAlarm(Clock::time_point due) noexcept {
   ::timerfd_settime(impl_->timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
+// Runs what is ready; waits for something to be, unless it is to look only.
+void IoLoop::Turn(bool at_once) {
+  if (!at_once) {
+    asleep_.store(true, std::memory_order_seq_cst);
+    at_once = woken_.load(std::memory_order_seq_cst);
+  }
+  if (at_once) {
+    impl_->context.poll_one();
+  } else {
+    impl_->context.run_one();
+  }
+  asleep_.store(false, std::memory_order_relaxed);
+  // Before the looks that follow: what comes behind them wakes again.
+  woken_.store(false, std::memory_order_seq_cst);
+  for (int i = 0; i < kRoundsPerTurn && impl_->context.poll_one() != 0; ++i) {
+  }
+}
+
 void IoLoop::Run() noexcept {
+  bool more = false;
   while (!quit_) {
     try {
-      impl_->context.run_one();
-      for (int i = 0; i < kRoundsPerTurn && impl_->context.poll_one() != 0; ++i) {
-      }
+      Turn(more);
     } catch (...) {
       client_.OnTaskFailed();
     }
-    RunTasks();
-    client_.OnTurnEnd();
+    more = RunTasks();
+    more = client_.OnTurnEnd() || more;
   }
 }
 

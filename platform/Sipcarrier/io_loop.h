@@ -2,6 +2,7 @@
 // face of Asio: its headers stay in io_loop.cpp.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -40,8 +41,10 @@ class FdWatch {
 class LoopClient {
  public:
   virtual void OnAlarm() noexcept = 0;
-  // After every round of events, tasks and alarms.
-  virtual void OnTurnEnd() noexcept = 0;
+  // In every turn, before the tasks that were posted after the last Wake.
+  virtual void OnInbox() noexcept = 0;
+  // After every round of events, tasks and alarms; true: there is more to do at once.
+  virtual bool OnTurnEnd() noexcept = 0;
   // A task threw.
   virtual void OnTaskFailed() noexcept = 0;
 
@@ -62,6 +65,7 @@ class IoLoop {
   [[nodiscard]] bool Post(std::function<void()> task) noexcept;
   // Refuses tasks from now on; those that were taken will run.
   void CloseTasks() noexcept;
+  // Ends the wait that is, or the next one; a loop that is awake costs a look at a flag.
   void Wake() noexcept;
 
   [[nodiscard]] std::unique_ptr<FdWatch> Watch(int fd, FdEvents& sink);  // may throw
@@ -74,11 +78,15 @@ class IoLoop {
  private:
   struct Task;
   struct Impl;
-  void RunTasks() noexcept;
+  bool RunTasks() noexcept;
+  void Turn(bool at_once);
 
   LoopClient& client_;
   std::unique_ptr<Impl> impl_;
   bool quit_ = false;
+  std::atomic<bool> woken_{false};
+  // The thread waits, or is about to: only then Wake needs a system call.
+  std::atomic<bool> asleep_{false};
   Clock::time_point alarm_ = Clock::time_point::max();
 
   base::Mutex mutex_;

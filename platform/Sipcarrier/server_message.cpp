@@ -1,10 +1,11 @@
 #include "Sipcarrier/server_message.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 
+#include "base/random.h"
 #include "base/text.h"
-#include "Sipcarrier/branch.h"
 #include "Sipcarrier/target.h"
 
 namespace sipcarrier {
@@ -25,6 +26,14 @@ int SentByPort(const nsip_via& via) { return via.port == 0 ? kSipPort : via.port
 
 bool AsksForPort(const nsip_via& via) {
   return nsip_generic_param_get_byname(via.params, "rport", nullptr) == 0;
+}
+
+// 128 random bits (RFC 3261 §19.3). false when the system gives none.
+bool MakeTag(std::string& tag) {
+  std::array<unsigned char, 16> bytes{};
+  if (!base::FillRandom(bytes)) return false;
+  tag = base::HexText(bytes);
+  return true;
 }
 
 }  // namespace

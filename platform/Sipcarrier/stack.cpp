@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <csignal>
+#include <utility>
 
 #include "Sipcarrier/target.h"
 
@@ -54,7 +55,7 @@ bool Stack::Open(const Config& config, std::string& error) {
     if (const SocketAddress* bound = udp_->bound(family)) bound_.push_back(*bound);
   }
   resolver_.emplace(loop_, timers_, bound_.size() == 2 ? AF_UNSPEC : bound_.front().family());
-  transactions_.Attach(*udp_, *resolver_);
+  transactions_.Attach(*udp_, *resolver_, udp_->window());
   server_.Attach(*udp_);
   StartThreads();
   return true;
@@ -108,23 +109,47 @@ void Stack::EndIoTimers() noexcept {
   }
 }
 
-void Stack::OnTurnEnd() noexcept {
+void Stack::Ring(IoInbox& inbox) noexcept {
+  if (inbox.rung_.exchange(true, std::memory_order_acq_rel)) return;
+  IoInbox* first = rung_.load(std::memory_order_relaxed);
+  do {
+    inbox.next_rung_ = first;
+  } while (!rung_.compare_exchange_weak(first, &inbox, std::memory_order_seq_cst));
+  loop_.Wake();
+}
+
+void Stack::LookIntoInboxes() noexcept {
+  IoInbox* inbox = rung_.exchange(nullptr, std::memory_order_acquire);
+  while (inbox != nullptr) {
+    IoInbox* const next = std::exchange(inbox->next_rung_, nullptr);
+    // Before the look: what is put in from here on rings again.
+    inbox->rung_.store(false, std::memory_order_release);
+    inbox->OnIoInbox();
+    inbox = next;
+  }
+}
+
+bool Stack::OnTurnEnd() noexcept {
+  const bool stopping = stopping_.load(std::memory_order_acquire);
   // The tasks that were taken come first: what they start counts as in flight.
-  if (stopping_.load(std::memory_order_acquire) && !loop_.HasTasks()) EndIoTimers();
+  if (stopping && !loop_.HasTasks() && !HasInbox()) EndIoTimers();
   transactions_.StartFresh();
   resolver_->Deliver();  // after the start of lookups, some of which are answered at once
   udp_->Flush();
-  if (transactions_.has_fresh()) loop_.Wake();
-  if (stopping_.load(std::memory_order_acquire)) {
-    if (transactions_.idle() && io_timers_closed_) return loop_.Quit();
-    if (Clock::now() >= stop_deadline_) {
+  delivery_.HandOver();
+  bool more = transactions_.can_start();
+  if (stopping) {
+    if (transactions_.idle() && io_timers_closed_) {
+      loop_.Quit();
+    } else if (Clock::now() >= stop_deadline_) {
       transactions_.FailAll();
-      loop_.Wake();
+      more = true;
     } else if (!stop_timer_.set()) {
       timers_.Set(stop_timer_, stop_deadline_);
     }
   }
   loop_.SetAlarm(timers_.NextDue());
+  return more;
 }
 
 bool Stack::GuessLocalEndpoint(const nsip_uri& target, Endpoint& local) {

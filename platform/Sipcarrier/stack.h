@@ -45,6 +45,10 @@ class Stack final : LoopClient, TimerSink {
   void Submit(std::unique_ptr<nsip_message> request, PrepareFn prepare, OutcomeFn done) {
     transactions_.Submit(std::move(request), std::move(prepare), std::move(done));
   }
+  // Any thread.
+  void Ring(IoInbox& inbox) noexcept;
+  // The I/O thread, and whoever has the stack alone once that has ended.
+  void LookIntoInboxes() noexcept;
   // The I/O thread. false: stopping.
   [[nodiscard]] bool SetIoTimer(IoTimer::Impl& timer, std::chrono::milliseconds delay) noexcept;
   void CancelIoTimer(IoTimer::Impl& timer) noexcept { timers_.Cancel(timer.timer); }
@@ -60,7 +64,9 @@ class Stack final : LoopClient, TimerSink {
 
  private:
   void OnAlarm() noexcept override;
-  void OnTurnEnd() noexcept override;
+  void OnInbox() noexcept override { LookIntoInboxes(); }
+  [[nodiscard]] bool HasInbox() const noexcept { return rung_.load() != nullptr; }
+  bool OnTurnEnd() noexcept override;
   void OnTaskFailed() noexcept override { LiveCounters::Add(counters_.lost_no_memory); }
   void OnTimer(Timer& timer) noexcept override;
   void StartThreads();
@@ -84,6 +90,7 @@ class Stack final : LoopClient, TimerSink {
   base::IntrusiveList<IoTimer::Impl, IoTimerTag> io_timers_;  // were set once
   bool io_timers_closed_ = false;
   std::thread io_thread_;
+  std::atomic<IoInbox*> rung_{nullptr};  // the newest first
 
   Clock::time_point stop_deadline_;  // written before stopping_
   std::atomic<bool> stopping_{false};

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "base/text.h"
-#include "Sipcarrier/branch.h"
 #include "Sipcarrier/target.h"
 
 namespace sipcarrier {
@@ -17,6 +16,10 @@ using State = ClientTransaction::State;
 using Kind = Outcome::Kind;
 
 constexpr std::chrono::seconds kLookupDeadline{8};
+// Between two looks at the socket: what comes back meanwhile must find room there.
+constexpr int kStartsPerTurn = 64;
+// Lists of destinations that are kept though nothing is under way to them.
+constexpr std::size_t kIdleDestinations = 64;
 // Short enough to need no memory.
 constexpr std::string_view kNoMemory = "no memory";
 
@@ -30,7 +33,8 @@ TransactionLayer::TransactionLayer(const Timing& timing, TimerQueue& timers,
       finder_(finder),
       tracer_(tracer),
       counters_(counters),
-      server_(server) {
+      server_(server),
+      completed_timer_(*this) {
   RefillSpares();
 }
 
@@ -58,7 +62,7 @@ void TransactionLayer::Submit(std::unique_ptr<nsip_message> request, PrepareFn p
   if (transaction == nullptr) {
     // The reserve is used up too: at once is late enough.
     LiveCounters::Add(counters_.lost_no_memory);
-    Call(done, {Kind::kUnsent, nullptr, std::string(kNoMemory)});
+    Call(done, {Kind::kUnsent, nullptr, std::string(kNoMemory), std::move(request)});
     return;
   }
   transaction->request = std::move(request);
@@ -66,14 +70,12 @@ void TransactionLayer::Submit(std::unique_ptr<nsip_message> request, PrepareFn p
   transaction->done = std::move(done);
   all_.PushBack(*transaction);
   fresh_.PushBack(*transaction.release());
-  ++owed_;
   LiveCounters::Add(counters_.transactions);
 }
 
 void TransactionLayer::StartFresh() noexcept {
-  base::IntrusiveList<ClientTransaction, FreshTag> batch;
-  batch.Splice(fresh_);
-  while (ClientTransaction* transaction = batch.PopFront()) {
+  for (int i = 0; i < kStartsPerTurn && can_start(); ++i) {
+    ClientTransaction* const transaction = fresh_.PopFront();
     try {
       Begin(*transaction);
     } catch (...) {
@@ -91,11 +93,11 @@ void TransactionLayer::Begin(ClientTransaction& transaction) {
   std::string reason;
   if (!ChooseTarget(*uri, target, reason)) return Fail(transaction, Kind::kUnsent, reason);
   transaction.port = target.port;
-  transaction.host = target.host;
   if (target.is_literal()) {
     transaction.candidates.push_back(target.literal);
     return TryNext(transaction, {});
   }
+  transaction.host = target.host;
   transaction.state = State::kResolving;
   timers_.Set(transaction.deadline_timer, Clock::now() + kLookupDeadline);
   resolver_->Lookup(target.host, transaction);
@@ -147,14 +149,8 @@ void TransactionLayer::Send(ClientTransaction& transaction, const SocketAddress&
   transaction.local = local;
   std::string reason;
   if (!Write(transaction, reason)) return Fail(transaction, Kind::kUnsent, reason);
-  DestinationList& neighbours = by_destination_[to];
-  neighbours.PushBack(transaction);
-  by_branch_.emplace(transaction.branch, &transaction);
+  by_destination_[to].PushBack(transaction);
   // Nothing below fails.
-  if (transaction.next_candidate == transaction.candidates.size()) {
-    transaction.request.reset();
-    transaction.prepare = nullptr;
-  }
   transaction.Outgoing::text = transaction.text;
   transaction.state = State::kTrying;
   transaction.sends = 0;
@@ -162,41 +158,46 @@ void TransactionLayer::Send(ClientTransaction& transaction, const SocketAddress&
   const auto now = Clock::now();
   timers_.Set(transaction.retransmit_timer, now + timing_.t1);
   timers_.Set(transaction.deadline_timer, now + 64 * timing_.t1);
+  if (!transaction.in_window) {
+    transaction.in_window = true;
+    ++in_window_;
+  }
   transaction.transport->Send(transaction);
+}
+
+std::shared_ptr<const Endpoint> TransactionLayer::EndpointOf(const SocketAddress& local) {
+  if (local_endpoint_ == nullptr || !(local_ == local)) {
+    auto endpoint = std::make_shared<Endpoint>();
+    endpoint->host = local.Host();
+    endpoint->port = local.port();
+    endpoint->transport = transport_->name();
+    local_endpoint_ = std::move(endpoint);
+    local_ = local;
+  }
+  return local_endpoint_;
 }
 
 bool TransactionLayer::Write(ClientTransaction& transaction, std::string& reason) {
   nsip_message& request = *transaction.request;
-  Endpoint local;
-  local.host = transaction.local.Host();
-  local.port = transaction.local.port();
-  local.transport = transport_->name();
-  if (transaction.has_via) {
-    request.vias.erase(request.vias.begin());
-    transaction.has_via = false;
-  }
+  transaction.sent_by = EndpointOf(transaction.local);
+  const Endpoint& local = *transaction.sent_by;
   if (transaction.prepare && !transaction.prepare(request, local)) {
     reason = "given up before it was sent";
     return false;
   }
-  if (!MakeBranch(transaction.branch)) {
+  // Each try is a transaction of its own (RFC 3263 §4.3).
+  branches_.Remove(std::exchange(transaction.place, BranchTable::kNowhere));
+  BranchText branch;
+  transaction.place = branches_.Add(transaction, branch);
+  if (transaction.place == BranchTable::kNowhere) {
     reason = "the system gives no random numbers";
     return false;
   }
-  auto via = std::make_unique<nsip_via>();
-  via->protocol = "SIP/2.0";
-  via->transport = local.transport;
-  via->host = local.host;
-  via->port = local.port;
-  via->params.push_back({"branch", transaction.branch, true});
-  via->params.push_back({"rport", {}, false});
-  request.vias.insert(request.vias.begin(), std::move(via));
-  transaction.has_via = true;
-  transaction.method = request.cseq_method;
-  transaction.sent_by_host = std::move(local.host);
-  transaction.sent_by_port = local.port;
-  transaction.text.clear();
-  if (nsip_message_to_str(request, transaction.text) != 0) {
+  via_ = "SIP/2.0/";
+  via_.append(local.transport).append(" ").append(local.host).append(":");
+  via_.append(std::to_string(local.port)).append(";branch=");
+  via_.append(branch.data(), branch.size()).append(";rport");
+  if (nsip_message_to_str(request, transaction.text, via_) != 0) {
     reason = "the request lacks a mandatory part";
     return false;
   }
@@ -209,22 +210,24 @@ void TransactionLayer::Detach(ClientTransaction& transaction) noexcept {
   timers_.Cancel(transaction.deadline_timer);
   transaction.Outgoing::Unlink();
   transaction.LookupWaiter::Unlink();
-  if (!transaction.branch.empty()) {
-    const auto found = by_branch_.find(transaction.branch);
-    if (found != by_branch_.end() && found->second == &transaction) by_branch_.erase(found);
-  }
+  branches_.Remove(std::exchange(transaction.place, BranchTable::kNowhere));
+  LeaveWindow(transaction);
   LeaveDestination(transaction);
+}
+
+void TransactionLayer::LeaveWindow(ClientTransaction& transaction) noexcept {
+  if (std::exchange(transaction.in_window, false)) --in_window_;
 }
 
 void TransactionLayer::LeaveDestination(ClientTransaction& transaction) noexcept {
   static_cast<base::ListHook<DestinationTag>&>(transaction).Unlink();
+  if (by_destination_.size() <= kIdleDestinations) return;
   const auto found = by_destination_.find(transaction.to);
   if (found != by_destination_.end() && found->second.empty()) by_destination_.erase(found);
 }
 
 void TransactionLayer::Remove(ClientTransaction& transaction) noexcept {
   Detach(transaction);
-  if (!transaction.finished) --owed_;
   counters_.transactions.fetch_sub(1, std::memory_order_relaxed);
   delete &transaction;
 }
@@ -240,6 +243,7 @@ void TransactionLayer::Call(const OutcomeFn& done, Outcome outcome) noexcept {
 // The end of a transaction that gets no final response.
 void TransactionLayer::Finish(ClientTransaction& transaction, Outcome outcome) noexcept {
   const OutcomeFn done = std::move(transaction.done);
+  outcome.request = std::move(transaction.request);
   Remove(transaction);
   Call(done, std::move(outcome));
 }
@@ -265,9 +269,7 @@ void TransactionLayer::FailNoMemory(ClientTransaction& transaction) noexcept {
 void TransactionLayer::FailAll() noexcept {
   closed_ = true;
   while (ClientTransaction* transaction = all_.Front()) {
-    if (transaction->finished) {
-      Remove(*transaction);
-    } else if (transaction->sends > 0) {
+    if (transaction->sends > 0) {
       Fail(*transaction, Kind::kTimeout, "the SIP stack stopped before an answer came");
     } else {
       Fail(*transaction, Kind::kUnsent, "the SIP stack has stopped");
@@ -275,7 +277,16 @@ void TransactionLayer::FailAll() noexcept {
   }
 }
 
+void TransactionLayer::OnTimer(Timer& /*timer*/) noexcept {
+  counters_.transactions.fetch_sub(branches_.Expire(Clock::now()), std::memory_order_relaxed);
+  if (branches_.NextDue() != Clock::time_point::max()) {
+    // A mark may stay longer: they go together, a few times in the span of timer K.
+    timers_.Set(completed_timer_, branches_.NextDue() + timing_.t4 / 16);
+  }
+}
+
 void TransactionLayer::OnRetransmitTimer(ClientTransaction& transaction) noexcept {
+  LeaveWindow(transaction);
   // RFC 3261 §17.1.2.2. One that still waits for room in the socket is not doubled.
   if (!transaction.Outgoing::linked()) transaction.transport->Send(transaction);
   transaction.interval = transaction.state == State::kProceeding
@@ -286,8 +297,6 @@ void TransactionLayer::OnRetransmitTimer(ClientTransaction& transaction) noexcep
 
 void TransactionLayer::OnDeadline(ClientTransaction& transaction) noexcept {
   switch (transaction.state) {
-    case State::kCompleted:  // timer K
-      return Remove(transaction);
     case State::kTrying:
     case State::kProceeding:
       if (transaction.sends == 0) {
@@ -373,48 +382,51 @@ void TransactionLayer::Receive(std::string_view text, const SocketAddress& from,
     return;
   }
   if (message->status_code == 0) return server_.Receive(std::move(message), text, from, local);
-  ClientTransaction* transaction = Match(*message);
+  const auto [known, transaction] = Match(*message);
   tracer_.Record(false, transaction == nullptr ? local : transaction->local, from, text);
-  if (transaction == nullptr) {
+  if (!known) {
     LiveCounters::Add(counters_.dropped_stray);
     return;
   }
-  if (transaction->state == State::kCompleted) return;  // retransmitted, absorbed until timer K
+  if (transaction == nullptr) return;  // a copy, absorbed until timer K
+  LeaveWindow(*transaction);
   if (message->status_code < 200) {
     // Timer E goes on as it is set, and from then on with T2 (RFC 3261 §17.1.2.2).
     transaction->state = State::kProceeding;
     return;
   }
-  transaction->state = State::kCompleted;
-  transaction->finished = true;
-  --owed_;
-  timers_.Cancel(transaction->retransmit_timer);
-  timers_.Set(transaction->deadline_timer, Clock::now() + timing_.t4);
-  transaction->Outgoing::Unlink();
-  LeaveDestination(*transaction);
-  // What is left until timer K is the branch and what it is compared with.
-  transaction->request.reset();
-  transaction->prepare = nullptr;
-  std::string().swap(transaction->text);
-  const OutcomeFn done = std::move(transaction->done);
-  Call(done, {Kind::kResponse, std::move(message), {}});
+  Complete(*transaction, std::move(message));
+}
+
+void TransactionLayer::Complete(ClientTransaction& transaction,
+                                std::unique_ptr<nsip_message> response) noexcept {
+  const OutcomeFn done = std::move(transaction.done);
+  Outcome outcome{Kind::kResponse, std::move(response), {}, std::move(transaction.request)};
+  const auto place = std::exchange(transaction.place, BranchTable::kNowhere);
+  if (branches_.Complete(place, Clock::now() + timing_.t4)) {
+    LiveCounters::Add(counters_.transactions);  // the mark's, for the one that Remove takes off
+    if (!completed_timer_.set()) timers_.Set(completed_timer_, branches_.NextDue());
+  }
+  Remove(transaction);
+  Call(done, std::move(outcome));
 }
 
 // RFC 3261 §17.1.3 (branch and CSeq method), §18.1.2 (sent-by), §8.1.3.3 (one Via only).
-ClientTransaction* TransactionLayer::Match(const nsip_message& response) const {
-  if (response.vias.size() != 1) return nullptr;
+BranchTable::Found TransactionLayer::Match(const nsip_message& response) const {
+  if (response.vias.size() != 1) return {};
   const nsip_via& via = *response.vias.front();
   const nsip_generic_param* branch = nullptr;
-  if (nsip_generic_param_get_byname(via.params, "branch", &branch) != 0) return nullptr;
-  const auto found = by_branch_.find(branch->value);
-  if (found == by_branch_.end()) return nullptr;
-  ClientTransaction& transaction = *found->second;
+  if (nsip_generic_param_get_byname(via.params, "branch", &branch) != 0) return {};
+  const BranchTable::Found found = branches_.Find(branch->value);
+  if (found.transaction == nullptr) return found;
+  const ClientTransaction& transaction = *found.transaction;
   const int port = via.port == 0 ? 5060 : via.port;
-  if (response.cseq_method != transaction.method || port != transaction.sent_by_port ||
-      !base::EqualNoCase(via.host, transaction.sent_by_host)) {
-    return nullptr;
+  if (response.cseq_method != transaction.request->cseq_method ||
+      port != transaction.sent_by->port ||
+      !base::EqualNoCase(via.host, transaction.sent_by->host)) {
+    return {};
   }
-  return &transaction;
+  return found;
 }
 
 }  // namespace sipcarrier

@@ -5,6 +5,7 @@
 #include <netinet/ip_icmp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -19,6 +20,8 @@ constexpr std::size_t kMaxDatagram = 65536;
 constexpr int kReceiveBuffer = 16 * 1024 * 1024;
 constexpr int kSendBuffer = 4 * 1024 * 1024;
 constexpr int kErrorsPerTurn = 256;
+// What the kernel counts for a datagram of up to about 1,800 bytes, its own record included.
+constexpr int kKernelSize = 2304;
 
 void GrowBuffer(int fd, int forced, int plain, int size) {
   // Past the system's limit only for who may; otherwise as much as the limit allows.
@@ -65,6 +68,12 @@ class UdpTransport::Socket final : public FdEvents {
     watch_->WantRead(true);
   }
   [[nodiscard]] const SocketAddress& bound() const { return bound_; }
+  // What the system gave, in bytes as the kernel counts them.
+  [[nodiscard]] int ReceiveBuffer() const {
+    int size = 0;
+    socklen_t length = sizeof size;
+    return ::getsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0 ? size : 0;
+  }
   void Queue(Outgoing& message) noexcept { queue_.PushBack(message); }
   void Flush() noexcept;
   void OnReadable(int fd) noexcept override;
@@ -287,6 +296,14 @@ std::unique_ptr<UdpTransport> UdpTransport::Open(IoLoop& loop, TransportSink& si
     return nullptr;
   }
   return transport;
+}
+
+std::size_t UdpTransport::window() const {
+  int least = kReceiveBuffer;
+  for (const auto& socket : sockets_) {
+    if (socket != nullptr) least = std::min(least, socket->ReceiveBuffer());
+  }
+  return static_cast<std::size_t>(std::max(1, least / kKernelSize));
 }
 
 UdpTransport::Socket* UdpTransport::Find(int family) const {

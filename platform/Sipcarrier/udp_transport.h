@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,8 @@ class UdpTransport final : public Transport {
   [[nodiscard]] const SocketAddress* bound(int family) const override;
   void Send(Outgoing& message) noexcept override;
   void Flush() noexcept override;
+  // How many datagrams of the usual sizes the smallest receive buffer holds, unread; at least 1.
+  [[nodiscard]] std::size_t window() const;
 
  private:
   class Socket;

@@ -42,7 +42,12 @@ bool append_start_line(const nsip_message& msg, std::string& text) {
   return true;
 }
 
-bool append_vias(const nsip_message& msg, std::string& text) {
+bool append_vias(const nsip_message& msg, std::string_view first_via, std::string& text) {
+  if (!first_via.empty()) {
+    text += "Via: ";
+    text += first_via;
+    text += kEnd;
+  }
   for (const auto& via : msg.vias) {
     text += "Via: ";
     if (via == nullptr || !append_via(*via, text)) {
@@ -50,7 +55,7 @@ bool append_vias(const nsip_message& msg, std::string& text) {
     }
     text += kEnd;
   }
-  return !msg.vias.empty();
+  return !msg.vias.empty() || !first_via.empty();
 }
 
 bool append_address_line(std::string_view name, const nsip_from* address, std::string& text) {
@@ -117,10 +122,10 @@ bool append_others(const nsip_message& msg, std::string& text) {
 }  // namespace
 }  // namespace nsip
 
-int nsip_message_to_str(const nsip_message& msg, std::string& text) {
+int nsip_message_to_str(const nsip_message& msg, std::string& text, std::string_view first_via) {
   std::string result;
   result.reserve(1024 + msg.body.size());
-  if (!nsip::append_start_line(msg, result) || !nsip::append_vias(msg, result) ||
+  if (!nsip::append_start_line(msg, result) || !nsip::append_vias(msg, first_via, result) ||
       !nsip::append_addresses("Route: ", msg.routes, result) ||
       !nsip::append_addresses("Record-Route: ", msg.record_routes, result) ||
       !nsip::append_address_line("From: ", msg.from.get(), result) ||

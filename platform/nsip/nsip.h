@@ -111,7 +111,10 @@ inline constexpr std::size_t kNsipMaxMessage = 65535;
 // Writes a message in full form names with Content-Length; 0, or -1 when a mandatory part is
 // missing, a part is not well-formed, the header list holds one that has a field of its own, or the
 // whole is too long.
-[[nodiscard]] TOLVANE_PUBLIC int nsip_message_to_str(const nsip_message& msg, std::string& text);
+// `first_via`, when not empty, is the value of a Via above those of the message: what the transport
+// adds when it sends. It is taken as it is.
+[[nodiscard]] TOLVANE_PUBLIC int nsip_message_to_str(const nsip_message& msg, std::string& text,
+                                                     std::string_view first_via = {});
 [[nodiscard]] TOLVANE_PUBLIC std::unique_ptr<nsip_message> nsip_message_clone(
     const nsip_message& msg);
 

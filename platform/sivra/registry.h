@@ -1,4 +1,4 @@
-// What subscriptions ask the registrations of the same account. Any thread; takes the library lock.
+// What subscriptions ask the registrations of the same account. I/O thread.
 #pragma once
 
 #include <memory>

@@ -15,37 +15,46 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "nsip/nsip.h"
 #include "visibility.h"
 
-TOLVANE_PUBLIC void sivra_lock();
-TOLVANE_PUBLIC void sivra_unlock();
+namespace sivra {
+// What callers promise each other about set, build and send. The I/O thread never takes it.
+TOLVANE_PUBLIC extern base::Mutex library_lock;
+}  // namespace sivra
+
+TOLVANE_PUBLIC void sivra_lock() TOLVANE_ACQUIRE(sivra::library_lock);
+TOLVANE_PUBLIC void sivra_unlock() TOLVANE_RELEASE(sivra::library_lock);
 
 // Makes an entry (id 0) or changes one; from and to are addr-spec or name-addr texts, also a bare
 // display name before "<"; registrar is a URI. Ids run from 1 and are not reused. The entry's id;
 // -1 when a text is no address, an id names no entry, or memory is exhausted. A changed From/To
 // keeps Call-ID and CSeq.
 TOLVANE_PUBLIC long sivra_register_set_info(long id, const std::string& from, const std::string& to,
-                                            const std::string& registrar);
+                                            const std::string& registrar)
+    TOLVANE_REQUIRES(sivra::library_lock);
 // A REGISTER of this entry (RFC 3261 §10.2), complete but for what is settled when it leaves (Via,
 // CSeq number, credentials, the final Contact address). The binding's expiry stands as the
 // Contact's "expires" parameter: the registrar is asked for `expires` seconds; 0 asks for the
 // removal of this binding and sets Expires: 0 too. 0 and a message that the caller owns; -1 and
 // null: no such entry, an expiry below 0, stack not started, memory.
-TOLVANE_PUBLIC int sivra_register_build_register(nsip_message** msg, long id, int expires);
+TOLVANE_PUBLIC int sivra_register_build_register(nsip_message** msg, long id, int expires)
+    TOLVANE_REQUIRES(sivra::library_lock);
 // Takes the message, whatever the result. 0: it is on its way and its outcome will be reported
 // (unless a newer one takes its place while it waits). Non-zero: no such entry, stack not running,
 // memory.
-TOLVANE_PUBLIC int sivra_register_send_register(long id, nsip_message* msg);
+TOLVANE_PUBLIC int sivra_register_send_register(long id, nsip_message* msg)
+    TOLVANE_REQUIRES(sivra::library_lock);
 // Ends the entry: what is queued or in flight is finished, challenges included, and nothing more is
 // reported but what is on its way to the handler already.
-TOLVANE_PUBLIC void sivra_register_release(long id);
+TOLVANE_PUBLIC void sivra_register_release(long id) TOLVANE_REQUIRES(sivra::library_lock);
 
 namespace sivra {
 
 // The Contact URIs (texts, with the address that was settled when the last REGISTER left) of the
-// entries whose From is this address of record (nsip_aor_key), in the order of their ids. Any
-// thread; takes sivra_lock.
+// entries whose From is this address of record (nsip_aor_key), in the order of their ids. I/O
+// thread.
 [[nodiscard]] TOLVANE_PUBLIC std::vector<std::string> RegisteredContacts(
     const std::string& address_of_record);
 
@@ -106,7 +115,6 @@ TOLVANE_PUBLIC void ForgetListener(const SubscriptionListener* listener);
 
 // Frees a message that sivra_register_build_register gave and that will not be sent.
 TOLVANE_PUBLIC void FreeMessage(nsip_message* msg);
-// Entries alive, released ones that still finish included. For tests and diagnostics; needs no
-// lock.
+// Entries alive, released ones that still finish included. For tests and diagnostics; any thread.
 TOLVANE_PUBLIC std::size_t EntryCount();
 }  // namespace sivra
