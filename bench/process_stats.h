@@ -1,12 +1,16 @@
 // What this process has used so far.
 #pragma once
 
+#include <dirent.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
 
 namespace bench {
 
@@ -42,6 +46,24 @@ struct ProcessStats {
     std::fclose(file);
   }
   return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+// Seconds of CPU by thread, in the order in which the threads began.
+[[nodiscard]] inline std::map<long, double> CpuByThread() {
+  std::map<long, double> seconds;
+  DIR* const threads = opendir("/proc/self/task");
+  if (threads == nullptr) return seconds;
+  while (const dirent* const entry = readdir(threads)) {
+    const long id = std::atol(entry->d_name);
+    const std::string path = std::string("/proc/self/task/") + entry->d_name + "/schedstat";
+    std::FILE* const file = id > 0 ? std::fopen(path.c_str(), "r") : nullptr;
+    if (file == nullptr) continue;
+    unsigned long long ns = 0;
+    if (std::fscanf(file, "%llu", &ns) == 1) seconds[id] = 1e-9 * static_cast<double>(ns);
+    std::fclose(file);
+  }
+  closedir(threads);
+  return seconds;
 }
 
 }  // namespace bench

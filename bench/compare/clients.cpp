@@ -49,6 +49,9 @@ Run RunOwn(const std::vector<std::string>& words, const Scene& scene,
   run.refresh_us = Number(report, "cpu_us_per_refresh");
   run.refreshes = Number(report, "refreshes");
   run.max_late_s = Number(seen, "max_late_s");
+  if (run.complete && report.contains("cpu_us_per_registration_by_thread")) {
+    run.threads = report["cpu_us_per_registration_by_thread"].get<std::map<std::string, double>>();
+  }
   return run;
 }
 
@@ -144,6 +147,10 @@ const char* NameOf(Client client) {
       return "floor, one call a datagram";
     case Client::kOurs:
       return "tolvane";
+    case Client::kOursLog0:
+      return "tolvane, log at level 0";
+    case Client::kOursLog2:
+      return "tolvane, log at level 2";
     case Client::kSippDropped:
       return "sipp, state dropped";
     case Client::kSippKept:
@@ -188,7 +195,7 @@ Run RunClient(Client client, const Scene& scene, const RegistrarProcess& registr
     run.retransmitted = Number(seen, "repeats");
     return run;
   }
-  const bool ours = client == Client::kOurs;
+  const bool ours = client != Client::kFloor && client != Client::kFloorSingle;
   std::vector<std::string> words{
       (scene.programs / (ours ? "registration_load" : "floor_client")).string(),
       "--registrar",
@@ -203,6 +210,10 @@ Run RunClient(Client client, const Scene& scene, const RegistrarProcess& registr
       std::to_string(scene.hold_s),
       "--rate",
       std::to_string(scene.rate)};
+  if (client == Client::kOursLog0 || client == Client::kOursLog2) {
+    words.insert(words.end(), {"--log-dir", (scene.scratch / "log").string(), "--log-level",
+                               client == Client::kOursLog0 ? "0" : "2"});
+  }
   if (client == Client::kFloorSingle) words.insert(words.end(), {"--batch", "1"});
   return RunOwn(words, scene, registrar);
 }

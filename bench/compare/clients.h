@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -42,6 +43,7 @@ struct Run {
   double refresh_us = 0;  // CPU of a refresh, when there was a hold
   double refreshes = 0;
   double max_late_s = 0;
+  std::map<std::string, double> threads;  // CPU of a registration by thread, of ours
 };
 
 struct Scene {
@@ -57,7 +59,7 @@ struct Scene {
   int expires = 3600;
 };
 
-enum class Client { kFloor, kFloorSingle, kOurs, kSippDropped, kSippKept };
+enum class Client { kFloor, kFloorSingle, kOurs, kOursLog0, kOursLog2, kSippDropped, kSippKept };
 [[nodiscard]] const char* NameOf(Client client);
 
 // Writes the files of accounts that the clients read.

@@ -26,6 +26,7 @@ struct Options {
   std::size_t window = 0;
   std::string digest = "both";
   bool no_sipp = false;
+  bool logs = false;
   bool burst = false;
   int expires = 8;
   double hold_s = 20;
@@ -140,6 +141,15 @@ bool PrintLoad(const bench::Scene& scene, int rounds, const Table& table) {
                 series.complete() ? "" : "   NOT ALL WERE ANSWERED");
     complete = complete && series.complete();
   }
+  std::printf("  tolvane by thread, CPU us/reg:");
+  for (const char* const thread : {"commands", "io", "delivery", "bus"}) {
+    std::vector<double> values;
+    for (const Run& run : table.at(Client::kOurs).runs) {
+      if (run.threads.contains(thread)) values.push_back(run.threads.at(thread));
+    }
+    std::printf("  %s %.1f", thread, Median(values));
+  }
+  std::printf("\n");
   return complete;
 }
 
@@ -178,6 +188,7 @@ int CompareLoad(const Options& options) {
   if (!options.no_sipp) {
     clients.insert(clients.end(), {Client::kSippDropped, Client::kSippKept});
   }
+  if (options.logs) clients.insert(clients.end(), {Client::kOursLog0, Client::kOursLog2});
   bool complete = true;
   for (const bool digest : DigestManners(options)) {
     const bench::RegistrarProcess registrar(
@@ -256,6 +267,9 @@ int main(int argc, char** argv) {
       ->delimiter(',')
       ->check(users);
   load->add_flag("--no-sipp", options.no_sipp, "Leave sipp out");
+  load->add_flag("--logs", options.logs,
+                 "Measure ours with its log open, too: level 2 writes all living ids with each "
+                 "event, so use few users");
   load->add_option("--window", options.window,
                    "At most so many registrations of ours and the floor's outstanding; 0: no limit")
       ->check(CLI::Range(0, 10000));

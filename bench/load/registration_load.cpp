@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <CLI/CLI.hpp>
@@ -207,6 +208,8 @@ class Load {
   Tally tally_;
   bench::BusHost bus_;
   std::vector<int> ids_;
+  std::map<long, double> threads_at_begin_;
+  std::map<long, double> threads_settled_;
   Mark begin_;
   Mark commanded_;  // the last command is back
   Mark last_;       // the last outcome
@@ -239,6 +242,7 @@ bool Load::RegisterAll() {
   const std::size_t window = options_.window == 0 ? count : options_.window;
   ids_.reserve(count);
   tally_.ExpectLast(count);
+  threads_at_begin_ = bench::CpuByThread();
   begin_ = Mark::Take();
   const std::int64_t deadline =
       begin_.at + static_cast<std::int64_t>(options_.deadline_s * static_cast<double>(kSecond));
@@ -281,6 +285,7 @@ bool Load::RegisterAll() {
   // Timers that the last outcomes have started, and threads that go to sleep.
   kdWaitEvent(kSecond / 20);
   settled_ = Mark::Take();
+  threads_settled_ = bench::CpuByThread();
   return true;
 }
 
@@ -333,6 +338,19 @@ void Load::Report(bool all) {
   report_["cpu_us_per_registration"] = 1e6 * cpu / count;
   report_["settled_cpu_us_per_registration"] =
       1e6 * (settled_.stats.cpu() - begin_.stats.cpu()) / count;
+  // In the order in which they begin: this program's two, the stack's two, the bus's one.
+  static constexpr std::array kThreads{"commands", "signals", "delivery", "io", "bus"};
+  std::size_t place = 0;
+  json threads = json::object();
+  for (const auto& [id, seconds] : threads_settled_) {
+    const auto before = threads_at_begin_.find(id);
+    const double spent = seconds - (before == threads_at_begin_.end() ? 0 : before->second);
+    const std::string name =
+        place < kThreads.size() ? kThreads[place] : "other" + std::to_string(place);
+    threads[name] = 1e6 * spent / count;
+    ++place;
+  }
+  report_["cpu_us_per_registration_by_thread"] = threads;
   report_["resident_before_kib"] = begin_.resident_kib;
   report_["resident_after_kib"] = settled_.resident_kib;
   report_["resident_kib_per_registration"] = (settled_.resident_kib - begin_.resident_kib) / count;
