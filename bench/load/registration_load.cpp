@@ -116,6 +116,12 @@ class Tally final : public bench::NoticeSink {
 
   [[nodiscard]] std::size_t outcomes() const { return outcomes_; }
   [[nodiscard]] std::size_t deregistered() const { return deregistered_; }
+  [[nodiscard]] std::size_t failed() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::size_t failed = 0;
+    for (const auto& [code, times] : failures_) failed += times;
+    return failed;
+  }
   [[nodiscard]] std::size_t active() const { return active_; }
   [[nodiscard]] std::size_t ended() const { return ended_; }
   [[nodiscard]] std::size_t service_lost() const { return service_lost_; }
@@ -398,6 +404,7 @@ int Load::Run() {
     Hold();
   }
   const bool registered = all;
+  all = all && tally_.failed() == 0;
   if (options_.deregister) all = DeregisterAll() && all;
   Report(registered);
   std::printf("%s\n", report_.dump().c_str());
