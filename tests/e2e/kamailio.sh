@@ -64,7 +64,7 @@ ask() { timeout 5 kamcmd -s "unix:$DIR/ctl" "$@"; }
 # The bindings in force, one a line: address, seconds left, Call-ID, CSeq, User-Agent.
 bindings() {  # bindings USER@DOMAIN
   local line address="" expires="" call_id="" cseq=""
-  # kamcmd exits with 0 whatever the answer, so the answer is looked at.
+  # kamcmd exits with 0 whatever the reply, so the reply is looked at.
   ask ul.lookup location "$1" >"$DIR/lookup" 2>&1 || true
   while read -r line; do
     case $line in

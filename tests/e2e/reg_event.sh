@@ -112,7 +112,7 @@ logged_once() { (($(logged "$1" "$2") > 0)); }
 comes_back() {  # comes_back USER@DOMAIN
   starts_to_follow back "$1" 127.0.0.1 --expires 60 --auto-reregister --reregister-interval 1 || return 1
   ask ul.rm location "$1" >/dev/null
-  within 10 notified "$OUT" 4098 '<id>2</id><state>Active</state>' || { why "not registered anew"; return 1; }
+  within 10 notified "$OUT" 4098 '<id>2</id><state>Active</state>' || { why "not registered again"; return 1; }
   is 1 "$(binding_count "$1")" "bindings after the return" || return 1
   is 1 "$(subscription_count "$1")" "subscriptions after the return" || return 1
   deregisters "$PID" "$OUT" INT || return 1
@@ -128,7 +128,7 @@ reg_event_scenarios() {  # reg_event_scenarios TITLE COUNTED
     hears_of_its_removal erin@digest.test 127.0.0.1 "${known[@]}"
   scenario "expiry, $1" hears_of_its_expiry frank@open.test
   scenario "other devices come and go, $1" outlives_others grace@open.test
-  scenario "registered anew after a removal, $1" comes_back heidi@open.test
+  scenario "registered again after a removal, $1" comes_back heidi@open.test
   scenario "nothing is left at Kamailio, $1" is 0 "$(record_count)" "records"
 }
 

@@ -155,7 +155,7 @@ keeps_registered_with_digest() {
   keeps_registered "$@" || return 1
   # One challenge for want of credentials; refreshes are authorised in advance; an aged nonce is renewed.
   is 1 "$(logged "$1" 'code=-5')" "challenges to requests without credentials" || return 1
-  is 0 "$(logged "$1" 'code=-2')" "requests with a wrong answer to a challenge" || return 1
+  is 0 "$(logged "$1" 'code=-2')" "requests with wrong credentials" || return 1
   is 1 "$(logged "$1" 'cseq=3 expires=4 taken')" "first refreshes that were authorised in advance" || return 1
   (($(logged "$1" 'code=-4') > 0)) || why "no nonce went stale, so its renewal was not seen"
 }
@@ -170,20 +170,20 @@ ends_without_refresh() {  # ends_without_refresh USER@DOMAIN
   deregisters "$PID" "$OUT" TERM
 }
 
-# A 423 is answered with the longer expiry, which then holds for the refreshes too.
+# After a 423 the longer expiry is asked for, which then holds for the refreshes, too.
 accepts_longer_expiry() {  # accepts_longer_expiry USER@DOMAIN OPTION...
   local aor=$1 left
   shift
   DURATION=5 start_client brief "$aor" 127.0.0.1 --expires 3 "$@"
   within 10 notified "$OUT" $REGISTERED '<result>0</result>' || { why "no registration"; return 1; }
-  is 1 "$(logged "$aor" 'too brief')" "answers 423" || return 1
+  is 1 "$(logged "$aor" 'too brief')" "responses 423" || return 1
   left=$(bindings "$aor" | cut -d' ' -f2)
   ((left > MIN_EXPIRES - 3 && left <= MIN_EXPIRES)) ||
     { why "the binding has $left s left, not about $MIN_EXPIRES"; return 1; }
   end_of "$PID" 15
   is 0 $? "exit status after --duration" || return 1
   notified "$OUT" $DEREGISTERED '<result>0</result>' || { why "no notification 0x1001"; return 1; }
-  is 1 "$(logged "$aor" 'too brief')" "answers 423 in all" || return 1
+  is 1 "$(logged "$aor" 'too brief')" "responses 423 in all" || return 1
   is 2 "$(logged "$aor" "expires=$MIN_EXPIRES taken")" "requests with the longer expiry" || return 1
   is 0 "$(binding_count "$aor")" "bindings at the end"
 }
@@ -202,7 +202,7 @@ is_refused() {  # is_refused USER@DOMAIN ATTEMPTS OPTION...
   is 0 "$(binding_count "$aor")" "bindings"
 }
 
-# Two processes bind one address of record; each gives back its own binding only.
+# Two processes bind one address of record; each removes its own binding only.
 shares_address() {  # shares_address USER@DOMAIN OPTION...
   local aor=$1 one two one_out two_out one_contact
   shift

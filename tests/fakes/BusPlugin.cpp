@@ -12,7 +12,7 @@
 
 namespace {
 
-int g_commands = 0;  // starts anew with every load
+int g_commands = 0;  // starts again with every load
 std::atomic<bool> g_inside{false};
 std::atomic<bool> g_release{false};
 

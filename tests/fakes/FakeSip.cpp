@@ -14,7 +14,7 @@ FakeSip& FakeSip::Get() {
   return sip;
 }
 
-int FakeSip::Answer(long stack_id, int status, const std::string& headers) {
+int FakeSip::Respond(long stack_id, int status, const std::string& headers) {
   std::string why;
   const std::unique_ptr<nsip_message> message =
       nsip_message_parse("SIP/2.0 " + std::to_string(status) +

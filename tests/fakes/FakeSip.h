@@ -1,5 +1,5 @@
 // The SIP libraries' edge, faked: it records each REGISTER that the component sends and lets a test
-// answer it. It links in place of sivra and Sipcarrier; messages are the real library's.
+// respond to it. It links in place of sivra and Sipcarrier; messages are the real library's.
 #pragma once
 
 #include <functional>
@@ -39,7 +39,7 @@ struct FakeSip {
   std::function<void()> before_lock;  // once, when somebody is about to take the library's lock
 
   // A final response to this entry's REGISTER; headers are whole lines, each with its CRLF.
-  int Answer(long stack_id, int status, const std::string& headers = {});
+  int Respond(long stack_id, int status, const std::string& headers = {});
   int Error(long stack_id, int event_id);
 
   long last_id = 0;

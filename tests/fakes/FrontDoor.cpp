@@ -48,7 +48,7 @@ int FrontDoor::Live(const std::string& children) {
 }
 
 void FrontDoor::Settle(int status, const std::string& headers) {
-  sip.Answer(LastStackId(), status, headers);
+  sip.Respond(LastStackId(), status, headers);
   Pump();
 }
 

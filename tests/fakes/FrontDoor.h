@@ -19,7 +19,7 @@ class FakeClock : public vorelkd::Clock {
   std::atomic<KDust> now_{1'000'000'000'000};
 };
 
-// What a command gave: its result, and the answer's text (empty: untouched).
+// What a command gave: its result, and the text of the document that it wrote (empty: untouched).
 struct Answer {
   int result = 0;
   std::string document;
@@ -36,9 +36,9 @@ class FrontDoor {
   // <reg> with these children; the new registration's id, or -1.
   int Register(const std::string& children);
   Answer Deregister(int id, const std::string& children = {});
-  // The same as Register, answered with success and settled; nothing of it is left to be looked at.
+  // The same as Register, with a success and settled; nothing of it is left to be looked at.
   int Live(const std::string& children);
-  // Answers the last REGISTER and lets the loop run.
+  // Responds to the last REGISTER and lets the loop run.
   void Settle(int status, const std::string& headers = {});
   // The stack id of the last REGISTER sent.
   [[nodiscard]] long LastStackId() const;

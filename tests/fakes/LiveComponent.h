@@ -12,13 +12,13 @@ namespace fakes {
 
 class LiveComponent {
  public:
-  // Timer T1 is `t1`: an unanswered REGISTER is given up after 64 of it.
+  // Timer T1 is `t1`: a REGISTER without a response is given up after 64 of it.
   explicit LiveComponent(std::chrono::milliseconds t1 = std::chrono::milliseconds(10));
   ~LiveComponent();
   LiveComponent(const LiveComponent&) = delete;
   LiveComponent& operator=(const LiveComponent&) = delete;
 
-  // The result of a command whose answer, if there is one, is of no interest.
+  // The result of a command whose document, if it writes one, is of no interest.
   static int Command(int id, const std::string& document);
   // A registration through the command; its id, or -1.
   static int Register(const std::string& registrar, int expires, bool reregister = false);

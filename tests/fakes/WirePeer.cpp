@@ -90,7 +90,7 @@ void WirePeer::Run() {
 void WirePeer::Take(std::string_view request, const void* from, unsigned from_size) {
   const std::string_view via = Line(request, "Via:");
   const std::string_view call_id = Line(request, "Call-ID:");
-  const int wish = Number(Line(request, "Contact:"), ";expires=");
+  const int expiry = Number(Line(request, "Contact:"), ";expires=");
   const auto cseq = static_cast<std::uint32_t>(Number(Line(request, "CSeq:"), "CSeq: "));
   Call* call = nullptr;
   for (std::uint64_t i = Hash(call_id);; ++i) {
@@ -102,14 +102,14 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
   if (call->branch != Hash(via)) {
     ++requests;
     if (!first && cseq <= call->cseq) ++cseq_not_above;
-    if (wish == 0) {
+    if (expiry == 0) {
       ++removals;
     } else if (call->ended) {
       ++after_end;
     } else if (!first) {
       ++refreshes;
     }
-    call->ended |= wish == 0;
+    call->ended |= expiry == 0;
     call->cseq = cseq;
     call->branch = Hash(via);
   }
@@ -117,7 +117,7 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
   std::string_view status = "200 OK\r\n";
   if (Percent() < manners_.refuse) {
     status = "403 Forbidden\r\n";
-  } else if (wish != 0 && Percent() < manners_.too_brief) {
+  } else if (expiry != 0 && Percent() < manners_.too_brief) {
     status = "423 Interval Too Brief\r\nMin-Expires: 2\r\n";
   }
   std::array<char, 1024> text;
@@ -127,7 +127,7 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
     if (size + part.size() > text.size()) std::abort();
     size += part.copy(text.data() + size, part.size());
   }
-  const std::string_view answer(text.data(), size);
+  const std::string_view response(text.data(), size);
   if (Percent() < manners_.late) {
     const auto held = std::find_if(held_.begin(), held_.end(), [](const Held& one) { return one.due == 0; });
     if (held == held_.end()) return;
@@ -137,8 +137,8 @@ void WirePeer::Take(std::string_view request, const void* from, unsigned from_si
     held->due = NowMs() + 1 + static_cast<int>(random_() % 60);
     return;
   }
-  Reply(answer, from, from_size);
-  if (Percent() < manners_.twice) Reply(answer, from, from_size);
+  Reply(response, from, from_size);
+  if (Percent() < manners_.twice) Reply(response, from, from_size);
 }
 
 void WirePeer::SendDue(std::int64_t now) {

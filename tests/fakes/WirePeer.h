@@ -1,4 +1,4 @@
-// A registrar's wire side for stress: it answers each REGISTER over UDP on loopback without keeping
+// A registrar's wire side for stress: it responds to each REGISTER over UDP on loopback without keeping
 // bindings, and can do it late, twice, out of order or not at all. It watches what a user agent
 // must never do. It allocates nothing while it runs, so that it may stand in a process whose memory
 // runs out.
@@ -18,7 +18,7 @@ namespace fakes {
 struct Manners {
   int drop = 0;
   int twice = 0;
-  int late = 0;       // held back for up to 60 ms, so that later answers overtake it
+  int late = 0;       // held back for up to 60 ms, so that later responses overtake it
   int refuse = 0;     // 403
   int too_brief = 0;  // 423 with Min-Expires 2
 };
@@ -33,9 +33,9 @@ class WirePeer {
   [[nodiscard]] std::string Uri() const;  // "sip:127.0.0.1:PORT"
 
   std::atomic<int> requests{0};
-  std::atomic<int> refreshes{0};       // wishes above 0 behind the first of a Call-ID
-  std::atomic<int> removals{0};        // wishes of 0
-  std::atomic<int> after_end{0};       // wishes above 0 behind a wish of 0
+  std::atomic<int> refreshes{0};       // with an expiry above 0, behind the first of a Call-ID
+  std::atomic<int> removals{0};        // with an expiry of 0
+  std::atomic<int> after_end{0};       // with an expiry above 0, behind one of 0
   std::atomic<int> cseq_not_above{0};  // new requests whose CSeq does not rise
 
   // What goes between the test and a thread that must not count its own memory; set before the peer

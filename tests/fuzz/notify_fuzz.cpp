@@ -1,5 +1,5 @@
-// A request of any bytes through the server side of the stack, without sockets: every answer can be read, repeats what
-// RFC 3261 §8.2.6.2 tells, goes to the source of the request, and is the same for a copy.
+// A request of any bytes through the server side of the stack, without sockets: every response can be read, repeats
+// what RFC 3261 §8.2.6.2 tells, goes to the source of the request, and is the same for a copy.
 #include <cstdlib>
 
 #include "Sipcarrier/server_layer.h"
@@ -27,7 +27,7 @@ struct Wire final : Transport {
 
 bool HasTag(const nsip_from& address) { return nsip_generic_param_get_byname(address.params, "tag", nullptr) == 0; }
 
-// What an answer takes over as it is.
+// What a response takes over as it is.
 std::string Repeated(const nsip_message& message) {
   std::string text = nsip_from_text(*message.from) + '\n' + message.to->displayname + '\n' +
                      nsip_uri_text(*message.to->url) + '\n' + message.call_id + '\n' +
@@ -36,13 +36,13 @@ std::string Repeated(const nsip_message& message) {
   return text;
 }
 
-void CheckAnswer(const nsip_message& request, const Wire& wire, SocketAddress from) {
+void CheckResponse(const nsip_message& request, const Wire& wire, SocketAddress from) {
   std::string reason;
-  const auto answer = nsip_message_parse(wire.sent.front(), reason);
-  Require(answer != nullptr && answer->status_code >= 200 && HasTag(*answer->to));
-  Require(Repeated(*answer) == Repeated(request));
-  Require(answer->to->params.size() == request.to->params.size() + (HasTag(*request.to) ? 0 : 1));
-  const nsip_via& via = *answer->vias.front();
+  const auto response = nsip_message_parse(wire.sent.front(), reason);
+  Require(response != nullptr && response->status_code >= 200 && HasTag(*response->to));
+  Require(Repeated(*response) == Repeated(request));
+  Require(response->to->params.size() == request.to->params.size() + (HasTag(*request.to) ? 0 : 1));
+  const nsip_via& via = *response->vias.front();
   const nsip_generic_param* param = nullptr;
   if (nsip_generic_param_get_byname(via.params, "rport", &param) == 0) {
     Require(param->value == std::to_string(from.port()));
@@ -73,8 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto handler = [&](std::unique_ptr<nsip_message> given, ServerTransactionId id, const Endpoint& /*local*/) {
     ++calls;
     const bool fine = !given->body.empty();
-    const bool answered = layer.Respond(id, fine ? 200 : 400, "Word", {{"X-Note", "a"}}, fine ? "mine" : "");
-    Require(answered || !HasTag(*given->to));  // no room for a tag of ours
+    const bool responded = layer.Respond(id, fine ? 200 : 400, "Word", {{"X-Note", "a"}}, fine ? "mine" : "");
+    Require(responded || !HasTag(*given->to));  // no room for a tag of ours
   };
   Require(layer.handlers().Set("NOTIFY", handler));
   for (int copy = 0; copy < 2; ++copy) layer.Receive(nsip_message_parse(text, reason), text, from, wire.local);
@@ -83,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           request->to->params.size() == 64);
   if (!wire.sent.empty()) {
     Require(wire.sent.front() == wire.sent.back());
-    CheckAnswer(*request, wire, from);
+    CheckResponse(*request, wire, from);
   }
   while (timers.NextDue() != Clock::time_point::max()) timers.Run(Clock::time_point::max());
   Require(counters.server_transactions == 0);

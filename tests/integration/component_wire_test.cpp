@@ -1,4 +1,4 @@
-// Many registrations at once against a registrar that answers late, twice, out of order or not at
+// Many registrations at once against a registrar that responds late, twice, out of order or not at
 // all; garbage on the wire beside a registration; templates on the wire, also while log and
 // configuration change.
 
@@ -101,8 +101,8 @@ TEST(ComponentWire, StressLeavesNothingAndSendsNothingAfterAnEnd) {
     EXPECT_EQ(CRegister::s_nAlive, 0);
     EXPECT_EQ(sivra::EntryCount(), 0u);
     EXPECT_EQ(peer.cseq_not_above, 0);
-    // A 423 to a REGISTER that a deregistration overtook is answered once more with its expiry: the
-    // one way in which a wish above 0 follows a wish of 0.
+    // A 423 to a REGISTER that a deregistration overtook is met once more with its Min-Expires: the
+    // one way in which an expiry above 0 follows one of 0.
     EXPECT_LE(peer.after_end, manners.too_brief > 0 ? registered / 10 : 0);
   }
   EXPECT_GT(refreshes, 5);
@@ -122,7 +122,7 @@ TEST(ComponentWire, GarbageDisturbsNobody) {
   std::minstd_rand random(7);
   constexpr unsigned kDatagrams = 20000;
   for (unsigned i = 0; i < kDatagrams; ++i) {
-    // Noise, cut off, with wrong bytes, and as it is: an answer to nobody.
+    // Noise, cut off, with wrong bytes, and as it is: a response to no request.
     std::string text = valid.substr(0, i % 4 == 1 ? random() % valid.size() : valid.size());
     if (i % 4 == 0) text.resize(random() % 1500);
     for (std::size_t n = i % 4 == 0 ? text.size() : i % 4 == 2 ? 4 : 0; n > 0; --n) {

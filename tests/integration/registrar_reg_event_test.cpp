@@ -35,15 +35,15 @@ struct Watch : Service {
   }
   // In a dialog from then on.
   void Subscribe(int number, const std::string& rest = "", const Parts& parts = {}) {
-    const std::string answer = Ask(Subscription(number, rest), 200, parts);
-    if (to_tag.empty()) to_tag = answer.substr(answer.find(";tag=", answer.find("\r\nTo:")), 21);
+    const std::string response = Ask(Subscription(number, rest), 200, parts);
+    if (to_tag.empty()) to_tag = response.substr(response.find(";tag=", response.find("\r\nTo:")), 21);
   }
   // Out of the dialog, and for a new one.
   void Leave() {
     to_tag.clear();
     cseq = 0;
   }
-  // The next NOTIFY, which must be the dialog's next one; it is answered unless the status is empty.
+  // The next NOTIFY, which must be the dialog's next one; it gets this response unless the status is empty.
   std::string Expect(const Parts& parts, const std::string& status = "200 OK", const std::string& user = "phone") {
     const std::string notify = client.Receive();
     const std::string dialog = HeaderLine(notify, "Call-ID") + HeaderLine(notify, "From") + HeaderLine(notify, "To");
@@ -58,16 +58,16 @@ struct Watch : Service {
     Subscribe(1, "Expires: 600\r\n");
     Expect({"version=", "state=\"full\""});
   }
-  // An order as a line, and how its answer begins.
-  void Order(std::string line, std::string answer) {
-    for (std::string* text : {&line, &answer}) {
+  // An order as a line, and how its result begins.
+  void Order(std::string line, std::string result) {
+    for (std::string* text : {&line, &result}) {
       for (const auto& [word, value] : {std::pair("AOR", kAor), {"C1", "sip:a@127.0.0.1:1"}}) {
         for (std::size_t at = 0; (at = text->find(word, at)) != std::string::npos;)
           text->replace(at, strlen(word), value);
       }
     }
     const std::string told = RunOrder(registrar, line);
-    EXPECT_TRUE(told.starts_with(answer) && told.empty() == answer.empty()) << line << "\n" << told;
+    EXPECT_TRUE(told.starts_with(result) && told.empty() == result.empty()) << line << "\n" << told;
   }
   bool IsAlone() {
     return Eventually([this] { return registrar.Subscriptions().empty(); }, 3s);
@@ -107,7 +107,7 @@ TEST(RegEventTest, ADialogFromSubscribeToTheLastNotify) {
   EXPECT_EQ(watch.registrar.Subscriptions(kAor).front().refreshes, 1U);
   watch.Subscribe(23, "Expires: 0\r\n", {"Expires: 0\r\n"});
   const std::string last = watch.Expect({"Subscription-State: terminated;reason=timeout\r\n", "version=\"2\""}, "");
-  watch.Ask(watch.Subscription(24), 481);  // over, though its last NOTIFY is not answered yet
+  watch.Ask(watch.Subscription(24), 481);  // over, though its last NOTIFY has no response yet
   watch.client.Send(ResponseTo(last, "200 OK"));
   EXPECT_TRUE(watch.IsAlone());
   // A fetch; and a subscription that nobody refreshes.
@@ -187,7 +187,7 @@ TEST(RegEventTest, DocumentsAreNumberedAsTheMannerIs) {
   }
 }
 
-TEST(RegEventTest, OneNotifyAtATimeUntilItIsAnsweredOrGivenUp) {
+TEST(RegEventTest, OneNotifyAtATimeUntilItsResponseOrTimerF) {
   Watch watch(Quick(10ms));
   watch.Subscribe(1);
   // The same datagram again and again, ever more slowly; 64 times T1 are 640 ms.
@@ -221,7 +221,7 @@ TEST(RegEventTest, OneNotifyAtATimeUntilItIsAnsweredOrGivenUp) {
   EXPECT_TRUE(calm.IsAlone());
 }
 
-TEST(RegEventTest, AnAnswerThatIsLateAndAnApproval) {
+TEST(RegEventTest, AResponseThatIsLateAndAnApproval) {
   Options options = Quick();
   options.reg_event.pending = true;
   Watch watch(options);
@@ -246,7 +246,7 @@ TEST(RegEventTest, Orders) {
   // What the subscriber is told, when there is anything to tell. AOR and C1 stand for an address of record and a
   // contact.
   // clang-format off
-  const struct { const char *line, *answer; Parts told; } orders[] = {
+  const struct { const char *line, *result; Parts told; } orders[] = {
       {"", "", {}}, {" # deactivate AOR", "", {}}, {"reboot", "error: unknown order \"reboot\"", {}},
       {"expire", "error: an address of record is missing", {}}, {"expire alice", "error: an address of record is", {}},
       {"expire AOR", "error: no such binding", {}}, {"create AOR nonsense", "error: \"nonsense\" is no URI", {}},
@@ -271,7 +271,7 @@ TEST(RegEventTest, Orders) {
       {"end-subscription AOR a;b", "error: the reason", {}}, {"refuse-subscribe 200", "error: \"200\" is not a num", {}}};
   // clang-format on
   for (const auto& order : orders) {
-    watch.Order(order.line, order.answer);
+    watch.Order(order.line, order.result);
     if (!order.told.empty()) watch.Expect(order.told);
   }
   watch.Order("notify AOR twice", "done");

@@ -41,13 +41,13 @@ struct Service {
            ">" + to_tag + "\r\nCall-ID: " + call_id + "\r\nCSeq: " + std::to_string(cseq) + " " + method + "\r\n" +
            rest + "\r\n";
   }
-  // Sends it; the answer must have the status and the parts, but none behind a "!".
+  // Sends it; the response must have the status and the parts, but none behind a "!".
   std::string Ask(const std::string& request, int status, const Parts& parts = {}) {
     client.Send(request);
-    const std::string answer = client.Receive();
-    EXPECT_TRUE(answer.starts_with("SIP/2.0 " + std::to_string(status))) << request << answer;
-    ExpectParts(answer, parts);
-    return answer;
+    const std::string response = client.Receive();
+    EXPECT_TRUE(response.starts_with("SIP/2.0 " + std::to_string(status))) << request << response;
+    ExpectParts(response, parts);
+    return response;
   }
   std::string Register(int cseq, const std::string& rest, int status, const Parts& parts = {}) {
     return Ask(Request(cseq, rest), status, parts);

@@ -28,20 +28,20 @@ TEST(RegistrarTest, BindingsFollowTheOrderOfRequestsAndExpire) {
   service.Register(6, "", 200, {":7001>", ":7002>", "!:7003>"});
   service.Register(6, gone, 200, {"!:7001>", ":7002>"});
   service.Register(7, star, 200, {"!Contact"});
-  // Short wishes are refused; what is granted ends.
+  // A short expiry is refused; what is granted expires.
   service.Register(8, tablet + "1\r\n", 423, {"Min-Expires: 2\r\n"});
   service.Register(9, tablet + "2\r\n", 200, {":7003>;expires=2"});
   service.registrar.Advance(2s);
   service.Register(10, "", 200, {"!Contact"});
 }
 
-TEST(RegistrarTest, RetransmissionsAndScriptedAnswers) {
+TEST(RegistrarTest, RetransmissionsAndScriptedResponses) {
   Service service;
   const std::string first = service.Request(1, kPhone);
-  const std::string answer = service.Ask(first, 200);
-  EXPECT_EQ(service.Ask(first, 200), answer);  // the To tag included
+  const std::string response = service.Ask(first, 200);
+  EXPECT_EQ(service.Ask(first, 200), response);  // the To tag included
 
-  // While the answer waits a retransmission gets nothing; then both copies come.
+  // While the response is delayed a retransmission gets nothing; then both copies come.
   registrar::Script script;
   script.delay = 500ms;
   script.copies = 2;
@@ -67,7 +67,7 @@ TEST(RegistrarTest, RetransmissionsAndScriptedAnswers) {
   EXPECT_TRUE(counters.requests == 4 && counters.retransmissions == 3);
 }
 
-TEST(RegistrarTest, AnswersGoWhereTheViaSaysAndStrangersAreTurnedAway) {
+TEST(RegistrarTest, ResponsesGoWhereTheViaSaysAndStrangersAreTurnedAway) {
   Service service;
   for (const char* text : {"\r\n\r\n", "REGISTER sip:a SIP/2.0\r\nVia: b\r\n\r\n", ""}) service.client.Send(text);
   service.Register(1, "", 200, {"rport=" + std::to_string(service.client.port())});

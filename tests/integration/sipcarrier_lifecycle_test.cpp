@@ -18,9 +18,9 @@ TEST_F(StackTest, StopWaitsForWhatIsInFlightChallengesIncluded) {
   peer.Send(ResponseTo(first, "401 Unauthorized"));
   EXPECT_TRUE(challenge->Wait() && challenge->status() == 401);
   Complete(peer, final);
-  const auto answered = Clock::now();
+  const auto responded = Clock::now();
   stopper.join();
-  EXPECT_LT(Clock::now() - answered, 30s) << "it waited on with nothing in flight";
+  EXPECT_LT(Clock::now() - responded, 30s) << "it waited on with nothing in flight";
 }
 
 TEST_F(StackTest, StopEndsWhatIsInFlightAtTheDeadline) {

@@ -1,5 +1,5 @@
 // Memory that runs out anywhere on the I/O and delivery threads: no crash, and every request has
-// one outcome; a request from outside that is lost is answered when it comes again.
+// one outcome; a request from outside that is lost gets its response when it comes again.
 #include "failing_new.h"
 #include "sipcarrier_peer.h"
 
@@ -40,21 +40,21 @@ class MemoryTest : public StackTest {
     return static_cast<int>(failing_new::Fail(0, 0));
   }
 
-  // A request from outside, sent until it is answered, while allocations first..last of those until then fail.
+  // A request from outside, sent until its response comes, while allocations first..last of those until then fail.
   int Served(const std::string& method, int first, int last) {
     const std::string endpoint = sipcarrier::LocalEndpoints().at(0);
     Peer client(AF_INET, std::stoi(endpoint.substr(endpoint.find(':') + 1)));
     const std::string request = method + " sip:a@b SIP/2.0\r\nVia: SIP/2.0/UDP h;rport;branch=z9hG4bK" +
                                 std::to_string(++names_) + "\r\nFrom: <sip:b@c>;tag=1\r\nTo: <sip:a@b>\r\n" +
                                 "Call-ID: c@" + std::string(64, 'h') + "\r\nCSeq: 7 " + method + "\r\n\r\n";
-    std::string answer;
-    for (int copy = 0; copy < 50 && answer.empty(); ++copy) {
+    std::string response;
+    for (int copy = 0; copy < 50 && response.empty(); ++copy) {
       if (copy == 0) failing_new::Fail(first, last);
       if (copy == 3) failing_new::Fail(0, 0);
       client.Send(request);
-      answer = client.Receive(copy > 3 ? 1s : 4ms);
+      response = client.Receive(copy > 3 ? 1s : 4ms);
     }
-    EXPECT_EQ(answer.substr(0, 11), method == "NOTIFY" ? "SIP/2.0 200" : "SIP/2.0 405") << first << " to " << last;
+    EXPECT_EQ(response.substr(0, 11), method == "NOTIFY" ? "SIP/2.0 200" : "SIP/2.0 405") << first << " to " << last;
     return static_cast<int>(failing_new::Fail(0, 0));
   }
 
@@ -79,7 +79,7 @@ TEST_F(MemoryTest, AnyAllocationOfARoadMayFailAloneOrWithAllThatFollow) {
   EXPECT_TRUE(Eventually([] { return sipcarrier::GetCounters().transactions == 0; }));
 }
 
-TEST_F(MemoryTest, ARequestThatIsLostIsAnsweredWhenItComesAgain) {
+TEST_F(MemoryTest, ARequestThatIsLostGetsItsResponseWhenItComesAgain) {
   Road(0, 0);  // from then on the I/O thread takes part
   ASSERT_TRUE(sipcarrier::SetRequestHandler("NOTIFY", [](auto /*request*/, auto id, const auto& /*local*/) {
     sipcarrier::Respond(id, 200, "OK", {{"X-Header", "long enough to need memory of its own"}});

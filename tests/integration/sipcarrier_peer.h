@@ -1,4 +1,4 @@
-// The other end of the stack in its tests: a bare UDP socket that answers by hand, and a record of
+// The other end of the stack in its tests: a bare UDP socket that a test responds with by hand, and a record of
 // outcomes.
 #pragma once
 
@@ -159,7 +159,7 @@ inline ResultPtr Send(std::unique_ptr<nsip_message> request, const sipcarrier::P
 }
 inline ResultPtr Send(const std::string& uri) { return Send(MakeRequest(uri)); }
 
-// Answers all that comes until this request has its outcome, once; the last one that came.
+// Responds to all that comes until this request has its outcome, once; the last request that came.
 inline std::string Complete(Peer& peer, const ResultPtr& result, bool any_outcome = false) {
   std::string last;
   for (const auto end = Clock::now() + 60s; result->calls == 0 && Clock::now() < end;) {
@@ -215,7 +215,7 @@ class Handler : public ISipStackEvent, public Notes {
 
 class StackTest : public testing::Test {
  protected:
-  // Timer F is 64 T1: at 100 ms a busy machine answers before it.
+  // Timer F is 64 T1: at 100 ms a busy machine responds before it.
   sipcarrier::Config Quick(milliseconds t1 = 100ms) {
     sipcarrier::Config config;
     config.local_address = "127.0.0.1";

@@ -1,4 +1,4 @@
-// Requests from outside: the server transaction of RFC 3261 §17.2.2, what matches, where answers go, and who handles
+// Requests from outside: the server transaction of RFC 3261 §17.2.2, what matches, where responses go, and who handles
 // what.
 #include "sipcarrier_peer.h"
 
@@ -41,10 +41,10 @@ class ServerTest : public StackTest {
   }
 
   std::atomic<int> calls_{0};
-  std::atomic<int> answer_{0};  // what the handler answers, 0: nothing
+  std::atomic<int> response_{0};  // the status that the handler responds with; 0: it does not
   std::atomic<ServerTransactionId> last_{0};
   const sipcarrier::RequestFn handler_ = [this](auto /*request*/, auto id, const auto& local) {
-    EXPECT_TRUE(local.port == port_ && (answer_ == 0 || sipcarrier::Respond(id, answer_, "Word")));
+    EXPECT_TRUE(local.port == port_ && (response_ == 0 || sipcarrier::Respond(id, response_, "Word")));
     last_ = id;
     ++calls_;
   };
@@ -54,7 +54,7 @@ class ServerTest : public StackTest {
 // clang-format off
 // In the tables OTHER is the port of a second socket, HOST and ADDR what both sockets have, SOURCE where the request
 // came from, as Via tells it.
-TEST_F(ServerTest, TheStackAnswersWhatNeedsNoHandlerAndNobodyButTheSource) {
+TEST_F(ServerTest, TheStackRespondsWhereNoHandlerIsNeededAndToTheSourceOnly) {
   const struct { const char *method, *via, *from, *to, *status, *part; bool to_other; } cases[] = {
       {"OPTIONS", "h;rport", "", "", "200 OK", "Allow: NOTIFY, OPTIONS\r\n", false},
       {"MESSAGE", "h;rport", "", "", "405 ", "Allow: NOTIFY, OPTIONS\r\n", false},
@@ -88,15 +88,15 @@ TEST_F(ServerTest, TheStackAnswersWhatNeedsNoHandlerAndNobodyButTheSource) {
       const std::string via = filled(c.via) + Branch() + "\r\nVia: SIP/2.0/UDP proxy;rport";
       const std::string request = Replaced(Request(c.method, via), c.from, c.to);
       peer.Send(request);
-      const std::string answer = (c.to_other ? other : peer).Receive();
-      EXPECT_TRUE(answer.starts_with("SIP/2.0 " + std::string(c.status))) << c.method << answer;
-      EXPECT_NE(answer.find(filled(c.part)), std::string::npos) << filled(c.part) << answer;
-      EXPECT_EQ(answer.find("received=") == std::string::npos, std::string(c.part).starts_with("HOST:OTHER;b"));
-      EXPECT_TRUE(HeaderLine(answer, "To").starts_with("<sip:alice@example.com>;tag=")) << answer;
-      for (auto name : {"From", "Call-ID", "CSeq"}) EXPECT_EQ(HeaderLine(answer, name), HeaderLine(request, name));
+      const std::string response = (c.to_other ? other : peer).Receive();
+      EXPECT_TRUE(response.starts_with("SIP/2.0 " + std::string(c.status))) << c.method << response;
+      EXPECT_NE(response.find(filled(c.part)), std::string::npos) << filled(c.part) << response;
+      EXPECT_EQ(response.find("received=") == std::string::npos, std::string(c.part).starts_with("HOST:OTHER;b"));
+      EXPECT_TRUE(HeaderLine(response, "To").starts_with("<sip:alice@example.com>;tag=")) << response;
+      for (auto name : {"From", "Call-ID", "CSeq"}) EXPECT_EQ(HeaderLine(response, name), HeaderLine(request, name));
       peer.Send(request);
-      EXPECT_EQ((c.to_other ? other : peer).Receive(), answer) << "a copy gets the same bytes";
-      EXPECT_EQ(Trace(true).back().text + Trace(false).back().text, answer + request);
+      EXPECT_EQ((c.to_other ? other : peer).Receive(), response) << "a copy gets the same bytes";
+      EXPECT_EQ(Trace(true).back().text + Trace(false).back().text, response + request);
     }
     EXPECT_EQ(GetCounters().dropped_stray, 1U) << "the ACK";
     sipcarrier::Stop(0ms);
@@ -104,7 +104,7 @@ TEST_F(ServerTest, TheStackAnswersWhatNeedsNoHandlerAndNobodyButTheSource) {
   EXPECT_EQ(calls_, 0);
 }
 
-TEST_F(ServerTest, ACopyIsAbsorbedUntilTheAnswerAndAnsweredUntilTimerJ) {
+TEST_F(ServerTest, ACopyIsAbsorbedAndThenGetsTheResponseUntilTimerJ) {
   Begin(20ms);
   Peer peer(AF_INET, port_);
   const std::string request = Notify();
@@ -117,14 +117,14 @@ TEST_F(ServerTest, ACopyIsAbsorbedUntilTheAnswerAndAnsweredUntilTimerJ) {
   EXPECT_FALSE(RespondThere(id, 200, "a", "no token"));
   const auto answered = Clock::now();
   EXPECT_TRUE(RespondThere(id, 200, "value", "mine"));
-  EXPECT_FALSE(RespondThere(id, 200)) << "answered already";
-  const std::string answer = peer.Receive();
-  EXPECT_EQ(HeaderLine(answer, "To") + HeaderLine(answer, "X-Mine"), "<sip:alice@example.com>;tag=minevalue");
-  EXPECT_EQ(Ask(peer, request), answer);
+  EXPECT_FALSE(RespondThere(id, 200)) << "a second response";
+  const std::string response = peer.Receive();
+  EXPECT_EQ(HeaderLine(response, "To") + HeaderLine(response, "X-Mine"), "<sip:alice@example.com>;tag=minevalue");
+  EXPECT_EQ(Ask(peer, request), response);
   ASSERT_TRUE(Eventually([] { return GetCounters().server_transactions == 0; }));
   EXPECT_GE(Clock::now() - answered, 1280ms);
   EXPECT_EQ(calls_, 1);
-  peer.Send(request);  // late: a new one; if nobody answers it ends as well
+  peer.Send(request);  // late: a new one; without a response it ends, too
   ASSERT_TRUE(Eventually([&] { return calls_ == 2; }));
   ASSERT_TRUE(Eventually([] { return GetCounters().server_transactions == 0; }));
   EXPECT_TRUE(last_ != id && !RespondThere(last_, 200));
@@ -143,18 +143,18 @@ TEST_F(ServerTest, BranchSentByAndMethodTellCopiesFromNewRequests) {
       {old, "sip:alice@h", "sip:carol@h", true}, {old, "ce@example.com>", "ce@example.com>;tag=3", true},
   };
   for (const auto& c : cases) {
-    const std::string answer = Ask(peer, c.first);
+    const std::string response = Ask(peer, c.first);
     const std::string second = Ask(peer, Replaced(c.first, c.from, c.to));
-    EXPECT_TRUE(second.starts_with("SIP/2.0 200") && (second != answer) == c.fresh) << c.from << " " << c.to;
+    EXPECT_TRUE(second.starts_with("SIP/2.0 200") && (second != response) == c.fresh) << c.from << " " << c.to;
   }
 }
 
-TEST_F(ServerTest, AFloodHoldsNoMoreThanItsShareAndTheAnsweredMakeRoom) {
+TEST_F(ServerTest, AFloodHoldsNoMoreThanItsShareAndThoseWithAResponseMakeRoom) {
   Begin(500ms);
   Peer peer(AF_INET, port_);
   std::uint64_t taken = 0;
-  const auto flood = [&](std::uint64_t count, int answer) {
-    answer_ = answer;
+  const auto flood = [&](std::uint64_t count, int status) {
+    response_ = status;
     for (const auto end = taken + count; taken < end;) {
       peer.Send(Notify());
       if (++taken % 64 == 0 || taken == end) Received(taken);
@@ -162,12 +162,12 @@ TEST_F(ServerTest, AFloodHoldsNoMoreThanItsShareAndTheAnsweredMakeRoom) {
     return GetCounters().dropped_overload;
   };
   flood(64, 200);
-  EXPECT_EQ(flood(4096, 0), 0U) << "answered ones should have made room";
+  EXPECT_EQ(flood(4096, 0), 0U) << "those with a response should have made room";
   EXPECT_EQ(flood(64, 0), 64U);
   EXPECT_TRUE(RespondThere(last_, 200));
   EXPECT_EQ(flood(1, 0), 64U);
   EXPECT_EQ(GetCounters().server_transactions, 4096U);
-  // What an answer would repeat is bounded as well; and nobody waits for what cannot be read.
+  // What a response would repeat is bounded, too; and no place is kept for what cannot be read.
   for (const auto& text : {Replaced(Notify(), "c@", std::string(5000, 'c') + "@"), Replaced(Notify(), "th: 0", "th: 9"),
                            Replaced(Notify(), "7 NOTIFY", "7 INFO")}) {
     peer.Send(text);

@@ -52,39 +52,39 @@ TEST_F(StackTest, AProvisionalResponseSlowsRetransmissionAndGoesNoFurther) {
   Complete(peer, result);
 }
 
-TEST_F(StackTest, OnlyTheOneWhoWasAskedCanAnswerAndOnceUntilTimerK) {
+TEST_F(StackTest, OnlyTheOneWhoWasAskedCanRespondAndOnceUntilTimerK) {
   auto config = Quick(500ms);
   config.t4 = 1s;
   StartWith(config);
   Peer peer;
   const auto result = Send(UriOf(peer));
   const std::string request = peer.Receive();
-  const std::string answer = ResponseTo(request, "403 Forbidden");
+  const std::string response = ResponseTo(request, "403 Forbidden");
   const std::string via = HeaderLine(request, "Via");
   const std::string endpoint = sipcarrier::LocalEndpoints().at(0);
   const std::vector<std::string> strays = {
-      Replaced(answer, "branch=z9hG4bK", "branch=z9hG4bKx"),
-      Replaced(answer, "7 REGISTER", "7 OPTIONS"),
-      Replaced(answer, endpoint, "127.0.0.2" + endpoint.substr(endpoint.find(':'))),
-      Replaced(answer, endpoint, "127.0.0.1:1"),
-      Replaced(answer, endpoint, "127.0.0.1"),
-      Replaced(answer, "Via: " + via, "Via: " + via + "\r\nVia: " + via),
-      Replaced(answer, via.substr(via.find(";branch")), ";rport"),
+      Replaced(response, "branch=z9hG4bK", "branch=z9hG4bKx"),
+      Replaced(response, "7 REGISTER", "7 OPTIONS"),
+      Replaced(response, endpoint, "127.0.0.2" + endpoint.substr(endpoint.find(':'))),
+      Replaced(response, endpoint, "127.0.0.1:1"),
+      Replaced(response, endpoint, "127.0.0.1"),
+      Replaced(response, "Via: " + via, "Via: " + via + "\r\nVia: " + via),
+      Replaced(response, via.substr(via.find(";branch")), ";rport"),
       Replaced(Replaced(request, "REGISTER sip", "ACK sip"), "7 REGISTER", "7 ACK"),
   };
   for (const auto& stray : strays) peer.Send(stray);
-  for (const auto& garbage : {answer.substr(0, 99), std::string(1400, '\xff')}) peer.Send(garbage);
+  for (const auto& garbage : {response.substr(0, 99), std::string(1400, '\xff')}) peer.Send(garbage);
   ASSERT_TRUE(Received(strays.size() + 2));
   EXPECT_EQ(GetCounters().dropped_stray, strays.size());
   EXPECT_EQ(GetCounters().dropped_garbage, 2U);
   EXPECT_EQ(result->calls, 0);
   // RFC 3581 §4: a server fills rport and adds received; the sent-by stays.
-  const auto answered = Clock::now();
-  for (int i = 0; i < 3; ++i) peer.Send(Replaced(answer, ";rport", ";received=192.0.2.7;rport=9"));
+  const auto responded = Clock::now();
+  for (int i = 0; i < 3; ++i) peer.Send(Replaced(response, ";rport", ";received=192.0.2.7;rport=9"));
   ASSERT_TRUE(Eventually([] { return GetCounters().transactions == 0; }));
-  EXPECT_GE(Clock::now() - answered, 1s);
+  EXPECT_GE(Clock::now() - responded, 1s);
   EXPECT_EQ(GetCounters().dropped_stray, strays.size()) << "copies are absorbed";
-  peer.Send(answer);
+  peer.Send(response);
   EXPECT_TRUE(Eventually([&] { return GetCounters().dropped_stray == strays.size() + 1; }));
   EXPECT_TRUE(result->calls == 1 && result->status() == 403);
 }

@@ -23,7 +23,7 @@ const Masking kRequests[] = {
     {"Authorization", "Basic YWxpY2U6c2VjcmV0", "Basic ***"},
     {"X-Note", R"(response="kept", cnonce="kept")", R"(response="kept", cnonce="kept")"},
 };
-const Masking kAnswers[] = {
+const Masking kResponses[] = {
     {"Authentication-Info", R"(nextnonce="secret", qop=auth, rspauth="secret", cnonce="secret")",
                             R"(nextnonce="***", qop=auth, rspauth="***", cnonce="***")"},
     {"AUTHENTICATION-INFO ", "qop=auth,\r\n nextnonce\r\n = \"secret\",\r\n\trspauth=secret",
@@ -59,11 +59,12 @@ TEST_F(StackTest, TheTraceMasksTheSecretsAndNothingElse) {
   }
 
   const auto result = Send(UriOf(peer));
-  const std::string answer = ResponseTo(peer.Receive(), "200 OK");
+  const std::string response = ResponseTo(peer.Receive(), "200 OK");
   std::size_t before = Trace(false).size();
-  for (const Masking& c : kAnswers) {
+  for (const Masking& c : kResponses) {
     const auto with = [&](const char* value) {
-      return Replaced(answer, "\r\nContent-Length", "\r\n" + std::string(c.name) + ": " + value + "\r\nContent-Length");
+      return Replaced(response, "\r\nContent-Length",
+                      "\r\n" + std::string(c.name) + ": " + value + "\r\nContent-Length");
     };
     peer.Send(with(c.value));
     ASSERT_TRUE(Eventually([&] { return Trace(false).size() > before; })) << c.value;

@@ -17,7 +17,7 @@ class Listener final : public sivra::SubscriptionListener, public Notes {
  public:
   using Action = std::function<void(long id)>;
   explicit Listener(Action action = nullptr, bool failing = false) : action_(std::move(action)), failing_(failing) {}
-  void OnNotify(long id, const std::string& body, bool anew) override { Hear(id, (anew ? "new " : "") + body); }
+  void OnNotify(long id, const std::string& body, bool fresh) override { Hear(id, (fresh ? "new " : "") + body); }
   void OnEnd(long id, int status, const std::string& reason) override {
     Hear(id, "end " + std::to_string(status) + " " + reason);
   }
@@ -42,15 +42,15 @@ class Notifier {
 
   // The next SUBSCRIBE, retransmissions aside; empty when none came in time.
   std::string Request(milliseconds wait = 10s) { return Take(requests_, wait); }
-  // Header lines end with \r\n. Answers a request that makes a dialog with this tag.
-  void Answer(const std::string& request, const std::string& status, const std::string& headers = "",
-              const std::string& tag = "n1") {
+  // Header lines end with \r\n. The response to a request that makes a dialog has this tag.
+  void Respond(const std::string& request, const std::string& status, const std::string& headers = "",
+               const std::string& tag = "n1") {
     const std::string text = ResponseTo(request, status, headers);
     const std::string to = "To: " + HeaderLine(request, "To");
-    peer_.Send(answer_ = Has(to, ";tag=") ? text : Replaced(text, to, to + ";tag=" + tag));
+    peer_.Send(response_ = Has(to, ";tag=") ? text : Replaced(text, to, to + ";tag=" + tag));
   }
   void Accept(const std::string& request, const std::string& expires = "3600") {
-    Answer(request, "200 OK", "Expires: " + expires + "\r\nContact: <sip:n@" + Place() + ">\r\n");
+    Respond(request, "200 OK", "Expires: " + expires + "\r\nContact: <sip:n@" + Place() + ">\r\n");
   }
   // A NOTIFY in the dialog of this SUBSCRIBE, with From tag n1.
   std::string Notify(const std::string& request, const std::string& state, const std::string& body = "", int cseq = 0) {
@@ -64,10 +64,10 @@ class Notifier {
            "\r\nContent-Type: application/reginfo+xml\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
            body;
   }
-  // Sends it; its answer.
+  // Sends it; its response.
   std::string Ask(const std::string& notify, milliseconds wait = 10s) {
     peer_.Send(notify);
-    return Take(answers_, wait);
+    return Take(responses_, wait);
   }
   void Tell(const std::string& request, const std::string& state, const std::string& body = "") {
     EXPECT_EQ(StartLine(Ask(Notify(request, state, body))), "SIP/2.0 200 OK");
@@ -79,12 +79,12 @@ class Notifier {
     while (queue.empty() && Clock::now() < end) {
       const std::string text = peer_.Receive(std::chrono::ceil<milliseconds>(end - Clock::now()));
       if (text.empty()) continue;
-      // A request has a branch of its own, an answer that of the NOTIFY.
+      // A request has a branch of its own, a response that of the NOTIFY.
       if (!seen_.insert(text.substr(0, 4) + HeaderLine(text, "Via")).second) {
-        if (text.starts_with("SUBSCRIBE ")) peer_.Send(answer_);
+        if (text.starts_with("SUBSCRIBE ")) peer_.Send(response_);
         continue;
       }
-      (text.starts_with("SIP/2.0") ? answers_ : requests_).push_back(text);
+      (text.starts_with("SIP/2.0") ? responses_ : requests_).push_back(text);
     }
     const std::string text = queue.empty() ? "" : queue.front();
     if (!queue.empty()) queue.pop_front();
@@ -93,8 +93,8 @@ class Notifier {
 
   Peer peer_;
   std::set<std::string> seen_;
-  std::string answer_;  // the last, for copies
-  std::deque<std::string> requests_, answers_;
+  std::string response_;  // the last, for copies
+  std::deque<std::string> requests_, responses_;
   int branches_ = 0;
   int cseq_ = 0;
 };
@@ -128,16 +128,16 @@ class SubscriptionTest : public StackTest {
     return notifier_.Request();
   }
   // The next SUBSCRIBE, of the old one's dialog or of one of its own.
-  std::string NextOf(const std::string& old, bool anew) {
+  std::string NextOf(const std::string& old, bool fresh) {
     std::string request = notifier_.Request();
-    EXPECT_EQ(HeaderLine(request, "Call-ID") != HeaderLine(old, "Call-ID"), anew) << request;
-    EXPECT_EQ(request.starts_with("SUBSCRIBE ") && !Has(HeaderLine(request, "To"), ";tag="), anew) << request;
+    EXPECT_EQ(HeaderLine(request, "Call-ID") != HeaderLine(old, "Call-ID"), fresh) << request;
+    EXPECT_EQ(request.starts_with("SUBSCRIBE ") && !Has(HeaderLine(request, "To"), ";tag="), fresh) << request;
     return request;
   }
-  std::string NextAnew(const std::string& old) { return NextOf(old, true); }
-  void ExpectAnswer(const std::string& notify, const std::string& status, const std::string& line = "CSeq") {
-    const std::string answer = notifier_.Ask(notify);
-    EXPECT_TRUE(answer.starts_with("SIP/2.0 " + status) && Has(answer, "\r\n" + line)) << answer << notify;
+  std::string NextNew(const std::string& old) { return NextOf(old, true); }
+  void ExpectResponse(const std::string& notify, const std::string& status, const std::string& line = "CSeq") {
+    const std::string response = notifier_.Ask(notify);
+    EXPECT_TRUE(response.starts_with("SIP/2.0 " + status) && Has(response, "\r\n" + line)) << response << notify;
   }
 
   Notifier notifier_;
@@ -158,21 +158,21 @@ class WholeSubscriptionTest : public SubscriptionTest {
     dialog_ = HeaderLine(request_, "From") + HeaderLine(request_, "Call-ID");
   }
   void IsAuthorisedWhenChallenged() {
-    notifier_.Answer(request_, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
+    notifier_.Respond(request_, "401 Unauthorized", "WWW-Authenticate: Digest realm=r,nonce=n1,qop=\"auth\"\r\n", "x");
     request_ = notifier_.Request();
     EXPECT_TRUE(Has(HeaderLine(request_, "Authorization"), "nonce=\"n1\"")) << request_;
   }
   void IsAskedForLongerWhenTooBrief() {
-    notifier_.Answer(request_, "423 Interval Too Brief", "Min-Expires: 700\r\n", "y");
+    notifier_.Respond(request_, "423 Interval Too Brief", "Min-Expires: 700\r\n", "y");
     request_ = notifier_.Request();
     EXPECT_EQ(HeaderLine(request_, "Expires") + HeaderLine(request_, "CSeq"), "7003 SUBSCRIBE");
   }
   // For one second, with a route set and a Contact that the NOTIFY's will replace.
   void IsGrantedAndTold() {
     granted_ = Clock::now();
-    notifier_.Answer(request_, "200 OK",
-                     "Expires: 1\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: " + route_ +
-                         ";n=2>, " + route_ + ";n=1>\r\n");
+    notifier_.Respond(request_, "200 OK",
+                      "Expires: 1\r\nContact: <sip:n@far.example;method=REFER?h=1>\r\nRecord-Route: " + route_ +
+                          ";n=2>, " + route_ + ";n=1>\r\n");
     notifier_.Tell(request_, "active;expires=1", "first");
     notifier_.Tell(request_, "active;expires=1");
     EXPECT_EQ(listener_->Next(), "new first");
@@ -186,12 +186,12 @@ class WholeSubscriptionTest : public SubscriptionTest {
     EXPECT_EQ(HeaderLine(request_, "From") + HeaderLine(request_, "Call-ID"), dialog_);
     EXPECT_EQ(HeaderLine(request_, "CSeq") + HeaderLine(request_, "Expires"), "4 SUBSCRIBE700");
     EXPECT_TRUE(Has(HeaderLine(request_, "Authorization"), "nc=00000003")) << request_;
-    notifier_.Answer(request_, "200 OK", "Expires: 600\r\n");
+    notifier_.Respond(request_, "200 OK", "Expires: 600\r\n");
   }
   void IsEndedWithExpiryZeroThoughChallenged() {
     EXPECT_TRUE(sivra::Unsubscribe(id_));
-    notifier_.Answer(notifier_.Request(), "401 Unauthorized",
-                     "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
+    notifier_.Respond(notifier_.Request(), "401 Unauthorized",
+                      "WWW-Authenticate: Digest realm=r,nonce=n2,stale=true\r\n");
     request_ = notifier_.Request();
     EXPECT_EQ(HeaderLine(request_, "Expires"), "0");
     notifier_.Accept(request_, "0");
@@ -205,7 +205,7 @@ class WholeSubscriptionTest : public SubscriptionTest {
   }
   void IsKnownNoMore() {
     EXPECT_FALSE(sivra::Unsubscribe(id_) || sivra::RefreshSubscription(id_));
-    ExpectAnswer(notifier_.Notify(request_, "active"), "481");
+    ExpectResponse(notifier_.Notify(request_, "active"), "481");
   }
 
  private:
@@ -226,15 +226,15 @@ TEST_F(WholeSubscriptionTest, FromTheFirstRequestToTheLastNotify) {
   IsKnownNoMore();
 }
 
-TEST_F(SubscriptionTest, ANotifyBeforeTheAnswerMakesTheDialogAndOtherForksHaveNone) {
+TEST_F(SubscriptionTest, ANotifyBeforeTheResponseMakesTheDialogAndOtherForksHaveNone) {
   std::string request = Begin();
   const std::string router = "sip:" + notifier_.Place();
-  ExpectAnswer(Replaced(notifier_.Notify(request, "active", "first"), "CSeq",
-                        "Record-Route: <" + router + ";r=1>,<" + router + ";r=2;lr>\r\nCSeq"),
-               "200");
+  ExpectResponse(Replaced(notifier_.Notify(request, "active", "first"), "CSeq",
+                          "Record-Route: <" + router + ";r=1>,<" + router + ";r=2;lr>\r\nCSeq"),
+                 "200");
   EXPECT_EQ(listener_->Next(), "new first");
-  ExpectAnswer(Replaced(notifier_.Notify(request, "terminated;reason=rejected", "fork"), "tag=n1", "tag=n2"), "481");
-  notifier_.Answer(request, "200 OK", "Expires: 1\r\nContact: <sip:fork@127.0.0.1:9>\r\n", "n2");
+  ExpectResponse(Replaced(notifier_.Notify(request, "terminated;reason=rejected", "fork"), "tag=n1", "tag=n2"), "481");
+  notifier_.Respond(request, "200 OK", "Expires: 1\r\nContact: <sip:fork@127.0.0.1:9>\r\n", "n2");
   // A strict router stands in the Request-URI, the target behind the other routers.
   request = notifier_.Request();
   EXPECT_EQ(StartLine(request), "SUBSCRIBE " + router + ";r=1 SIP/2.0");
@@ -246,7 +246,7 @@ TEST_F(SubscriptionTest, ANotifyBeforeTheAnswerMakesTheDialogAndOtherForksHaveNo
 TEST_F(SubscriptionTest, NotifiesThatAreRefusedChangeNothingAndALateOneHasTheFullStateAskedFor) {
   const std::string request = Establish();
   // clang-format off
-  const struct { const char *from, *to, *answer, *line = "CSeq: 100 NOTIFY"; } cases[] = {
+  const struct { const char *from, *to, *response, *line = "CSeq: 100 NOTIFY"; } cases[] = {
       {"Call-ID: ", "Call-ID: x", "481"}, {"To: ", "To: <sip:alice@a>;tag=x\r\nX: ", "481"},
       {";tag=n1", ";tag=n2", "481"}, {";tag=n1", "", "481"}, {"Event: reg", "Event: reg;id=1", "481"},
       {"Event: reg", "X: reg", "489", "Allow-Events: reg"}, {"Event: reg", "Event: Reg", "489", "Allow-Events: reg"},
@@ -258,21 +258,21 @@ TEST_F(SubscriptionTest, NotifiesThatAreRefusedChangeNothingAndALateOneHasTheFul
   // clang-format on
   for (const auto& c : cases) {
     const std::string notify = notifier_.Notify(request, "terminated;reason=rejected", "foreign", 100);
-    ExpectAnswer(Replaced(notify, c.from, c.to), c.answer, c.line);
+    ExpectResponse(Replaced(notify, c.from, c.to), c.response, c.line);
   }
-  ExpectAnswer(Replaced(notifier_.Notify(request, "pending", "fine", 7), "Content-Type: application/reginfo",
-                        "Content-Encoding: Identity\r\nc: Application/RegInfo"),
-               "200");
+  ExpectResponse(Replaced(notifier_.Notify(request, "pending", "fine", 7), "Content-Type: application/reginfo",
+                          "Content-Encoding: Identity\r\nc: Application/RegInfo"),
+                 "200");
   EXPECT_EQ(listener_->Next(), "fine");
   EXPECT_EQ(notifier_.Request(50ms), "");
-  ExpectAnswer(notifier_.Notify(request, "active", "old", 6), "500");
+  ExpectResponse(notifier_.Notify(request, "active", "old", 6), "500");
   EXPECT_EQ(HeaderLine(NextOf(request, false), "Expires"), "600");
   EXPECT_EQ(listener_->Next(0ms), "");
 }
 
-TEST_F(SubscriptionTest, WhatEndsItAndWhatIsMadeAnew) {
-  enum How { kNotify, kAnswer, kRefreshAnswer };
-  // By a Subscription-State or a status line, headers behind it; an end, or null: made anew.
+TEST_F(SubscriptionTest, WhatEndsItAndWhatIsMadeAgain) {
+  enum How { kNotify, kResponse, kRefreshResponse };
+  // By a Subscription-State or a status line, headers behind it; an end, or null: made again.
   // clang-format off
   const struct { How how; const char *by, *end; milliseconds after = 0ms; } cases[] = {
       {kNotify, "terminated;reason=rejected", "end 0 rejected"},
@@ -283,33 +283,33 @@ TEST_F(SubscriptionTest, WhatEndsItAndWhatIsMadeAnew) {
       {kNotify, "terminated;reason=probation;retry-after=1", nullptr, 1s},
       {kNotify, "terminated;reason=probation", nullptr, 30ms}, {kNotify, "terminated;reason=giveup", nullptr, 30ms},
       {kNotify, "active;expires=0", nullptr},
-      {kAnswer, "403 No", "end 403 No"}, {kAnswer, "423 No\r\nMin-Expires: 1", "end 423 No"},
-      {kAnswer, "489 No", "end 489 No"}, 
-      {kAnswer, "480 Later", nullptr, 30ms}, {kAnswer, "503 Later", nullptr, 30ms},
-      {kRefreshAnswer, "481 Gone", nullptr}, {kRefreshAnswer, "408 Gone", nullptr, 30ms},
-      {kRefreshAnswer, "404 Gone", nullptr, 30ms}, {kRefreshAnswer, "200 OK\r\nExpires: 0", nullptr},
+      {kResponse, "403 No", "end 403 No"}, {kResponse, "423 No\r\nMin-Expires: 1", "end 423 No"},
+      {kResponse, "489 No", "end 489 No"}, 
+      {kResponse, "480 Later", nullptr, 30ms}, {kResponse, "503 Later", nullptr, 30ms},
+      {kRefreshResponse, "481 Gone", nullptr}, {kRefreshResponse, "408 Gone", nullptr, 30ms},
+      {kRefreshResponse, "404 Gone", nullptr, 30ms}, {kRefreshResponse, "200 OK\r\nExpires: 0", nullptr},
   };
   // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.by);
-    std::string request = c.how == kAnswer ? Begin() : Establish();
+    std::string request = c.how == kResponse ? Begin() : Establish();
     const auto before = Clock::now();
     if (c.how == kNotify) {
       notifier_.Tell(request, c.by);
     } else {
-      EXPECT_TRUE(c.how == kAnswer || sivra::RefreshSubscription(id_));
-      notifier_.Answer(c.how == kAnswer ? request : notifier_.Request(), c.by);
+      EXPECT_TRUE(c.how == kResponse || sivra::RefreshSubscription(id_));
+      notifier_.Respond(c.how == kResponse ? request : notifier_.Request(), c.by);
     }
     if (c.end != nullptr) {
       EXPECT_EQ(listener_->Next(), c.end);
       EXPECT_EQ(sivra::SubscriptionCount(), 0U);
       continue;
     }
-    request = NextAnew(request);
+    request = NextNew(request);
     EXPECT_GE(Clock::now() - before, c.after);
     EXPECT_LT(Clock::now() - before, c.after + 5s);
     EXPECT_TRUE(sivra::Unsubscribe(id_));
-    notifier_.Answer(request, "500 x");
+    notifier_.Respond(request, "500 x");
     EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
   }
 }
@@ -319,12 +319,12 @@ TEST_F(SubscriptionTest, ShortenedItIsRefreshedEarlierAndARefusalLeavesWhatWasGr
   notifier_.Tell(request, "active;expires=1");
   for (const char* refusal : {"403 No", "500 Down", "503 Later\r\nRetry-After: 1"}) {
     request = NextOf(request, false);
-    notifier_.Answer(request, refusal);
+    notifier_.Respond(request, refusal);
     notifier_.Tell(request, "active", "still");
     EXPECT_EQ(listener_->Next(), "still");
   }
   const auto refused = Clock::now();
-  NextAnew(request);
+  NextNew(request);
   EXPECT_GT(Clock::now() - refused, 950ms) << "the time that was asked for outlives the grant";
   // A goodbye that was wanted while such a refresh was under way is said all the same.
   request = Establish();
@@ -332,29 +332,29 @@ TEST_F(SubscriptionTest, ShortenedItIsRefreshedEarlierAndARefusalLeavesWhatWasGr
   request = NextOf(request, false);
   EXPECT_TRUE(sivra::Unsubscribe(id_));
   EXPECT_EQ(notifier_.Request(30ms), "");
-  notifier_.Answer(request, "503 Down");
+  notifier_.Respond(request, "503 Down");
   EXPECT_EQ(HeaderLine(NextOf(request, false), "Expires"), "0");
 }
 
 TEST_F(SubscriptionTest, SilenceLosesTheDialogAndPausesGrow) {
   StartStack(5ms);
-  std::string request = NextAnew(Begin());  // no answer at all
+  std::string request = NextNew(Begin());  // no response at all
   notifier_.Accept(request);
-  request = NextAnew(request);  // an answer, but no NOTIFY
+  request = NextNew(request);  // a response, but no NOTIFY
   auto last = Clock::now();
   for (int i = 0; i < 3; ++i) {  // 40 ms and more, doubled each time, a quarter up or down
-    notifier_.Answer(request, "503 Down");
-    request = NextAnew(request);
+    notifier_.Respond(request, "503 Down");
+    request = NextNew(request);
     EXPECT_GE(Clock::now() - last, 30ms * (1 << i));
     last = Clock::now();
   }
-  // A goodbye that nobody answers ends, too, and one that waits has nothing to say.
+  // A SUBSCRIBE with expiry 0 that gets no response ends, too; a subscription between two dialogs sends none.
   notifier_.Accept(request);
   notifier_.Tell(request, "active");
   EXPECT_TRUE(sivra::Unsubscribe(id_));
   EXPECT_EQ(HeaderLine(notifier_.Request(), "Expires"), "0");
   EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
-  notifier_.Answer(Begin(), "404 Later\r\nRetry-After: 100 (soon);duration=9");
+  notifier_.Respond(Begin(), "404 Later\r\nRetry-After: 100 (soon);duration=9");
   EXPECT_EQ(notifier_.Request(100ms), "");
   EXPECT_TRUE(sivra::Unsubscribe(id_));
   EXPECT_EQ(listener_->Next(), "end 0 unsubscribed");
@@ -440,7 +440,7 @@ TEST_F(SubscriptionTest, AForgottenListenerHearsNothingMore) {
   EXPECT_EQ(listener_->seen().size(), 1U);
 }
 
-// One allocation of the I/O thread after the other fails: the wish outlives it, and ends as asked.
+// One allocation of the I/O thread after the other fails: the subscription outlives it, and ends when it is told to.
 TEST_F(SubscriptionTest, MemoryThatRunsOut) {
   StartStack(1ms);
   ASSERT_TRUE(sipcarrier::RunOnIoThread([] { failing_new::TakePart(true); }));
@@ -466,12 +466,12 @@ TEST_F(SubscriptionTest, MemoryThatRunsOut) {
     const long taken = failing_new::Fail(0, 0);
     if (n == 0) normal = taken;
     while (sivra::Unsubscribe(id_)) {
-      if (const std::string goodbye = notifier_.Request(2ms); !goodbye.empty()) notifier_.Answer(goodbye, "481 Gone");
+      if (const std::string last = notifier_.Request(2ms); !last.empty()) notifier_.Respond(last, "481 Gone");
     }
   }
   EXPECT_TRUE(Eventually([] { return sivra::SubscriptionCount() == 0; }));
   EXPECT_GT(normal, 50);
-  EXPECT_LE(ends, 1) << "a wish outlives all but the want of its first timer";
+  EXPECT_LE(ends, 1) << "a subscription outlives all but the want of its first timer";
 }
 
 }  // namespace

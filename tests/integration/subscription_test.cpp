@@ -70,11 +70,11 @@ struct Live {
   LiveComponent component;
 };
 
-int Command(int id, const std::string& document, std::string* answer = nullptr) {
+int Command(int id, const std::string& document, std::string* result_document = nullptr) {
   CXML in, out;
   in.SetDoc(document);
   const int result = XSExecuteCommand(bus::subscription::kIdentity, id, &in, &out);
-  if (answer != nullptr) *answer = out.GetDoc();
+  if (result_document != nullptr) *result_document = out.GetDoc();
   return result;
 }
 
@@ -91,20 +91,20 @@ TEST(SubscriptionTest, TheServicesCommands) {
        {std::string(), std::string("<sub/>"), std::string("<reg><to>" + aor + "</to></reg>"),
         subscribe(aor, "presence", "3761"), subscribe(aor, "reg", "0"), subscribe(aor, "reg", "-1"),
         subscribe("", "reg", "3761"), subscribe("tel:1", "reg", "3761"), subscribe(aor + "\r\nX: y", "reg", "3761")}) {
-    std::string answer;
-    EXPECT_EQ(Command(2, bad, &answer), -1) << bad;
-    EXPECT_EQ(answer, "");
+    std::string document;
+    EXPECT_EQ(Command(2, bad, &document), -1) << bad;
+    EXPECT_EQ(document, "");
     EXPECT_EQ(Command(3, bad), -1);
   }
   EXPECT_EQ(Command(9, good), -1);
   EXPECT_EQ(XSExecuteCommand(bus::subscription::kIdentity, 2, nullptr, nullptr), -1);
   EXPECT_EQ(sivra::SubscriptionCount(), 0U);
 
-  std::string answer;
-  EXPECT_EQ(Command(2, good, &answer), 0);
-  EXPECT_EQ(answer, "<sub><id>1</id></sub>");
+  std::string document;
+  EXPECT_EQ(Command(2, good, &document), 0);
+  EXPECT_EQ(document, "<sub><id>1</id></sub>");
   // The same address of record in another spelling: the former dialog ends, the other one stays.
-  EXPECT_EQ(Command(2, subscribe("Alice &lt;" + Replaced(aor, "alice", "%61lice") + "&gt;", "reg", "3761"), &answer),
+  EXPECT_EQ(Command(2, subscribe("Alice &lt;" + Replaced(aor, "alice", "%61lice") + "&gt;", "reg", "3761"), &document),
             0);
   EXPECT_TRUE(Await("1003 1 SUB_STOP"));
   EXPECT_TRUE(Eventually([&] { return service.registrar.Subscriptions().size() == 1; }));
@@ -243,7 +243,7 @@ TEST(SubscriptionTest, TheRegistrarsOrdersReachTheClient) {
   }
 }
 
-// Every fourth ask is refused, the other answers are late; half of the registrations end by then.
+// Every fourth command to the service is refused, the other results are late; half of the registrations end meanwhile.
 TEST(SubscriptionTest, TwoHundredAtOnceWithALateService) {
   Service service;
   registrar::Registrar& registrar = service.registrar;
@@ -258,7 +258,7 @@ TEST(SubscriptionTest, TwoHundredAtOnceWithALateService) {
     if (request.sip_method == "SUBSCRIBE" && !Has(text, ";tag="))
       ++asked[std::stoi(text.substr(text.find("user") + 4))];
   });
-  for (const int delay : {1, 40, 190}) {  // of the registrar's answers, in turn
+  for (const int delay : {1, 40, 190}) {  // of the registrar's responses, in turn
     registrar::Script late;
     late.delay = std::chrono::milliseconds(delay);
     late.repeat = 25;

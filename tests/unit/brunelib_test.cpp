@@ -49,7 +49,7 @@ class BusTest : public testing::Test {
   }
 };
 
-TEST_F(BusTest, LoadsTakesBackAndLoadsAnew) {
+TEST_F(BusTest, LoadsTakesBackAndLoadsAgain) {
   XSSubNotify("{A}", 1, &Record);
   XSSubNotify("{A}", 2, &Record);
   for (int round = 0; round < 2; ++round) {

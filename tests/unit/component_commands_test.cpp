@@ -34,12 +34,12 @@ TEST(ComponentCommands, InformationRecord) {
   EXPECT_EQ(record[126], 0);
 }
 
-TEST(ComponentCommands, DocumentsAndTheirAnswers) {
+TEST(ComponentCommands, DocumentsAndTheirResults) {
   struct Case {
     int command;
     const char* document;  // null: none
     int result;
-    std::string answer;  // $ for a new id
+    std::string written;  // $ for a new id
   };
   // clang-format off
   const Case cases[] = {
@@ -69,8 +69,8 @@ TEST(ComponentCommands, DocumentsAndTheirAnswers) {
     CXML out;
     if (c.document != nullptr) in.SetDoc(c.document);
     EXPECT_EQ(TOLVANE_XSCCmdCallBack(c.command, c.document != nullptr ? &in : nullptr, &out), c.result);
-    const bool made = c.answer == "$";
-    EXPECT_EQ(made ? out.GetDoc().substr(0, 21) : out.GetDoc(), made ? "<reg><ret>0</ret><id>" : c.answer);
+    const bool made = c.written == "$";
+    EXPECT_EQ(made ? out.GetDoc().substr(0, 21) : out.GetDoc(), made ? "<reg><ret>0</ret><id>" : c.written);
     EXPECT_EQ(door.sip.sent.size(), made ? 1u : 0u);
     EXPECT_EQ(door.sip.entries.size(), door.sip.sent.size());
     EXPECT_TRUE(!made || door.sip.sent[0].from == "sip:a@b");
@@ -122,15 +122,15 @@ TEST(ComponentCommands, DeregisteringInEveryWay) {
   EXPECT_EQ(door.Deregister(id, "<nosend>TrUe</nosend>").document, good);
   EXPECT_TRUE(door.SentExpiries().empty());
   EXPECT_EQ(door.Deregister(id).document, "");
-  door.sip.Answer(door.LastStackId(), 200);
+  door.sip.Respond(door.LastStackId(), 200);
   EXPECT_TRUE(door.Notifications().empty());
 
-  // The answer to the first REGISTER decides when it comes after the wish to leave.
+  // The response to the first REGISTER decides when it comes after the deregistration.
   id = door.Register(fakes::kAlice);
   EXPECT_EQ(door.Deregister(id, "<nosend>false</nosend>").document, good);
   EXPECT_EQ(door.SentExpiries(), (std::vector<int>{600, 0}));
   EXPECT_EQ(door.sip.sent.back().expires_header, "");
-  door.sip.Answer(door.LastStackId(), 200);
+  door.sip.Respond(door.LastStackId(), 200);
   EXPECT_EQ(door.Notifications().size(), 1u);
   EXPECT_EQ(door.Deregister(id).document, "");
 

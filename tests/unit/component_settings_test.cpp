@@ -31,7 +31,7 @@ class ComponentSettings : public testing::Test {
     Log(WorkDir::kLogOff);
     Configure("");
   }
-  // None of these commands writes an answer.
+  // None of these commands writes a document.
   int Give(int command, const std::string& document) {
     const fakes::Answer answer = door_.Command(command, document);
     EXPECT_EQ(answer.document, "");

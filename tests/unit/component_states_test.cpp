@@ -1,4 +1,4 @@
-// Every state against every kind of answer, through the front door: what the client hears, what
+// Every state against every kind of response, through the front door: what the client hears, what
 // leaves, and what becomes of the registration.
 
 #include <gtest/gtest.h>
@@ -108,7 +108,7 @@ const Kind kKinds[] = {
 };
 // clang-format on
 
-TEST(ComponentStates, EveryStateMeetsEveryAnswer) {
+TEST(ComponentStates, EveryStateMeetsEveryResponse) {
   for (const Kind& kind : kKinds) {
     for (const int status : kind.statuses) {
       for (int state = 0; state < kStates; ++state) {
@@ -118,14 +118,14 @@ TEST(ComponentStates, EveryStateMeetsEveryAnswer) {
         const int id = Reach(door, static_cast<State>(state));
         const long stack_id = door.LastStackId();
         door.sip.send_result = kind.send_result;
-        EXPECT_EQ(status < 0 ? door.sip.Error(stack_id, -status) : door.sip.Answer(stack_id, status, kind.headers), 0);
+        EXPECT_EQ(status < 0 ? door.sip.Error(stack_id, -status) : door.sip.Respond(stack_id, status, kind.headers), 0);
         door.Pump();
         Texts expected;
         if (*expect.notification != '\0') expected = {Fill(expect.notification, id, std::max(status, 0))};
         EXPECT_EQ(door.Notifications(), expected);
         EXPECT_EQ(door.SentExpiries(), expect.sent);
         EXPECT_EQ(Probe(door, id), expect.probe);
-        // What has ended has given its library entry back.
+        // What has ended has released its library entry.
         EXPECT_EQ(door.sip.entries.contains(stack_id), expect.probe == 'A' || expect.probe == 'D');
       }
     }
@@ -157,12 +157,12 @@ TEST(ComponentStates, AutoReregisterKeepsALostRegistration) {
   EXPECT_EQ(door.Notifications(), Texts{Fill(kSuccess, id)});
   // A refused refresh keeps it, but nothing leaves by itself; a command with the id brings it back, with what is
   // stored.
-  door.sip.Answer(door.LastStackId(), 503, "Retry-After: 30\r\n");
+  door.sip.Respond(door.LastStackId(), 503, "Retry-After: 30\r\n");
   EXPECT_EQ(door.Notifications(), Texts{Fill(kLostLater, id)});
   EXPECT_TRUE(door.SentIn(2000s).empty());
   EXPECT_EQ(door.Command(3, Fill("<reg><id>$</id></reg>", id)).document, Fill("<reg><ret>0</ret><id>$</id></reg>", id));
   EXPECT_EQ(door.SentExpiries(), Ints{600});
-  door.sip.Answer(door.LastStackId(), 200);
+  door.sip.Respond(door.LastStackId(), 200);
   EXPECT_EQ(door.Notifications(), Texts{Fill(kSuccess, id)});
 }
 
@@ -175,7 +175,7 @@ TEST(ComponentStates, WarningGoesToTheClient) {
   for (const auto& [header, expected] : cases) {
     FrontDoor door;
     door.Register(fakes::kAlice);
-    door.sip.Answer(door.LastStackId(), 403, header);
+    door.sip.Respond(door.LastStackId(), 403, header);
     EXPECT_NE(door.Notifications().at(0).find(expected), std::string::npos) << header;
   }
 }
@@ -236,13 +236,13 @@ TEST(ComponentStates, EventsReachTheirOwnRegistrationOnly) {
   }
   // In descending order, so that a scan in ascending order would find others first.
   for (auto it = stack_ids.rbegin(); it != stack_ids.rend(); ++it) {
-    door.sip.Answer(it->second, 200);
+    door.sip.Respond(it->second, 200);
     EXPECT_EQ(door.Notifications(), Texts{Fill(kSuccess, it->first)});
   }
   // Nobody's: of an entry that is gone, of one that never was, of an unknown kind, none at all.
   const auto [first, gone] = *stack_ids.begin();
   door.Deregister(first, "<nosend>true</nosend>");
-  for (const long nobody : {gone, 987654L}) door.sip.Answer(nobody, 403);
+  for (const long nobody : {gone, 987654L}) door.sip.Respond(nobody, 403);
   const auto [id, stack_id] = *stack_ids.rbegin();
   EXPECT_EQ(door.sip.Error(stack_id, 27), -1);
   EXPECT_EQ(door.sip.handler->OnStackEvent(nullptr), -1);

@@ -76,8 +76,8 @@ class Stage {
       stack_ids_[name] = door_.LastStackId();
     } else if (verb == "again") {
       door_.Register("<id>" + std::to_string(ids_.at(name)) + "</id>");
-    } else if (verb == "answer") {
-      door_.sip.Answer(stack_ids_.at(name), std::stoi(rest), rest.size() > 3 ? rest.substr(4) + "\r\n" : "");
+    } else if (verb == "respond") {
+      door_.sip.Respond(stack_ids_.at(name), std::stoi(rest), rest.size() > 3 ? rest.substr(4) + "\r\n" : "");
     } else if (verb == "timeout") {
       door_.sip.Error(stack_ids_.at(name), SIP_EVENT_REGISTER_TIMEOUT);
     } else if (verb == "deregister") {
@@ -87,7 +87,7 @@ class Stage {
            "<sub><id>" + name + "</id><event>reg</event><msgbody>" + CXML::Escape(Reginfo(words)) + "</msgbody></sub>");
     } else if (verb == "notify") {
       Tell(std::stoi(name, nullptr, 16), rest);
-    } else if (verb == "service") {  // answers the next subscribe so
+    } else if (verb == "service") {  // the result of the next subscribe
       door_.bus.answers.push_back(name == "refuses" ? "" : name);
     } else if (verb == "send") {  // the stack's result from now on
       door_.sip.send_result = std::stoi(name);
@@ -158,7 +158,7 @@ void Play(const Lines& transcript) {
 
 // First of all tests here, since it is about a process that has not subscribed yet.
 TEST(ComponentSub, ADesubscribeBeforeTheFirstSubscribeReachesNobody) {
-  Play({"==", "register a", "> REGISTER a 600", "deregister a", "> REGISTER a 0", "answer a 200",
+  Play({"==", "register a", "> REGISTER a 600", "deregister a", "> REGISTER a 0", "respond a 200",
         "> 1001 id=a result=0 uri="});
 }
 

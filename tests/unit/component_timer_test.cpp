@@ -25,8 +25,8 @@ std::string Alice(int expires, const std::string& refresh = "true") {
 }
 
 // On another thread, as the stack does it.
-void Answer(FrontDoor& door, int status) {
-  std::thread([&] { door.sip.Answer(door.LastStackId(), status); }).join();
+void Respond(FrontDoor& door, int status) {
+  std::thread([&] { door.sip.Respond(door.LastStackId(), status); }).join();
 }
 
 TEST(ComponentTimer, RefreshesForADay) {
@@ -42,12 +42,12 @@ TEST(ComponentTimer, RefreshesForADay) {
       ASSERT_TRUE(door.SentExpiries().empty()) << time;
       door.Jump(1ms);
       ASSERT_EQ(door.SentExpiries(), Ints{expires}) << time;
-      door.sip.Answer(door.LastStackId(), 200);
+      door.sip.Respond(door.LastStackId(), 200);
     }
     EXPECT_EQ(door.sip.sent.back().expires_header, std::to_string(expires));
     EXPECT_TRUE(door.Notifications().empty());  // refreshes are silent
   }
-  for (const std::string& none : {Alice(1), Alice(0), Alice(600, "TRUE")}) {  // without a period or the wish
+  for (const std::string& none : {Alice(1), Alice(0), Alice(600, "TRUE")}) {  // without a period, or not asked for
     FrontDoor door;
     door.Live(none);
     EXPECT_TRUE(door.SentIn(3600s).empty()) << none;
@@ -59,7 +59,7 @@ TEST(ComponentTimer, AGrantCountsFromTheNextStartOfTheTimer) {
   door.Live(Alice(600));
   door.Settle(200, "Expires: 3600\r\n");  // the running timer keeps its period
   EXPECT_EQ(door.SentIn(300s), Ints{3600});
-  // A 423 stops it; nothing leaves by itself until the answer, which starts it with the new period.
+  // A 423 stops it; nothing leaves by itself until the response, which starts it with the new period.
   door.Settle(423, "Min-Expires: 1201\r\n");
   EXPECT_EQ(door.SentExpiries(), Ints{1201});
   EXPECT_TRUE(door.SentIn(4000s).empty());
@@ -78,7 +78,7 @@ TEST(ComponentTimer, NoRefreshAfterDeregister) {
   for (const int way : {0, 1, 2, 3}) {
     FrontDoor door;
     const int id = door.Register(Alice(600));
-    door.sip.Answer(door.LastStackId(), 200);
+    door.sip.Respond(door.LastStackId(), 200);
     if (way < 2) door.Pump();
     const auto end = [&] { EXPECT_EQ(door.Deregister(id).document, kGood); };
     if (way % 2 == 0) end();
@@ -87,7 +87,7 @@ TEST(ComponentTimer, NoRefreshAfterDeregister) {
     door.Advance(3000s);
     end();
     EXPECT_TRUE(door.SentExpiries().empty());
-    Answer(door, 200);
+    Respond(door, 200);
     door.Pump();
     EXPECT_EQ(CRegister::s_nAlive, 0) << "a timer was left";
     EXPECT_TRUE(door.SentIn(3000s).empty());
@@ -106,17 +106,17 @@ TEST(ComponentTimer, AnObjectIsFreedHoweverItEnds) {
     FrontDoor door;
     // By its STOP, when its timer runs on a live loop.
     door.Live(Alice(600));
-    Answer(door, 403);
+    Respond(door, 403);
     EXPECT_EQ(CRegister::s_nAlive, 1);
     door.Pump();
     EXPECT_EQ(CRegister::s_nAlive, 0);
     // At once, when its timer has not started yet.
     door.Register(Alice(600));
-    for (const int status : {200, 403}) Answer(door, status);
+    for (const int status : {200, 403}) Respond(door, status);
     EXPECT_EQ(CRegister::s_nAlive, 0);
-    // At once, when it is given up while it waits to be brought back.
+    // At once, when it is ended while it waits to be registered again.
     const int id = door.Register(fakes::kAliceReregister);
-    Answer(door, 200);
+    Respond(door, 200);
     door.sip.Error(door.LastStackId(), SIP_EVENT_REGISTER_TIMEOUT);
     door.Pump();
     EXPECT_EQ(door.Deregister(id).document, "<reg><ret>-1</ret></reg>");
@@ -143,9 +143,9 @@ TEST(ComponentTimer, AnObjectIsFreedHoweverItEnds) {
     FrontDoor door;
     std::thread([&] {
       door.Live(Alice(600));
-      if (stop_queued) Answer(door, 403);
+      if (stop_queued) Respond(door, 403);
     }).join();
-    if (!stop_queued) Answer(door, 403);
+    if (!stop_queued) Respond(door, 403);
     door.Live(Alice(600));
     EXPECT_EQ(CRegister::s_nAlive, 1);
   }
@@ -171,7 +171,7 @@ TEST(ComponentTimer, ShutdownGivesEveryBindingBackOnceAndTellsNobody) {
     FrontDoor door;
     door.Register(Alice(600));
     door.Register(Alice(600));
-    door.sip.Answer(door.LastStackId(), 200);
+    door.sip.Respond(door.LastStackId(), 200);
     door.Live(Alice(600));
     door.Deregister(door.Live(Alice(600)));  // has sent its own
     sip.sent.clear();

@@ -56,7 +56,7 @@ TEST(Read, Positions) {
       {levels, "/i /r /r", "none|t|none|"},  // the root level has only the root
       {levels, "/r > /a /i /i =", "t|x|8|none|8|"},  // a search without a find moves nothing
       {levels, "/r > /a ^ = /i /I /d > /i . /r", "t|x||7|none|e|9|t|"},
-      {children, "c c c . c c c /r c c c", all + all + "|" + all},  // a new main element: anew
+      {children, "c c c . c c c /r c c c", all + all + "|" + all},  // a new main element: from the start
       {children, "/r > c /d c", "|none||<c>x</c>|"}};  // no main element, no children
   // clang-format on
   for (const auto& c : cases) {

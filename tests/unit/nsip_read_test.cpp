@@ -66,7 +66,7 @@ TEST(NsipRead, MandatoryHeaders) {
 }
 
 // Cut anywhere, it is no message or, from the end of its headers on, one with less of a body.
-TEST(NsipRead, EveryPrefixIsAnswered) {
+TEST(NsipRead, EveryPrefixIsReadOrRefused) {
   const std::string text = Response("Subject: x\r\n", "body");
   const std::size_t headers = text.find("\r\n\r\n") + 4;
   for (std::size_t size = 0; size <= text.size(); ++size) {

@@ -47,7 +47,7 @@ struct SipConf : testing::Test {
     for (const auto& header : message->headers.items) text += " " + header->hname + ": " + header->hvalue + " |";
     return text;
   }
-  // Reads anew: the template then in force, or what is wrong, "@ LINE REASON" in lines.
+  // Reads again: the template then in force, or what is wrong, "@ LINE REASON" in lines.
   std::string Outcome(const std::string& file) {
     const std::string former = Get();
     const bool good = conf.ReadConfFromFile() == 0;

@@ -54,8 +54,8 @@ TEST(Digest, PublishedValues) {
   EXPECT_EQ(user.Hex(), "793263caabb707a56211940d90411ea4a575adeccb7e360aeb624ed06ece9b0b");
 }
 
-struct Answer : nsip_message {
-  explicit Answer(const std::vector<std::string>& lines) {
+struct Challenging : nsip_message {
+  explicit Challenging(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
       const std::size_t colon = line.find(": ");
       headers.items.push_back(
@@ -67,7 +67,7 @@ struct Answer : nsip_message {
 // "realm:algorithm" of each challenge that is taken, "P:" in front of a proxy's.
 std::string Chosen(const std::vector<std::string>& headers) {
   std::string text;
-  for (const Challenge& challenge : ReadChallenges(Answer(headers))) {
+  for (const Challenge& challenge : ReadChallenges(Challenging(headers))) {
     text.append(challenge.proxy ? " P:" : " ").append(challenge.realm).append(":");
     text.append(DigestAlgorithmName(challenge.algorithm));
   }
@@ -98,9 +98,9 @@ TEST(Challenge, Choice) {
 class AuthenticatorTest : public ::testing::Test {
  protected:
   bool Challenge(const std::string& params, std::string name = "WWW-Authenticate") {
-    if (params.empty()) return authenticator_.Answer(Answer({}), Lookup);
+    if (params.empty()) return authenticator_.Answer(Challenging({}), Lookup);
     name += params.find("realm=") == std::string::npos ? ": Digest realm=\"r\\\"1\"," : ": Digest ";
-    return authenticator_.Answer(Answer({name + params}), Lookup);
+    return authenticator_.Answer(Challenging({name + params}), Lookup);
   }
   static bool Lookup(std::string_view realm, sipcarrier::Credential& found) {
     found.user = user_;
@@ -143,7 +143,7 @@ class AuthenticatorTest : public ::testing::Test {
   std::string cnonce_, username_;
 };
 
-TEST_F(AuthenticatorTest, WhatIsAnsweredAndHowOftenANonceIsUsed) {
+TEST_F(AuthenticatorTest, WhichChallengesGetCredentialsAndHowOftenANonceIsUsed) {
   std::ifstream file(CASES);
   std::string before;
   int steps = 0;
@@ -158,13 +158,13 @@ TEST_F(AuthenticatorTest, WhatIsAnsweredAndHowOftenANonceIsUsed) {
     }
     const std::string text = arrow > word.size() ? line.substr(word.size() + 1, arrow - word.size() - 1) : "";
     before = cnonce_;
-    bool answered = true;
+    bool authorised = true;
     if (word == "new") authenticator_ = Authenticator();
     if (word == "start") authenticator_.Start();
-    if (word == "info") authenticator_.LearnNextNonce(Answer({"Authentication-Info: " + text}));
-    if (word == "www") answered = Challenge(text);
-    if (word == "proxy") answered = Challenge(text, "Proxy-Authenticate");
-    EXPECT_EQ(answered ? Authorize() : " no", line.substr(arrow + 3));
+    if (word == "info") authenticator_.LearnNextNonce(Challenging({"Authentication-Info: " + text}));
+    if (word == "www") authorised = Challenge(text);
+    if (word == "proxy") authorised = Challenge(text, "Proxy-Authenticate");
+    EXPECT_EQ(authorised ? Authorize() : " no", line.substr(arrow + 3));
     ++steps;
   }
   EXPECT_GT(steps, 20);
