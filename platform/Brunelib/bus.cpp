@@ -1,6 +1,7 @@
 // The face of the bus: its functions, over the two objects that do the work.
 #include <new>
 
+#include "base/never_destroyed.h"
 #include "components.h"
 #include "delivery.h"
 
@@ -12,11 +13,10 @@ struct Bus {
   Components components{delivery};
 };
 
-// Made at the first use and never destroyed: components, and the delivery thread, may still use the
-// bus while the static objects of other libraries go.
+// Components, and the delivery thread, may still use the bus while the static objects of other
+// libraries go.
 Bus& TheBus() {
-  alignas(Bus) static unsigned char storage[sizeof(Bus)];
-  static Bus* const bus = new (storage) Bus;
+  static base::NeverDestroyed<Bus> bus;
   return *bus;
 }
 

@@ -14,7 +14,7 @@ Components::Component* Components::Find(const char* identity) {
 }
 
 bool Components::Add(std::unique_ptr<Component> component) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   if (Find(component->plugin->Identity()) != nullptr) return false;
   components_.push_back(std::move(component));
   return true;
@@ -24,7 +24,7 @@ bool Components::Add(std::unique_ptr<Component> component) {
 void Components::Remove(Component* component) {
   delivery_.UnsubscribeLibrary(component->plugin->Library());
   std::unique_ptr<Component> removed;  // the library goes when the lock is released
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const auto found = std::find_if(components_.begin(), components_.end(),
                                   [&](const auto& other) { return other.get() == component; });
   removed = std::move(*found);
@@ -54,7 +54,7 @@ std::string Components::Load(const std::string& name, const std::string& prefix,
     error = path + ": " + prefix + "Initialize gave " + std::to_string(result);
     return {};
   }
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   component->state = State::kReady;
   return identity;
 }
@@ -64,11 +64,13 @@ bool Components::Unload(const char* identity, Clock::time_point deadline) {
   if (delivery_.OnDeliveryThread()) return false;
   Component* component = nullptr;
   {
-    std::unique_lock lock(mutex_);
+    const base::MutexLock lock(mutex_);
     component = Find(identity);
     if (component == nullptr || component->state != State::kReady) return false;
     component->state = State::kUnloading;
-    if (!idle_.wait_until(lock, deadline, [&] { return component->commands == 0; })) {
+    while (component->commands != 0 && idle_.WaitUntil(mutex_, deadline)) {
+    }
+    if (component->commands != 0) {
       component->state = State::kReady;
       return false;
     }
@@ -84,7 +86,7 @@ void Components::UnloadAll(Clock::time_point deadline) {
   for (;;) {
     char identity[sizeof(XSComponentInfo::szIdentity)];
     {
-      const std::lock_guard lock(mutex_);
+      const base::MutexLock lock(mutex_);
       if (components_.size() <= passed) return;
       const auto& last = components_[components_.size() - 1 - passed];
       std::memcpy(identity, last->plugin->Identity(), sizeof identity);
@@ -97,7 +99,7 @@ int Components::Execute(const char* target, int id, CXML* in, CXML* out) {
   if (target == nullptr) return XS_E_INVALID;
   Component* component = nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     component = Find(target);
     if (component == nullptr || component->state != State::kReady) return XS_E_UNKNOWN;
     ++component->commands;
@@ -111,12 +113,12 @@ int Components::Execute(const char* target, int id, CXML* in, CXML* out) {
 }
 
 Components::CommandEnd::~CommandEnd() {
-  const std::lock_guard lock(owner.mutex_);
-  if (--component.commands == 0) owner.idle_.notify_all();
+  const base::MutexLock lock(owner.mutex_);
+  if (--component.commands == 0) owner.idle_.NotifyAll();
 }
 
 bool Components::GetInfo(const char* identity, XSComponentInfo& info) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const Component* component = Find(identity);
   if (component == nullptr || component->state == State::kLoading) return false;
   info = component->plugin->Info();

@@ -1,12 +1,11 @@
 // The loaded components, and the commands that go to them.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "delivery.h"
 #include "plugin.h"
 
@@ -37,14 +36,15 @@ class Components {
     Component& component;
   };
 
-  Component* Find(const char* identity);  // with the lock held
+  Component* Find(const char* identity) TOLVANE_REQUIRES(mutex_);
   bool Add(std::unique_ptr<Component> component);
   void Remove(Component* component);
 
   Delivery& delivery_;
-  std::mutex mutex_;
-  std::condition_variable idle_;                        // a command has ended
-  std::vector<std::unique_ptr<Component>> components_;  // in the order of loading
+  base::Mutex mutex_;
+  base::CondVar idle_;  // a command has ended
+  // In the order of loading. State and commands of each are guarded, too.
+  std::vector<std::unique_ptr<Component>> components_ TOLVANE_GUARDED_BY(mutex_);
 };
 
 }  // namespace brunelib

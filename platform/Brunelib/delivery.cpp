@@ -44,12 +44,12 @@ int Delivery::Subscribe(const char* source, int id, XSNotifyCallback* callback) 
   // library.
   const void* library = LibraryOf(reinterpret_cast<const void*>(callback));
   try {
-    Subscription added{0, source, id, callback, library};
-    const std::lock_guard lock(mutex_);
+    Subscription added{0, std::make_shared<const std::string>(source), id, callback, library};
+    const base::MutexLock lock(mutex_);
     const bool known = std::any_of(
         subscriptions_.begin(), subscriptions_.end(), [&added](const Subscription& other) {
           return other.id == added.id && other.callback == added.callback &&
-                 other.source == added.source;
+                 *other.source == *added.source;
         });
     if (known) return XS_OK;
     added.number = ++last_number_;
@@ -62,56 +62,64 @@ int Delivery::Subscribe(const char* source, int id, XSNotifyCallback* callback) 
 
 int Delivery::Unsubscribe(const char* source, int id, XSNotifyCallback* callback) {
   if (!IsIdentity(source) || callback == nullptr) return XS_E_INVALID;
-  std::unique_lock lock(mutex_);
+  const base::MutexLock lock(mutex_);
   std::erase_if(subscriptions_, [&](const Subscription& other) {
-    return other.id == id && other.callback == callback && other.source == source;
+    return other.id == id && other.callback == callback && *other.source == source;
   });
-  if (call_.callback == callback && call_.notification->id == id &&
-      call_.notification->source == source) {
-    AwaitEndOfCall(lock);
-  }
+  calls_.AwaitEnd(mutex_, [&](const Call& call) {
+    return call.callback == callback && call.notification->id == id &&
+           *call.notification->source == source;
+  });
   return XS_OK;
 }
 
 void Delivery::UnsubscribeLibrary(const void* library) {
-  std::unique_lock lock(mutex_);
+  const base::MutexLock lock(mutex_);
   std::erase_if(subscriptions_,
                 [library](const Subscription& other) { return other.library == library; });
-  if (call_.library == library) AwaitEndOfCall(lock);
+  calls_.AwaitEnd(mutex_, [library](const Call& call) { return call.library == library; });
 }
 
-// Only the call from which the caller itself comes may go on.
-void Delivery::AwaitEndOfCall(std::unique_lock<std::mutex>& lock) {
-  if (thread_.get_id() == std::this_thread::get_id()) return;
-  done_.wait(lock, [this, number = call_.number] { return call_.number != number; });
+const Delivery::Subscription* Delivery::FindWanted(const char* source, int id) const {
+  const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
+                                  [&](const Subscription& candidate) {
+                                    return candidate.id == id && *candidate.source == source;
+                                  });
+  return found == subscriptions_.end() ? nullptr : &*found;
 }
 
-bool Delivery::IsWanted(const char* source, int id) const {
-  return std::any_of(subscriptions_.begin(), subscriptions_.end(),
-                     [&](const Subscription& candidate) {
-                       return candidate.id == id && candidate.source == source;
-                     });
+void Delivery::Free(Queue& queue) noexcept {
+  while (Notification* const notification = queue.PopFront()) delete notification;
 }
 
 int Delivery::Express(const char* source, int id, CXML* document, void* extra) {
   if (!IsIdentity(source)) return XS_E_INVALID;
-  {
-    const std::lock_guard lock(mutex_);
-    if (!IsWanted(source, id)) return XS_OK;
-  }
   try {
-    std::list<Notification> added(1);
-    Notification& notification = added.front();
-    notification.source = source;
-    notification.id = id;
-    if (document != nullptr) notification.document.emplace(*document);
-    notification.extra = extra;
-
-    const std::lock_guard lock(mutex_);
+    // It shares the document, so the copy is made before the lock.
+    std::optional<CXML> copy;
+    if (document != nullptr) copy.emplace(*document);
+    std::unique_ptr<Notification> added;
+    base::MutexLock lock(mutex_);
+    if (FindWanted(source, id) == nullptr) return XS_OK;
     StartThread();
-    notification.number = last_queued_ = ++last_number_;
-    queue_.splice(queue_.end(), added);
-    work_.notify_one();
+    added.reset(spare_.PopFront());
+    if (added != nullptr) {
+      --spares_;
+    } else {
+      lock.Unlock();
+      added = std::make_unique<Notification>();
+      lock.Lock();
+    }
+    const Subscription* const wanted = FindWanted(source, id);
+    if (wanted == nullptr) return XS_OK;
+    added->source = wanted->source;
+    added->id = id;
+    added->document = std::move(copy);
+    added->extra = extra;
+    added->number = last_queued_ = ++last_number_;
+    queue_.PushBack(*added.release());
+    if (waiting_) work_.NotifyOne();
+    waiting_ = false;
     return XS_OK;
   } catch (const std::bad_alloc&) {
     return XS_E_NO_MEMORY;
@@ -121,37 +129,42 @@ int Delivery::Express(const char* source, int id, CXML* document, void* extra) {
 }
 
 bool Delivery::OnDeliveryThread() {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   return thread_.get_id() == std::this_thread::get_id();
 }
 
 bool Delivery::Drain(Clock::time_point deadline) {
-  std::unique_lock lock(mutex_);
-  return DrainLocked(lock, deadline);
+  const base::MutexLock lock(mutex_);
+  return DrainLocked(deadline);
 }
 
-bool Delivery::DrainLocked(std::unique_lock<std::mutex>& lock, Clock::time_point deadline) {
+bool Delivery::DrainLocked(Clock::time_point deadline) {
   // The notification that is being delivered cannot wait for itself.
   if (thread_.get_id() == std::this_thread::get_id()) return false;
-  return done_.wait_until(lock, deadline,
-                          [&, last = last_queued_] { return last_delivered_ >= last; });
+  const std::uint64_t last = last_queued_;
+  while (last_delivered_ < last && done_.WaitUntil(mutex_, deadline)) {
+  }
+  return last_delivered_ >= last;
 }
 
 void Delivery::Stop(Clock::time_point deadline) {
-  std::list<Notification> dropped;  // its documents end after the lock is released
-  std::unique_lock lock(mutex_);
-  DrainLocked(lock, deadline);
-  dropped.swap(queue_);
-  last_delivered_ = last_queued_;
-  if (!running_) return;
-  stop_ = true;
-  work_.notify_one();
-  if (done_.wait_until(lock, deadline, [this] { return !running_; }) && thread_.joinable()) {
-    thread_.join();
+  Queue dropped;
+  {
+    const base::MutexLock lock(mutex_);
+    DrainLocked(deadline);
+    dropped.Splice(queue_);
+    dropped.Splice(spare_);
+    spares_ = 0;
+    last_delivered_ = last_queued_;
+    stop_ = running_;
+    work_.NotifyOne();
+    while (running_ && done_.WaitUntil(mutex_, deadline)) {
+    }
+    if (!running_ && thread_.joinable()) thread_.join();
   }
+  Free(dropped);
 }
 
-// With the lock held.
 void Delivery::StartThread() {
   stop_ = false;  // also for a thread that was told to end and has not yet
   if (running_) return;
@@ -171,44 +184,65 @@ void Delivery::StartThread() {
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
-void Delivery::Run() {
-  pthread_setname_np(pthread_self(), "bus");
-  std::unique_lock lock(mutex_);
-  for (;;) {
-    work_.wait(lock, [this] { return stop_ || !queue_.empty(); });
-    if (stop_) break;
-    std::list<Notification> current;
-    current.splice(current.end(), queue_, queue_.begin());
-    Deliver(current.front(), lock);
-    last_delivered_ = std::max(last_delivered_, current.front().number);
-    done_.notify_all();
-    lock.unlock();
-    current.clear();
-    lock.lock();
+// Until something is queued, or the thread is to end.
+void Delivery::Await() {
+  while (!stop_ && queue_.empty()) {
+    if (pace_.ShouldRest()) {
+      mutex_.Unlock();
+      base::WakePace::Rest();
+      mutex_.Lock();
+      pace_.Rested(!queue_.empty());
+      continue;
+    }
+    waiting_ = true;
+    while (!stop_ && queue_.empty()) work_.Wait(mutex_);
+    pace_.Woken();
   }
-  running_ = false;
-  done_.notify_all();
+  waiting_ = false;
 }
 
-void Delivery::Deliver(Notification& notification, std::unique_lock<std::mutex>& lock) {
+void Delivery::Run() {
+  pthread_setname_np(pthread_self(), "bus");
+  base::MutexLock lock(mutex_);
+  for (;;) {
+    Await();
+    if (stop_) break;
+    std::unique_ptr<Notification> current(queue_.PopFront());
+    Deliver(*current);
+    last_delivered_ = std::max(last_delivered_, current->number);
+    if (queue_.empty()) done_.NotifyAll();
+    if (current->document) {
+      lock.Unlock();
+      current->document.reset();
+      lock.Lock();
+    }
+    if (spares_ < kKept) {
+      ++spares_;
+      spare_.PushBack(*current.release());
+    }
+  }
+  running_ = false;
+  done_.NotifyAll();
+}
+
+void Delivery::Deliver(Notification& notification) {
   // Looked up anew after every call, since callbacks subscribe and unsubscribe.
   std::uint64_t last = 0;
   for (;;) {
     const auto next = std::find_if(
         subscriptions_.begin(), subscriptions_.end(), [&](const Subscription& candidate) {
           return candidate.number > last && candidate.number < notification.number &&
-                 candidate.id == notification.id && candidate.source == notification.source;
+                 candidate.id == notification.id && *candidate.source == *notification.source;
         });
     if (next == subscriptions_.end()) return;
     last = next->number;
-    call_ = {++last_number_, &notification, next->callback, next->library};
+    calls_.Enter(mutex_, {&notification, next->callback, next->library});
     XSNotifyCallback* const callback = next->callback;
-    lock.unlock();
-    Notify(callback, notification.source, notification.id, notification.document,
+    mutex_.Unlock();
+    Notify(callback, *notification.source, notification.id, notification.document,
            notification.extra);
-    lock.lock();
-    call_ = {};
-    done_.notify_all();
+    mutex_.Lock();
+    calls_.Leave(mutex_);
   }
 }
 

@@ -2,15 +2,17 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <list>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/call_gate.h"
+#include "base/intrusive_list.h"
+#include "base/mutex.h"
+#include "base/wake_pace.h"
 #include "Brunelib/Brunelib.h"
 
 namespace brunelib {
@@ -43,46 +45,58 @@ class Delivery {
   // that came after it.
   struct Subscription {
     std::uint64_t number;
-    std::string source;
+    std::shared_ptr<const std::string> source;
     int id;
     XSNotifyCallback* callback;
     const void* library;
   };
-  struct Notification {
+  struct Notification : base::ListHook<Notification> {
     std::uint64_t number = 0;
-    std::string source;
+    std::shared_ptr<const std::string> source;  // its subscribers' text
     int id = 0;
     std::optional<CXML> document;
     void* extra = nullptr;
   };
 
-  [[nodiscard]] bool IsWanted(const char* source, int id) const;
-  bool DrainLocked(std::unique_lock<std::mutex>& lock, Clock::time_point deadline);
-  void AwaitEndOfCall(std::unique_lock<std::mutex>& lock);
-  void StartThread();
-  void Run();
-  void Deliver(Notification& notification, std::unique_lock<std::mutex>& lock);
-
-  std::mutex mutex_;
-  std::condition_variable work_;  // for the delivery thread
-  std::condition_variable done_;  // a call or a notification is finished, or the thread has ended
-  std::vector<Subscription> subscriptions_;  // by number
-  std::list<Notification> queue_;            // by number
-  std::uint64_t last_number_ = 0;
-  std::uint64_t last_queued_ = 0;
-  std::uint64_t last_delivered_ = 0;
-  // The call that is under way. It is remembered apart from its subscription, which may be taken
-  // back, by the callback itself too, before the call ends.
+  // Remembered apart from its subscription, which may be taken back, by the callback itself too,
+  // before the call ends.
   struct Call {
-    std::uint64_t number = 0;  // of the call; 0: none
     const Notification* notification = nullptr;
     XSNotifyCallback* callback = nullptr;
     const void* library = nullptr;
   };
-  Call call_;
-  std::thread thread_;
-  bool running_ = false;
-  bool stop_ = false;
+
+  using Queue = base::IntrusiveList<Notification, Notification>;
+  static constexpr std::size_t kKept = 256;
+
+  // Of somebody who wants it; null: nobody does.
+  [[nodiscard]] const Subscription* FindWanted(const char* source, int id) const
+      TOLVANE_REQUIRES(mutex_);
+  static void Free(Queue& queue) noexcept;
+  void Await() TOLVANE_REQUIRES(mutex_);
+  bool DrainLocked(Clock::time_point deadline) TOLVANE_REQUIRES(mutex_);
+  void StartThread() TOLVANE_REQUIRES(mutex_);
+  void Run();
+  // Lets go of the lock for each call.
+  void Deliver(Notification& notification) TOLVANE_REQUIRES(mutex_);
+
+  base::Mutex mutex_;
+  base::CondVar work_;  // for the delivery thread
+  base::CondVar done_;  // a notification is finished, or the thread has ended
+  base::CallGate<Call> calls_;
+  std::vector<Subscription> subscriptions_ TOLVANE_GUARDED_BY(mutex_);  // by number
+  Queue queue_ TOLVANE_GUARDED_BY(mutex_);                              // by number
+  // Used ones, so that what one thread allocates another need not free.
+  Queue spare_ TOLVANE_GUARDED_BY(mutex_);
+  std::size_t spares_ TOLVANE_GUARDED_BY(mutex_) = 0;
+  base::WakePace pace_ TOLVANE_GUARDED_BY(mutex_);
+  std::uint64_t last_number_ TOLVANE_GUARDED_BY(mutex_) = 0;
+  std::uint64_t last_queued_ TOLVANE_GUARDED_BY(mutex_) = 0;
+  std::uint64_t last_delivered_ TOLVANE_GUARDED_BY(mutex_) = 0;
+  std::thread thread_ TOLVANE_GUARDED_BY(mutex_);
+  bool running_ TOLVANE_GUARDED_BY(mutex_) = false;
+  bool waiting_ TOLVANE_GUARDED_BY(mutex_) = false;  // the thread has nothing to do
+  bool stop_ TOLVANE_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace brunelib

@@ -262,14 +262,19 @@ void IoLoop::SetAlarm(Clock::time_point due) noexcept {
 
 // Runs what is ready; waits for something to be, unless it is to look only.
 void IoLoop::Turn(bool at_once) {
-  if (!at_once) {
+  const bool rest = !at_once && pace_.ShouldRest();
+  if (rest) base::WakePace::Rest();
+  if (!at_once && !rest) {
     asleep_.store(true, std::memory_order_seq_cst);
     at_once = woken_.load(std::memory_order_seq_cst);
   }
-  if (at_once) {
-    impl_->context.poll_one();
+  bool any = false;
+  if (at_once || rest) {
+    any = impl_->context.poll_one() != 0 || woken_.load(std::memory_order_relaxed);
+    pace_.Rested(any && rest);
   } else {
     impl_->context.run_one();
+    pace_.Woken();
   }
   asleep_.store(false, std::memory_order_relaxed);
   // Before the looks that follow: what comes behind them wakes again.

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/mutex.h"
+#include "base/wake_pace.h"
 #include "Sipcarrier/timer_queue.h"
 
 namespace sipcarrier {
@@ -84,6 +85,7 @@ class IoLoop {
   LoopClient& client_;
   std::unique_ptr<Impl> impl_;
   bool quit_ = false;
+  base::WakePace pace_;
   std::atomic<bool> woken_{false};
   // The thread waits, or is about to: only then Wake needs a system call.
   std::atomic<bool> asleep_{false};

@@ -95,7 +95,8 @@ TOLVANE_PUBLIC KDint kdPumpEvents();
 // phase of its start: a late loop loses firings but the average period does not drift.
 // PERIODIC_MINIMUM lets at least the interval pass between two deliveries. ONESHOT ends by itself
 // with its delivery; the handle is then no timer any more. A firing that is due beyond the end of
-// the clock never comes.
+// the clock never comes. An interval of 20 s and more begins up to a quarter of a second later, so
+// that the timers of many objects are due together and wake their thread once.
 TOLVANE_PUBLIC KDTimer* kdSetTimer(KDint64 interval, KDint periodic, void* eventuserptr);
 // Ends a timer of the calling thread. After 0 no firing of it is delivered, also none that was
 // queued. -1 with KD_EINVAL: no such timer, or a timer of another thread.

@@ -1,7 +1,8 @@
 #include "clock.h"
 
 #include <atomic>
-#include <ctime>
+
+#include "base/clock.h"
 
 namespace vorelkd {
 namespace {
@@ -10,13 +11,7 @@ std::atomic<const Clock*> g_clock{nullptr};
 
 }  // namespace
 
-KDust SystemNow() noexcept {
-  timespec now{};
-  // Cannot fail: the clock exists on every kernel since 2.6.39. It goes on while the machine
-  // sleeps, as the lifetime of a binding at a registrar does.
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return KDust{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
+KDust SystemNow() noexcept { return base::Clock::now().time_since_epoch().count(); }
 
 bool ClockIsReplaced() noexcept { return g_clock.load(std::memory_order_acquire) != nullptr; }
 

@@ -10,9 +10,6 @@
 namespace vorelkd {
 namespace {
 
-using UserEvents = ListOps<Event, &Event::user_prev, &Event::user_next>;
-using UserTimers = ListOps<Timer, &Timer::user_prev, &Timer::user_next>;
-
 // While the clock is replaced nobody tells when it moves, so a wait looks at it this often.
 constexpr KDust kReplacedClockLook = 5'000'000;
 
@@ -21,6 +18,17 @@ std::atomic<std::uint64_t> g_next_timer_id{1};
 // An exception that leaves a callback has no frame to go to that expects it: it ends the process
 // here, where the culprit is still on the stack.
 void Call(KDCallbackFunc* func, const KDEvent& event) noexcept { func(&event); }
+
+// Timers of a long interval are put off to the next quarter of a second, so that those of many
+// objects are due together and cost one wake. Not on a replaced clock, whose moments are exact.
+constexpr KDust kLongInterval = 20'000'000'000;
+constexpr KDust kTogether = 250'000'000;
+
+[[nodiscard]] KDust FirstDue(KDust now, KDust interval) noexcept {
+  const KDust due = AddSpan(now, interval);
+  if (interval < kLongInterval || due == kNever || ClockIsReplaced()) return due;
+  return AddSpan(due, (kTogether - due % kTogether) % kTogether);
+}
 
 [[nodiscard]] auto PlaceOf(std::vector<Callback>& callbacks, KDint type) noexcept {
   return std::lower_bound(callbacks.begin(), callbacks.end(), type,
@@ -53,7 +61,7 @@ UserEntry* Mailbox::FindOrAdd(void* userptr) {
 
 void Mailbox::DropIfUnused(UserEntry* user) noexcept {
   if (user == &anyone_ || user->running != 0) return;
-  if (user->events != nullptr || user->timers != nullptr || !user->callbacks.empty()) return;
+  if (!user->events.empty() || !user->timers.empty() || !user->callbacks.empty()) return;
   users_.erase(user->userptr);
 }
 
@@ -63,17 +71,9 @@ KDCallbackFunc* Mailbox::FindCallback(const UserEntry& user, KDint type) const n
   return FuncOf(anyone_, 0);
 }
 
-void Mailbox::RemoveEvent(Event* event) noexcept {
-  (event->prev != nullptr ? event->prev->next : first_) = event->next;
-  (event->next != nullptr ? event->next->prev : last_) = event->prev;
-  UserEvents::Remove(event->user->events, event);
-  delete event;
-}
-
 void Mailbox::RemoveTimer(Timer* timer) noexcept {
-  heap_.Remove(timer);
-  UserTimers::Remove(timer->user->timers, timer);
-  timers_.erase(timer->id);
+  heap_.Cancel(*timer);
+  timers_.erase(timer->id);  // which takes it out of its entry's list
 }
 
 // --- calls of the library ------------------------------------------------------------------------
@@ -81,17 +81,13 @@ void Mailbox::RemoveTimer(Timer* timer) noexcept {
 KDint Mailbox::Post(std::unique_ptr<Event> event) noexcept {
   bool wake = false;
   try {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     if (ended_) return KD_ESRCH;
     event->user = FindOrAdd(event->userptr);
     event->timestamp = Now();
     event->number = next_number_++;
-    event->prev = last_;
-    event->next = nullptr;
-    (last_ != nullptr ? last_->next : first_) = event.get();
-    last_ = event.get();
-    UserEvents::PushFront(event->user->events, event.get());
-    static_cast<void>(event.release());
+    event->user->events.PushBack(*event);
+    queue_.PushBack(*event.release());
     wake = std::exchange(sleeping_, false);
   } catch (const std::bad_alloc&) {
     return KD_ENOMEM;
@@ -101,7 +97,7 @@ KDint Mailbox::Post(std::unique_ptr<Event> event) noexcept {
 }
 
 KDint Mailbox::Install(KDCallbackFunc* func, KDint type, void* userptr) noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   UserEntry* user = Find(userptr);
   try {
     if (func == nullptr) {
@@ -126,20 +122,18 @@ KDint Mailbox::Install(KDCallbackFunc* func, KDint type, void* userptr) noexcept
 }
 
 KDint Mailbox::SetTimer(KDust interval, KDint mode, void* userptr, std::uint64_t& id) noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   UserEntry* user = nullptr;
   try {
-    heap_.Reserve();
     user = FindOrAdd(userptr);
     id = g_next_timer_id.fetch_add(1, std::memory_order_relaxed);
     Timer& timer = timers_.try_emplace(id).first->second;
     timer.id = id;
-    timer.due = AddSpan(Now(), interval);
     timer.interval = interval;
     timer.mode = mode;
     timer.user = user;
-    heap_.Push(&timer);
-    UserTimers::PushFront(user->timers, &timer);
+    heap_.Set(timer, FirstDue(Now(), interval));
+    user->timers.PushBack(timer);
     return 0;
   } catch (const std::bad_alloc&) {
     if (user != nullptr) DropIfUnused(user);
@@ -148,7 +142,7 @@ KDint Mailbox::SetTimer(KDust interval, KDint mode, void* userptr, std::uint64_t
 }
 
 KDint Mailbox::CancelTimer(std::uint64_t id) noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const auto found = timers_.find(id);
   if (found == timers_.end()) return KD_EINVAL;
   UserEntry* user = found->second.user;
@@ -158,13 +152,11 @@ KDint Mailbox::CancelTimer(std::uint64_t id) noexcept {
 }
 
 KDint Mailbox::Forget(void* userptr) noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   UserEntry* user = Find(userptr);
   if (user == nullptr) return 0;
-  for (Event* event = user->events; event != nullptr;) {
-    RemoveEvent(std::exchange(event, event->user_next));
-  }
-  while (user->timers != nullptr) RemoveTimer(user->timers);
+  while (Event* event = user->events.Front()) delete event;
+  while (Timer* timer = user->timers.Front()) RemoveTimer(timer);
   std::vector<Callback>().swap(user->callbacks);
   const bool busy = user->running != 0;
   DropIfUnused(user);
@@ -172,37 +164,35 @@ KDint Mailbox::Forget(void* userptr) noexcept {
 }
 
 void Mailbox::Close() noexcept {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   ended_ = true;
-  for (Event* event = first_; event != nullptr;) RemoveEvent(std::exchange(event, event->next));
-  heap_.Clear();
+  while (Event* event = queue_.Front()) delete event;
+  heap_.Abandon();
   timers_.clear();
   users_.clear();
-  anyone_ = UserEntry{};
+  std::vector<Callback>().swap(anyone_.callbacks);
 }
 
 // --- delivery ------------------------------------------------------------------------------------
 
 bool Mailbox::IsDue(const Timer* timer, KDust now) noexcept {
-  return timer != nullptr && timer->due <= now && timer->due != kNever;
+  return timer != nullptr && timer->due() <= now && timer->due() != kNever;
 }
 
 void Mailbox::TakeFiring(Timer* timer, KDust now, KDEvent& event) noexcept {
-  event = KDEvent{timer->due, KD_EVENT_TIMER_FIRED, timer->user->userptr};
+  event = KDEvent{timer->due(), KD_EVENT_TIMER_FIRED, timer->user->userptr};
   switch (timer->mode) {
     case KD_TIMER_PERIODIC_AVERAGE: {
       // The next multiple of the interval after now, counted from the start: firings that a late
       // loop has missed are lost, and the phase stays. The difference fits an unsigned number
       // whatever the clock.
-      const auto late = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(timer->due);
+      const auto late = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(timer->due());
       const auto past = static_cast<KDust>(late % static_cast<std::uint64_t>(timer->interval));
-      timer->due = AddSpan(now, timer->interval - past);
-      heap_.Moved(timer);
+      heap_.Set(*timer, AddSpan(now, timer->interval - past));
       break;
     }
     case KD_TIMER_PERIODIC_MINIMUM:
-      timer->due = AddSpan(now, timer->interval);
-      heap_.Moved(timer);
+      heap_.Set(*timer, AddSpan(now, timer->interval));
       break;
     default:
       RemoveTimer(timer);
@@ -213,17 +203,18 @@ void Mailbox::TakeFiring(Timer* timer, KDust now, KDEvent& event) noexcept {
 // The older of the first event and the first timer due; null when neither is within the horizon. At
 // the same moment the event goes first. The entry is marked as running.
 UserEntry* Mailbox::Take(const Horizon& horizon, KDEvent& event) noexcept {
-  Event* first = first_ != nullptr && first_->number < horizon.number ? first_ : nullptr;
+  Event* first = queue_.Front();
+  if (first != nullptr && first->number >= horizon.number) first = nullptr;
   Timer* timer = IsDue(heap_.Top(), horizon.now) ? heap_.Top() : nullptr;
   UserEntry* user = nullptr;
-  if (timer != nullptr && (first == nullptr || timer->due < first->timestamp)) {
+  if (timer != nullptr && (first == nullptr || timer->due() < first->timestamp)) {
     user = timer->user;
     // Never before the horizon, lest a clock that steps back keeps the timer due in this pump.
     TakeFiring(timer, std::max(Now(), horizon.now), event);
   } else if (first != nullptr) {
     user = first->user;
     event = *first;
-    RemoveEvent(first);
+    delete first;
   } else {
     return nullptr;
   }
@@ -232,15 +223,15 @@ UserEntry* Mailbox::Take(const Horizon& horizon, KDEvent& event) noexcept {
 }
 
 const KDEvent* Mailbox::Deliver(bool stop_at_unclaimed) noexcept {
-  std::unique_lock lock(mutex_);
+  base::MutexLock lock(mutex_);
   const Horizon horizon{next_number_, Now()};
   KDEvent event{};
   while (UserEntry* user = Take(horizon, event)) {
     KDCallbackFunc* func = FindCallback(*user, event.type);
     if (func != nullptr) {
-      lock.unlock();
+      lock.Unlock();
       Call(func, event);
-      lock.lock();
+      lock.Lock();
     }
     --user->running;
     DropIfUnused(user);
@@ -253,20 +244,27 @@ const KDEvent* Mailbox::Deliver(bool stop_at_unclaimed) noexcept {
 }
 
 void Mailbox::Sleep(KDust deadline) noexcept {
+  if (pace_.ShouldRest()) {
+    base::WakePace::Rest();
+    const base::MutexLock lock(mutex_);
+    pace_.Rested(!queue_.empty());
+    return;
+  }
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     const KDust now = Now();
-    if (first_ != nullptr || IsDue(heap_.Top(), now)) return;
+    if (!queue_.empty() || IsDue(heap_.Top(), now)) return;
     if (ClockIsReplaced()) {
       deadline = std::min(deadline, AddSpan(SystemNow(), kReplacedClockLook));
     } else if (heap_.Top() != nullptr) {
-      deadline = std::min(deadline, heap_.Top()->due);
+      deadline = std::min(deadline, heap_.Top()->due());
     }
     wakeup_.Prepare();
     sleeping_ = true;
   }
   wakeup_.Sleep(deadline);
-  const std::lock_guard lock(mutex_);
+  pace_.Woken();
+  const base::MutexLock lock(mutex_);
   sleeping_ = false;
 }
 

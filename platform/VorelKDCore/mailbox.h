@@ -3,39 +3,34 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <vector>
 
-#include "timer_heap.h"
+#include "base/intrusive_list.h"
+#include "base/mutex.h"
+#include "base/timer_heap.h"
+#include "base/wake_pace.h"
 #include "VorelKDCore.h"
 #include "wakeup.h"
 
 namespace vorelkd {
 
-// A node of a list threaded through its members. Removing a node takes no search.
-template <typename T, T* T::*Prev, T* T::*Next>
-struct ListOps {
-  static void PushFront(T*& head, T* node) noexcept {
-    node->*Prev = nullptr;
-    node->*Next = head;
-    if (head != nullptr) head->*Prev = node;
-    head = node;
-  }
-  static void Remove(T*& head, T* node) noexcept {
-    (node->*Prev != nullptr ? node->*Prev->*Next : head) = node->*Next;
-    if (node->*Next != nullptr) node->*Next->*Prev = node->*Prev;
-  }
-};
+struct UserEntry;
+struct OfUser;   // the list of those with the same user pointer
+struct InQueue;  // the queue of a mailbox
 
 // What a KDEvent* of kdCreateEvent really points at.
-struct Event : KDEvent {
+struct Event : KDEvent, base::ListHook<InQueue>, base::ListHook<OfUser> {
   std::uint64_t number = 0;  // place in its queue, counted since the thread's start
-  Event* prev = nullptr;     // neighbours in the queue
-  Event* next = nullptr;
   UserEntry* user = nullptr;
-  Event* user_prev = nullptr;  // neighbours among those with the same user pointer
-  Event* user_next = nullptr;
+};
+
+// Lives in its mailbox's table.
+struct Timer : base::TimerNode<KDust>, base::ListHook<OfUser> {
+  std::uint64_t id = 0;
+  KDust interval = 0;
+  KDint mode = 0;
+  UserEntry* user = nullptr;
 };
 
 struct Callback {
@@ -48,8 +43,8 @@ struct Callback {
 struct UserEntry {
   void* userptr = nullptr;
   std::vector<Callback> callbacks;  // by ascending type
-  Event* events = nullptr;
-  Timer* timers = nullptr;
+  base::IntrusiveList<Event, OfUser> events;
+  base::IntrusiveList<Timer, OfUser> timers;
   unsigned running = 0;  // callbacks on the stack with an event of this user pointer
 };
 
@@ -59,10 +54,9 @@ struct UserEntry {
 // Invariants, whenever the mutex is free:
 //  1. Every queued event is in the queue and in the list of its entry; numbers ascend along the
 //  queue.
-//  2. Every timer is in timers_, in heap_ and in the list of its entry. A firing is not an object
-//  of its
-//     own: a timer that is due stands in the heap until it is delivered, so there is at most one
-//     firing of it, and none once the timer is gone.
+//  2. Every timer is in timers_, in heap_ and in the list of its entry. A firing is not an object of
+//     its own: a timer that is due stands in the heap until it is delivered, so there is at most
+//     one firing of it, and none once the timer is gone.
 //  3. An entry is in users_ exactly while it has a callback, an event, a timer or a running
 //  callback;
 //     the entry of the null pointer is anyone_ and always there.
@@ -97,29 +91,30 @@ class Mailbox {
   const KDEvent* Deliver(bool stop_at_unclaimed) noexcept;
   void Sleep(KDust deadline) noexcept;
 
-  // With the mutex held:
-  UserEntry* Take(const Horizon& horizon, KDEvent& event) noexcept;
-  void TakeFiring(Timer* timer, KDust now, KDEvent& event) noexcept;
-  [[nodiscard]] UserEntry* Find(void* userptr) noexcept;
-  UserEntry* FindOrAdd(void* userptr);  // throws std::bad_alloc
-  void DropIfUnused(UserEntry* user) noexcept;
-  [[nodiscard]] KDCallbackFunc* FindCallback(const UserEntry& user, KDint type) const noexcept;
-  void RemoveEvent(Event* event) noexcept;  // unlinks and frees
-  void RemoveTimer(Timer* timer) noexcept;
+  UserEntry* Take(const Horizon& horizon, KDEvent& event) noexcept TOLVANE_REQUIRES(mutex_);
+  void TakeFiring(Timer* timer, KDust now, KDEvent& event) noexcept TOLVANE_REQUIRES(mutex_);
+  [[nodiscard]] UserEntry* Find(void* userptr) noexcept TOLVANE_REQUIRES(mutex_);
+  UserEntry* FindOrAdd(void* userptr) TOLVANE_REQUIRES(mutex_);  // throws std::bad_alloc
+  void DropIfUnused(UserEntry* user) noexcept TOLVANE_REQUIRES(mutex_);
+  [[nodiscard]] KDCallbackFunc* FindCallback(const UserEntry& user, KDint type) const noexcept
+      TOLVANE_REQUIRES(mutex_);
+  void RemoveTimer(Timer* timer) noexcept TOLVANE_REQUIRES(mutex_);
   [[nodiscard]] static bool IsDue(const Timer* timer, KDust now) noexcept;
 
-  std::mutex mutex_;
-  bool ended_ = false;
-  bool sleeping_ = false;
-  std::uint64_t next_number_ = 0;
-  Event* first_ = nullptr;
-  Event* last_ = nullptr;
-  std::unordered_map<void*, UserEntry> users_;
-  UserEntry anyone_;
-  std::unordered_map<std::uint64_t, Timer> timers_;
-  TimerHeap heap_;
+  base::Mutex mutex_;
+  bool ended_ TOLVANE_GUARDED_BY(mutex_) = false;
+  bool sleeping_ TOLVANE_GUARDED_BY(mutex_) = false;
+  std::uint64_t next_number_ TOLVANE_GUARDED_BY(mutex_) = 0;
+  // Entries stand before what is linked into them, so that they go last.
+  std::unordered_map<void*, UserEntry> users_ TOLVANE_GUARDED_BY(mutex_);
+  UserEntry anyone_ TOLVANE_GUARDED_BY(mutex_);
+  base::IntrusiveList<Event, InQueue> queue_ TOLVANE_GUARDED_BY(mutex_);  // owns its elements
+  std::unordered_map<std::uint64_t, Timer> timers_ TOLVANE_GUARDED_BY(mutex_);
+  base::TimerHeap<Timer, KDust> heap_ TOLVANE_GUARDED_BY(mutex_);
+  // The owning thread's.
   KDEvent unclaimed_{};  // what Wait has returned
   Wakeup wakeup_;
+  base::WakePace pace_;  // the owning thread's        // and Wake is for any thread
 };
 
 }  // namespace vorelkd

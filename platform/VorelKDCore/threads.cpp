@@ -1,9 +1,11 @@
 #include "threads.h"
 
 #include <cstdint>
-#include <mutex>
 #include <new>
 #include <unordered_map>
+
+#include "base/mutex.h"
+#include "base/never_destroyed.h"
 
 namespace vorelkd {
 namespace {
@@ -11,22 +13,15 @@ namespace {
 // Handles are numbers that only rise, so a handle of a thread that has ended never names another
 // one.
 struct Threads {
-  std::mutex mutex;
-  std::uintptr_t last_id = 0;
-  std::unordered_map<std::uintptr_t, std::shared_ptr<Mailbox>> mailboxes;
+  base::Mutex mutex;
+  std::uintptr_t last_id TOLVANE_GUARDED_BY(mutex) = 0;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<Mailbox>> mailboxes TOLVANE_GUARDED_BY(mutex);
 };
 
-// Never destroyed: threads may end after the process has begun to destroy its static objects.
-union Forever {
-  Forever() : threads() {}
-  ~Forever() {
-  }  // NOLINT(modernize-use-equals-default): a union with such a member has none of its own
-  Threads threads;
-};
-
+// Threads may end after the process has begun to destroy its static objects.
 Threads& AllThreads() noexcept {
-  static Forever forever;
-  return forever.threads;
+  static base::NeverDestroyed<Threads> threads;
+  return *threads;
 }
 
 // Plain values, so that they can be read in the destructors of other thread-local objects.
@@ -46,7 +41,7 @@ class EndOfThread {
     if (mailbox_ == nullptr) return;
     {
       Threads& all = AllThreads();
-      const std::lock_guard lock(all.mutex);
+      const base::MutexLock lock(all.mutex);
       all.mailboxes.erase(t_id);
     }
     mailbox_->Close();
@@ -71,7 +66,7 @@ Mailbox* Self() noexcept {
     auto mailbox = std::make_shared<Mailbox>();
     {
       Threads& all = AllThreads();
-      const std::lock_guard lock(all.mutex);
+      const base::MutexLock lock(all.mutex);
       all.mailboxes.emplace(all.last_id + 1, mailbox);
       t_id = ++all.last_id;
     }
@@ -93,7 +88,7 @@ KDThread* SelfHandle() noexcept {
 
 std::shared_ptr<Mailbox> Lookup(KDThread* handle) noexcept {
   Threads& all = AllThreads();
-  const std::lock_guard lock(all.mutex);
+  const base::MutexLock lock(all.mutex);
   const auto found = all.mailboxes.find(reinterpret_cast<std::uintptr_t>(handle));
   return found != all.mailboxes.end() ? found->second : nullptr;
 }

@@ -2,32 +2,23 @@
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "base/mutex.h"
 #include "visibility.h"
 
-// A plain mutex; a thread must not take it twice.
-class VkMutex {
- public:
-  VkMutex() = default;
-  VkMutex(const VkMutex&) = delete;
-  VkMutex& operator=(const VkMutex&) = delete;
-  void Lock() { m_oMutex.lock(); }
-  void Unlock() { m_oMutex.unlock(); }
-
- private:
-  std::mutex m_oMutex;
-};
+// A plain mutex (Lock, Unlock); a thread must not take it twice. What it guards says so with the
+// marks of base/mutex.h.
+class VkMutex : public base::Mutex {};
 
 // Holds a VkMutex for a scope.
-class [[nodiscard]] VkLocker {
+class [[nodiscard]] TOLVANE_SCOPED_CAPABILITY VkLocker {
  public:
-  explicit VkLocker(VkMutex& oMutex) : m_oMutex(oMutex) { m_oMutex.Lock(); }
-  ~VkLocker() { m_oMutex.Unlock(); }
+  explicit VkLocker(VkMutex& oMutex) TOLVANE_ACQUIRE(oMutex) : m_oMutex(oMutex) { m_oMutex.Lock(); }
+  ~VkLocker() TOLVANE_RELEASE() { m_oMutex.Unlock(); }
   VkLocker(const VkLocker&) = delete;
   VkLocker& operator=(const VkLocker&) = delete;
 

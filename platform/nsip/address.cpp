@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/params.h"
 #include "nsip/quoted.h"
@@ -27,7 +28,7 @@ bool is_token_sequence(std::string_view text) {
 
 bool parse_uri_into(std::string_view text, nsip_from& from) {
   from.url = std::make_unique<nsip_uri>();
-  return nsip_uri_parse(text, *from.url);
+  return parse_uri(text, *from.url);
 }
 
 // addr-spec: a ';' starts header parameters; a URI that holds ',' or '?' must stand in "<>" (RFC
@@ -35,7 +36,7 @@ bool parse_uri_into(std::string_view text, nsip_from& from) {
 bool parse_addr_spec(std::string_view text, nsip_from& from) {
   const std::string_view uri = text.substr(0, text.find(';'));
   return uri.find_first_of(",?") == std::string_view::npos &&
-         parse_uri_into(trim_right(uri), from) &&
+         parse_uri_into(base::TrimRight(uri), from) &&
          parse_params(text.substr(uri.size()), from.params);
 }
 
@@ -47,6 +48,8 @@ bool parse_bracketed(std::string_view text, nsip_from& from) {
          parse_params(text.substr(end + 1), from.params);
 }
 
+}  // namespace
+
 bool parse_address(std::string_view text, nsip_from& from) {
   if (text.starts_with('"')) {
     const std::size_t length = quoted_length(text);
@@ -54,7 +57,7 @@ bool parse_address(std::string_view text, nsip_from& from) {
       return false;
     }
     from.displayname = unquote(text.substr(0, length));
-    return parse_bracketed(trim_left(text.substr(length)), from);
+    return parse_bracketed(base::TrimLeft(text.substr(length)), from);
   }
   const std::size_t open = text.find('<');
   const std::size_t quote = text.find('"');
@@ -68,11 +71,9 @@ bool parse_address(std::string_view text, nsip_from& from) {
     }
     from = nsip_from();
   }
-  from.displayname = trim_right(text.substr(0, open));
+  from.displayname = base::TrimRight(text.substr(0, open));
   return parse_bracketed(text.substr(open), from);
 }
-
-}  // namespace
 
 bool append_address(const nsip_from& from, std::string& text) {
   if (from.url == nullptr || !is_clean(from.displayname)) {
@@ -94,7 +95,7 @@ bool append_address(const nsip_from& from, std::string& text) {
 }  // namespace nsip
 
 bool nsip_from_parse(std::string_view text, nsip_from& from) {
-  text = nsip::trim(text);
+  text = base::Trim(text);
   if (text.size() > kNsipMaxMessage || !nsip::is_clean(text)) {
     return false;
   }

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/nsip.h"
 #include "nsip/params.h"
@@ -15,11 +16,11 @@ namespace {
 bool take_auth_param(std::string_view& text, nsip_generic_param& param) {
   std::size_t length = span_of(text, kToken);
   param.name = text.substr(0, length);
-  text = trim_left(text.substr(length));
+  text = base::TrimLeft(text.substr(length));
   if (length == 0 || !text.starts_with('=')) {
     return false;
   }
-  text = trim_left(text.substr(1));
+  text = base::TrimLeft(text.substr(1));
   const bool quoted = text.starts_with('"');
   length = quoted ? quoted_length(text) : span_of(text, kToken);
   if (length == 0) {
@@ -27,7 +28,7 @@ bool take_auth_param(std::string_view& text, nsip_generic_param& param) {
   }
   param.value = quoted ? unquote(text.substr(0, length)) : std::string(text.substr(0, length));
   param.has_value = true;
-  text = trim_left(text.substr(length));
+  text = base::TrimLeft(text.substr(length));
   return true;
 }
 
@@ -35,14 +36,14 @@ bool take_auth_param(std::string_view& text, nsip_generic_param& param) {
 }  // namespace nsip
 
 bool nsip_auth_params_parse(std::string_view text, std::string& scheme, nsip_param_list& params) {
-  text = nsip::trim(text);
+  text = base::Trim(text);
   const std::size_t length = nsip::span_of(text, nsip::kToken);
-  if (length == 0 || length == text.size() || !nsip::is_wsp(text[length]) ||
+  if (length == 0 || length == text.size() || !base::IsBlank(text[length]) ||
       text.size() > kNsipMaxMessage || !nsip::is_clean(text)) {
     return false;
   }
   const std::string_view word = text.substr(0, length);
-  text = nsip::trim_left(text.substr(length));
+  text = base::TrimLeft(text.substr(length));
   nsip_param_list result;
   for (;;) {
     nsip_generic_param param;
@@ -55,7 +56,7 @@ bool nsip_auth_params_parse(std::string_view text, std::string& scheme, nsip_par
     if (text.front() != ',') {
       return false;
     }
-    text = nsip::trim_left(text.substr(1));
+    text = base::TrimLeft(text.substr(1));
   }
   scheme = word;
   params = std::move(result);

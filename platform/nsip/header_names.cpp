@@ -1,5 +1,6 @@
 #include "nsip/header_names.h"
 
+#include "base/text.h"
 #include "nsip/chars.h"
 
 namespace nsip {
@@ -9,7 +10,7 @@ std::string_view full_header_name(std::string_view name) {
   if (name.size() != 1) {
     return name;
   }
-  switch (to_lower(name.front())) {
+  switch (base::LowerCase(name.front())) {
     case 'a':
       return "Accept-Contact";
     case 'b':
@@ -74,7 +75,7 @@ HeaderId header_id(std::string_view name) {
   };
   name = full_header_name(name);
   for (const Entry& entry : kEntries) {
-    if (iequals(entry.name, name)) {
+    if (base::EqualNoCase(entry.name, name)) {
       return entry.id;
     }
   }
@@ -82,7 +83,7 @@ HeaderId header_id(std::string_view name) {
 }
 
 bool same_header_name(std::string_view a, std::string_view b) {
-  return iequals(full_header_name(a), full_header_name(b));
+  return base::EqualNoCase(full_header_name(a), full_header_name(b));
 }
 
 }  // namespace nsip

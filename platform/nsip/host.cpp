@@ -16,10 +16,24 @@ constexpr std::size_t kMaxLabel = 63;
 
 using Ipv6Address = std::array<unsigned char, sizeof(in6_addr)>;
 
-bool parse_ipv4(std::string_view text) {
-  in_addr address{};
-  return text.size() < INET_ADDRSTRLEN &&
-         inet_pton(AF_INET, std::string(text).c_str(), &address) == 1;
+// Four numbers up to 255 without leading zeros, as inet_pton reads them.
+bool is_ipv4(std::string_view text) {
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0) {
+      if (!text.starts_with('.')) {
+        return false;
+      }
+      text.remove_prefix(1);
+    }
+    const std::size_t digits = span_of(text, kDigit);
+    std::uint32_t number = 0;
+    if (digits == 0 || digits > 3 || (digits > 1 && text.front() == '0') ||
+        !parse_number(text.substr(0, digits), 255, number)) {
+      return false;
+    }
+    text.remove_prefix(digits);
+  }
+  return text.empty();
 }
 
 bool parse_ipv6_reference(std::string_view text, Ipv6Address& address) {
@@ -32,19 +46,8 @@ bool parse_ipv6_reference(std::string_view text, Ipv6Address& address) {
          inet_pton(AF_INET6, inner.c_str(), address.data()) == 1;
 }
 
-// The grammar has no '_', but names of hosts in private networks do.
-bool is_label(std::string_view label) {
-  if (label.empty() || label.size() > kMaxLabel || label.front() == '-' || label.back() == '-') {
-    return false;
-  }
-  for (const char c : label) {
-    if (!is(c, kAlpha | kDigit) && c != '-' && c != '_') {
-      return false;
-    }
-  }
-  return true;
-}
-
+// Labels with dots between them; one dot may end the whole. The grammar has no '_', but names of
+// hosts in private networks do.
 bool is_hostname(std::string_view text) {
   if (text.size() > kMaxName) {
     return false;
@@ -52,18 +55,21 @@ bool is_hostname(std::string_view text) {
   if (text.ends_with('.')) {
     text.remove_suffix(1);
   }
-  for (;;) {
-    const std::size_t dot = text.find('.');
-    const std::string_view label = text.substr(0, dot);
-    if (!is_label(label)) {
+  std::size_t begin = 0;  // of the label
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '.') {
+      if (i == begin || i - begin > kMaxLabel || text[i - 1] == '-') {
+        return false;
+      }
+      begin = i + 1;
+    } else if (!is(c, kAlpha | kDigit) && c != '_' && (c != '-' || i == begin)) {
       return false;
     }
-    if (dot == std::string_view::npos) {
-      // A last label that starts with a digit would be an IPv4 address gone wrong.
-      return !is(label.front(), kDigit);
-    }
-    text.remove_prefix(dot + 1);
   }
+  // A last label that starts with a digit would be an IPv4 address gone wrong.
+  return begin < text.size() && text.size() - begin <= kMaxLabel && text.back() != '-' &&
+         !is(text[begin], kDigit);
 }
 
 }  // namespace
@@ -73,11 +79,7 @@ bool is_host(std::string_view text) {
     Ipv6Address address{};
     return parse_ipv6_reference(text, address);
   }
-  if (is_hostname(text)) {
-    return true;
-  }
-  return all_of(text.substr(0, 1), kDigit) && text.find('\0') == std::string_view::npos &&
-         parse_ipv4(text);
+  return is_hostname(text) || is_ipv4(text);
 }
 
 bool parse_port(std::string_view text, int& port) {
@@ -99,12 +101,12 @@ bool parse_hostport(std::string_view text, bool spaces, std::string& host, int& 
   port = 0;
   if (colon != std::string_view::npos) {
     const std::string_view digits = text.substr(colon + 1);
-    if (!parse_port(spaces ? trim(digits) : digits, port)) {
+    if (!parse_port(spaces ? base::Trim(digits) : digits, port)) {
       return false;
     }
   }
   if (spaces) {
-    name = trim(name);
+    name = base::Trim(name);
   }
   if (!is_host(name)) {
     return false;
@@ -120,7 +122,7 @@ bool append_hostport(const std::string& host, int port, std::string& text) {
   text += host;
   if (port != 0) {
     text += ':';
-    text += std::to_string(port);
+    append_number(static_cast<std::uint32_t>(port), text);
   }
   return true;
 }
@@ -144,7 +146,7 @@ bool same_host(std::string_view a, std::string_view b) {
   if (parse_ipv6_reference(a, address_a) && parse_ipv6_reference(b, address_b)) {
     return address_a == address_b;
   }
-  return iequals(a, b);
+  return base::EqualNoCase(a, b);
 }
 
 }  // namespace nsip

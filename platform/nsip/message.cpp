@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/header_names.h"
 #include "nsip/nsip.h"
@@ -115,7 +116,7 @@ int nsip_message_get_p_associated_uri(nsip_message* msg, int pos, nsip_from** hd
   if (pos == 0 || msg->cache == nullptr) {
     std::string source;
     for (const auto& header : msg->headers.items) {
-      if (header != nullptr && nsip::iequals(header->hname, kPAssociatedUri)) {
+      if (header != nullptr && base::EqualNoCase(header->hname, kPAssociatedUri)) {
         source += header->hvalue;
         source += '\n';
       }
@@ -130,7 +131,7 @@ int nsip_message_get_p_associated_uri(nsip_message* msg, int pos, nsip_from** hd
         std::vector<std::string_view> texts;
         // The header may be empty (RFC 7315 §5.1). A rest with an open quote is an entry that
         // cannot be read.
-        if (!nsip::trim(line).empty() && !nsip::split_list(line, texts)) {
+        if (!base::Trim(line).empty() && !nsip::split_list(line, texts)) {
           texts.back() = {};
         }
         for (const std::string_view text : texts) {

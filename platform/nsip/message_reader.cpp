@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/text.h"
+#include "nsip/address.h"
 #include "nsip/chars.h"
 #include "nsip/header_names.h"
 #include "nsip/nsip.h"
@@ -17,6 +19,7 @@ namespace nsip {
 namespace {
 
 constexpr std::string_view kVersion = "SIP/2.0";
+constexpr std::size_t kUsualHeaders = 8;
 constexpr std::size_t kMaxHeaders = 256;  // header lines, and entries of one kind of list
 
 // Reads one text; for one call, on one thread. The text must outlive the reader.
@@ -51,14 +54,15 @@ class MessageReader {
   bool read_contacts(std::string_view value);
   bool read_addresses(std::string_view value, const char* reason,
                       std::vector<std::unique_ptr<nsip_from>>& out);
-  bool split(std::string_view value, std::size_t present, std::vector<std::string_view>& entries);
+  bool split(std::string_view value, std::size_t present);  // into entries_
   bool check_mandatory();
   bool read_body();
 
   std::string_view rest_;
   std::unique_ptr<nsip_message> message_;
   const char* reason_ = "";
-  unsigned seen_ = 0;  // bits of the single-value headers read so far
+  std::vector<std::string_view> entries_;  // of the list that is being read; kept for its capacity
+  unsigned seen_ = 0;                      // bits of the single-value headers read so far
   bool has_content_length_ = false;
   std::uint32_t content_length_ = 0;
 };
@@ -88,11 +92,12 @@ bool MessageReader::read_start_line() {
   if (!next_line(line)) {
     return false;
   }
-  return iequals(line.substr(0, 4), "SIP/") ? read_status_line(line) : read_request_line(line);
+  return base::EqualNoCase(line.substr(0, 4), "SIP/") ? read_status_line(line)
+                                                      : read_request_line(line);
 }
 
 bool MessageReader::read_status_line(std::string_view line) {
-  if (!iequals(line.substr(0, line.find(' ')), kVersion)) {
+  if (!base::EqualNoCase(line.substr(0, line.find(' ')), kVersion)) {
     return fail("SIP version is not 2.0");
   }
   line.remove_prefix(kVersion.size());
@@ -113,7 +118,7 @@ bool MessageReader::read_request_line(std::string_view line) {
   if (first == last) {
     return fail("bad request line");
   }
-  if (!iequals(line.substr(last + 1), kVersion)) {
+  if (!base::EqualNoCase(line.substr(last + 1), kVersion)) {
     return fail("SIP version is not 2.0");
   }
   message_->sip_method = line.substr(0, first);
@@ -141,19 +146,19 @@ bool MessageReader::read_headers() {
       return fail("too many headers");
     }
     const std::size_t colon = line.find(':');
-    const std::string_view name = trim_right(line.substr(0, colon));
+    const std::string_view name = base::TrimRight(line.substr(0, colon));
     if (colon == std::string_view::npos || !nsip_is_token(name)) {
       return fail("bad header line");
     }
-    std::string_view value = trim(line.substr(colon + 1));
+    std::string_view value = base::Trim(line.substr(colon + 1));
     // A fold and the white space around it are one space (RFC 3261 §7.3.1).
-    if (!rest_.empty() && is_wsp(rest_.front())) {
+    if (!rest_.empty() && base::IsBlank(rest_.front())) {
       folded = value;
-      while (!rest_.empty() && is_wsp(rest_.front())) {
+      while (!rest_.empty() && base::IsBlank(rest_.front())) {
         if (!next_line(line)) {
           return false;
         }
-        line = trim(line);
+        line = base::Trim(line);
         if (!line.empty() && !folded.empty()) {
           folded += ' ';
         }
@@ -182,7 +187,9 @@ bool MessageReader::read_header(std::string_view name, std::string_view value) {
       auto header = std::make_unique<nsip_header>();
       header->hname = full_header_name(name);
       header->hvalue = value;
-      message_->headers.items.push_back(std::move(header));
+      auto& items = message_->headers.items;
+      if (items.empty()) items.reserve(kUsualHeaders);
+      items.push_back(std::move(header));
       return true;
     }
     default:
@@ -227,7 +234,7 @@ bool MessageReader::read_number(std::string_view value, std::uint32_t limit, con
 bool MessageReader::read_address(std::string_view value, const char* reason,
                                  std::unique_ptr<nsip_from>& out) {
   out = std::make_unique<nsip_from>();
-  return nsip_from_parse(value, *out) || fail(reason);
+  return parse_address(value, *out) || fail(reason);
 }
 
 bool MessageReader::read_call_id(std::string_view value) {
@@ -240,7 +247,7 @@ bool MessageReader::read_call_id(std::string_view value) {
 
 bool MessageReader::read_cseq(std::string_view value) {
   const std::size_t digits = span_of(value, kDigit);
-  const std::string_view method = trim_left(value.substr(digits));
+  const std::string_view method = base::TrimLeft(value.substr(digits));
   if (method.size() == value.size() - digits || !nsip_is_token(method) ||
       !parse_number(value.substr(0, digits), UINT32_MAX, message_->cseq_number)) {
     return fail("bad CSeq");
@@ -249,17 +256,16 @@ bool MessageReader::read_cseq(std::string_view value) {
   return true;
 }
 
-bool MessageReader::split(std::string_view value, std::size_t present,
-                          std::vector<std::string_view>& entries) {
-  return split_list(value, entries) && entries.size() + present <= kMaxHeaders;
+bool MessageReader::split(std::string_view value, std::size_t present) {
+  entries_.clear();
+  return split_list(value, entries_) && entries_.size() + present <= kMaxHeaders;
 }
 
 bool MessageReader::read_vias(std::string_view value) {
-  std::vector<std::string_view> entries;
-  if (!split(value, message_->vias.size(), entries)) {
+  if (!split(value, message_->vias.size())) {
     return fail("bad Via");
   }
-  for (const std::string_view entry : entries) {
+  for (const std::string_view entry : entries_) {
     auto via = std::make_unique<nsip_via>();
     if (!parse_via(entry, *via)) {
       return fail("bad Via");
@@ -284,11 +290,10 @@ bool MessageReader::read_contacts(std::string_view value) {
 
 bool MessageReader::read_addresses(std::string_view value, const char* reason,
                                    std::vector<std::unique_ptr<nsip_from>>& out) {
-  std::vector<std::string_view> entries;
-  if (!split(value, out.size(), entries)) {
+  if (!split(value, out.size())) {
     return fail(reason);
   }
-  for (const std::string_view entry : entries) {
+  for (const std::string_view entry : entries_) {
     std::unique_ptr<nsip_from> address;
     if (!read_address(entry, reason, address)) {
       return false;

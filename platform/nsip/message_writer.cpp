@@ -35,7 +35,7 @@ bool append_start_line(const nsip_message& msg, std::string& text) {
     return false;
   }
   text += "SIP/2.0 ";
-  text += std::to_string(msg.status_code);
+  append_number(static_cast<std::uint32_t>(msg.status_code), text);
   text += ' ';
   text += msg.reason_phrase;
   text += kEnd;
@@ -92,13 +92,13 @@ bool append_call(const nsip_message& msg, std::string& text) {
   text += "Call-ID: ";
   text += msg.call_id;
   text += "\r\nCSeq: ";
-  text += std::to_string(msg.cseq_number);
+  append_number(msg.cseq_number, text);
   text += ' ';
   text += msg.cseq_method;
   text += kEnd;
   if (msg.max_forwards >= 0) {
     text += "Max-Forwards: ";
-    text += std::to_string(msg.max_forwards);
+    append_number(static_cast<std::uint32_t>(msg.max_forwards), text);
     text += kEnd;
   }
   return true;

@@ -2,11 +2,14 @@
 
 #include <utility>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/quoted.h"
 
 namespace nsip {
 namespace {
+
+constexpr std::size_t kUsualParams = 2;
 
 bool is_uri_param_text(std::string_view text) {
   return !text.empty() && all_of_or_escaped(text, kUriParam);
@@ -34,33 +37,34 @@ bool add_param(nsip_param_list& params, nsip_generic_param&& param) {
   if (params.size() >= kMaxParams || find_param(params, param.name) != nullptr) {
     return false;
   }
+  if (params.empty()) params.reserve(kUsualParams);
   params.push_back(std::move(param));
   return true;
 }
 
 bool parse_params(std::string_view text, nsip_param_list& params) {
-  text = trim(text);
+  text = base::Trim(text);
   while (!text.empty()) {
     if (text.front() != ';') {
       return false;
     }
-    text = trim_left(text.substr(1));
+    text = base::TrimLeft(text.substr(1));
     std::size_t length = span_of(text, kToken);
     if (length == 0) {
       return false;
     }
     nsip_generic_param param;
     param.name = text.substr(0, length);
-    text = trim_left(text.substr(length));
+    text = base::TrimLeft(text.substr(length));
     if (text.starts_with('=')) {
-      text = trim_left(text.substr(1));
+      text = base::TrimLeft(text.substr(1));
       length = text.starts_with('"') ? quoted_length(text) : span_of(text, kPlainValue);
       if (length == 0) {
         return false;
       }
       param.value = text.substr(0, length);
       param.has_value = true;
-      text = trim_left(text.substr(length));
+      text = base::TrimLeft(text.substr(length));
     }
     if (!add_param(params, std::move(param))) {
       return false;
@@ -120,7 +124,7 @@ bool append_uri_params(const nsip_param_list& params, std::string& text) {
 
 const nsip_generic_param* find_param(const nsip_param_list& params, std::string_view name) {
   for (const nsip_generic_param& param : params) {
-    if (iequals(param.name, name)) {
+    if (base::EqualNoCase(param.name, name)) {
       return &param;
     }
   }

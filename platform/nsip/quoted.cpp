@@ -1,5 +1,6 @@
 #include "nsip/quoted.h"
 
+#include "base/text.h"
 #include "nsip/chars.h"
 
 namespace nsip {
@@ -56,7 +57,7 @@ bool split_list(std::string_view text, std::vector<std::string_view>& entries) {
       const std::size_t end = text.find('>', i);
       step = end == std::string_view::npos ? 0 : end - i + 1;
     } else if (text[i] == ',') {
-      entries.push_back(trim(text.substr(start, i - start)));
+      entries.push_back(base::Trim(text.substr(start, i - start)));
       start = i + 1;
     }
     if (step == 0) {
@@ -65,7 +66,7 @@ bool split_list(std::string_view text, std::vector<std::string_view>& entries) {
     }
     i += step;
   }
-  entries.push_back(trim(text.substr(start)));
+  entries.push_back(base::Trim(text.substr(start)));
   return complete;
 }
 

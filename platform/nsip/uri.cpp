@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/host.h"
 #include "nsip/params.h"
@@ -67,7 +68,7 @@ bool parse_sip_part(std::string_view text, nsip_uri& uri) {
 }  // namespace
 
 bool is_sip_scheme(std::string_view scheme) {
-  return iequals(scheme, "sip") || iequals(scheme, "sips");
+  return base::EqualNoCase(scheme, "sip") || base::EqualNoCase(scheme, "sips");
 }
 
 bool append_uri(const nsip_uri& uri, std::string& text) {
@@ -106,24 +107,25 @@ bool append_uri(const nsip_uri& uri, std::string& text) {
 
 }  // namespace nsip
 
-bool nsip_uri_parse(std::string_view text, nsip_uri& uri) {
+bool nsip::parse_uri(std::string_view text, nsip_uri& uri) {
   const std::size_t colon = text.find(':');
   if (text.size() > kNsipMaxMessage || colon == std::string_view::npos ||
-      !nsip::is_scheme(text.substr(0, colon))) {
+      !is_scheme(text.substr(0, colon))) {
     return false;
   }
-  nsip_uri result;
-  result.scheme = nsip::lower(text.substr(0, colon));
+  uri.scheme = base::LowerCase(text.substr(0, colon));
   text.remove_prefix(colon + 1);
-  if (nsip::is_sip_scheme(result.scheme)) {
-    if (!nsip::parse_sip_part(text, result)) {
-      return false;
-    }
-  } else {
-    result.opaque = text;
-    if (text.empty() || !nsip::all_of_or_escaped(text, nsip::kOpaque)) {
-      return false;
-    }
+  if (is_sip_scheme(uri.scheme)) {
+    return parse_sip_part(text, uri);
+  }
+  uri.opaque = text;
+  return !text.empty() && all_of_or_escaped(text, kOpaque);
+}
+
+bool nsip_uri_parse(std::string_view text, nsip_uri& uri) {
+  nsip_uri result;
+  if (!nsip::parse_uri(text, result)) {
+    return false;
   }
   uri = std::move(result);
   return true;

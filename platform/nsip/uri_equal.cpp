@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/text.h"
 #include "nsip/chars.h"
 #include "nsip/host.h"
 #include "nsip/nsip.h"
@@ -46,7 +47,7 @@ bool equal_with_case(std::string_view a, std::string_view b) {
 }
 
 bool equal_without_case(std::string_view a, std::string_view b) {
-  return iequals(a, b) || iequals(nsip_uri_normal(a), nsip_uri_normal(b));
+  return base::EqualNoCase(a, b) || base::EqualNoCase(nsip_uri_normal(a), nsip_uri_normal(b));
 }
 
 const nsip_generic_param* find_equal_name(const nsip_param_list& params, std::string_view name) {
@@ -82,7 +83,7 @@ std::vector<std::string> sorted_headers(std::string_view text) {
   std::vector<std::string> headers;
   while (!text.empty()) {
     const std::string_view header = text.substr(0, text.find('&'));
-    headers.push_back(lower(nsip_uri_normal(header)));
+    headers.push_back(base::LowerCase(nsip_uri_normal(header)));
     text.remove_prefix(std::min(text.size(), header.size() + 1));
   }
   std::sort(headers.begin(), headers.end());
@@ -93,7 +94,7 @@ std::vector<std::string> sorted_headers(std::string_view text) {
 }  // namespace nsip
 
 bool nsip_uri_equal(const nsip_uri& a, const nsip_uri& b) {
-  if (!nsip::iequals(a.scheme, b.scheme)) {
+  if (!base::EqualNoCase(a.scheme, b.scheme)) {
     return false;
   }
   if (!nsip::is_sip_scheme(a.scheme)) {
