@@ -1,4 +1,4 @@
-// The parts that a registration's cost is made of, each by itself: reading an answer, writing a
+// The parts that a registration's cost is made of, each by itself: reading a response, writing a
 // REGISTER, the documents of the bus, the digest, timers, and the way of a notification.
 
 #include <benchmark/benchmark.h>
@@ -30,7 +30,7 @@ constexpr char kRequest[] =
     "Expires: 3600\r\n"
     "Content-Length: 0\r\n\r\n";
 
-// What all answers begin with.
+// What all responses begin with.
 constexpr char kAnswer[] =
     "Via: SIP/2.0/UDP 127.0.0.1:57699;branch=z9hG4bK8157171c8b42aefc0c3c3dc28975d8e9;rport=57699;"
     "received=127.0.0.1\r\n"

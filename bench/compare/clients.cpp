@@ -23,7 +23,7 @@ constexpr auto kRunDeadline = 90s;
 constexpr int kSippRate = 100000;
 constexpr int kSippCalls = 1000;
 constexpr int kSippKeptRate = 50000;
-constexpr auto kSippGrace = 20ms;  // for the last answers, once the registrar has sent them
+constexpr auto kSippGrace = 20ms;  // for the last responses, once the registrar has sent them
 
 json ParseLine(const std::string& line) { return json::parse(line, nullptr, false); }
 

@@ -14,7 +14,7 @@
 namespace bench {
 namespace {
 
-// Answers to ten thousand requests at once, with the kernel's overhead for each.
+// Responses to ten thousand requests at once, with the kernel's overhead for each.
 constexpr int kBuffer = 64 * 1024 * 1024;
 
 }  // namespace

@@ -1,5 +1,5 @@
 // floor_client: what registering costs at least. One thread and one socket write a REGISTER for
-// each user, read the answers and refresh in time: the same bytes on the wire as the product, with
+// each user, read the responses and refresh in time: the same bytes on the wire as the product, with
 // nothing behind them. It prints one JSON object.
 
 #include <algorithm>
@@ -164,22 +164,22 @@ void Client::OnChallenge(std::size_t index, std::string_view challenge) {
 }
 
 void Client::Take(std::string_view text) {
-  bench::SipLines answer;
-  if (!bench::ReadLines(text, answer) || answer.call_id.size() < 9 + 32) return;
-  const char* const id = answer.call_id.data() + 9;
+  bench::SipLines response;
+  if (!bench::ReadLines(text, response) || response.call_id.size() < 9 + 32) return;
+  const char* const id = response.call_id.data() + 9;
   std::uint64_t index = registrations_.size();
   std::uint64_t call = 0;
   std::from_chars(id, id + 16, index, 16);
   std::from_chars(id + 16, id + 32, call, 16);
   if (index >= registrations_.size()) return;
   Registration& registration = registrations_[index];
-  const auto cseq = bench::NumberBehind(answer.cseq, "CSeq:", -1);
+  const auto cseq = bench::NumberBehind(response.cseq, "CSeq:", -1);
   if (!registration.waiting || registration.call != call || cseq != registration.cseq) return;
   registration.waiting = false;
-  const auto status = static_cast<int>(bench::NumberBehind(answer.start, "SIP/2.0 ", 0));
-  if (status == 401) return OnChallenge(index, answer.challenge);
+  const auto status = static_cast<int>(bench::NumberBehind(response.start, "SIP/2.0 ", 0));
+  if (status == 401) return OnChallenge(index, response.challenge);
   if (status == 200) {
-    const auto granted = bench::NumberBehind(answer.contact, ";expires=", 0);
+    const auto granted = bench::NumberBehind(response.contact, ";expires=", 0);
     if (options_.hold_s > 0) {
       due_.emplace_back(
           bench::Now() + static_cast<std::int64_t>(options_.refresh_at *

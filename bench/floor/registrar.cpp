@@ -80,8 +80,8 @@ class Registrar {
   };
 
   void Take(std::string_view text, const sockaddr_in& from);
-  void Answer(const bench::SipLines& request, const sockaddr_in& from);
-  [[nodiscard]] std::string_view Decide(const bench::SipLines& request, std::int64_t wish);
+  void Respond(const bench::SipLines& request, const sockaddr_in& from);
+  [[nodiscard]] std::string_view Decide(const bench::SipLines& request, std::int64_t requested);
   void Reply(std::size_t size, const sockaddr_in& to);
   void Forget(bool counters);
   void Tick();
@@ -169,18 +169,18 @@ void Registrar::Take(std::string_view text, const sockaddr_in& from) {
   } else if (Chance(options_.loss)) {
     ++counters_.lost;
   } else {
-    Answer(request, from);
+    Respond(request, from);
   }
 }
 
 // The status line, and what headers belong to that status.
-std::string_view Registrar::Decide(const bench::SipLines& request, std::int64_t wish) {
+std::string_view Registrar::Decide(const bench::SipLines& request, std::int64_t requested) {
   if (Chance(options_.unavailable)) {
     ++counters_.refused;
     return Chance(50) ? "SIP/2.0 503 Service Unavailable\r\n"
                       : "SIP/2.0 500 Server Internal Error\r\n";
   }
-  if (wish > 0 && wish < options_.min_expires && Chance(options_.too_brief)) {
+  if (requested > 0 && requested < options_.min_expires && Chance(options_.too_brief)) {
     ++counters_.refused;
     return "SIP/2.0 423 Interval Too Brief\r\n";
   }
@@ -194,12 +194,12 @@ std::string_view Registrar::Decide(const bench::SipLines& request, std::int64_t 
   return "SIP/2.0 401 Unauthorized\r\n";
 }
 
-void Registrar::Answer(const bench::SipLines& request, const sockaddr_in& from) {
+void Registrar::Respond(const bench::SipLines& request, const sockaddr_in& from) {
   if (counters_.first_at == 0) counters_.first_at = bench::Now();
-  std::int64_t wish = bench::NumberBehind(request.contact, ";expires=", -1);
-  if (wish < 0) wish = bench::NumberBehind(request.expires, "Expires:", kDefaultExpires);
-  wish = std::min(wish, options_.max_expires);
-  const std::string_view status = Decide(request, wish);
+  std::int64_t requested = bench::NumberBehind(request.contact, ";expires=", -1);
+  if (requested < 0) requested = bench::NumberBehind(request.expires, "Expires:", kDefaultExpires);
+  requested = std::min(requested, options_.max_expires);
+  const std::string_view status = Decide(request, requested);
 
   bench::SipWriter out(socket_.Room());
   out << status;
@@ -221,9 +221,9 @@ void Registrar::Answer(const bench::SipLines& request, const sockaddr_in& from) 
       << request.cseq << "\r\n";
   switch (status[8]) {
     case '2':
-      if (wish > 0) {
+      if (requested > 0) {
         out << "Contact: <" << bench::UriOf(request.contact)
-            << ">;expires=" << static_cast<std::uint64_t>(wish) << "\r\n";
+            << ">;expires=" << static_cast<std::uint64_t>(requested) << "\r\n";
       }
       break;
     case '4':
@@ -241,9 +241,10 @@ void Registrar::Answer(const bench::SipLines& request, const sockaddr_in& from) 
   }
   out << "Content-Length: 0\r\n\r\n";
   if (status[8] == '2') {
-    switch (book_.Register(
-        bench::UriOf(request.contact), request.call_id,
-        static_cast<std::uint32_t>(bench::NumberBehind(request.cseq, "CSeq:", 0)), wish, now_)) {
+    switch (
+        book_.Register(bench::UriOf(request.contact), request.call_id,
+                       static_cast<std::uint32_t>(bench::NumberBehind(request.cseq, "CSeq:", 0)),
+                       requested, now_)) {
       case bench::RegistrarBook::Kind::kNew:
         ++counters_.bound_new;
         counters_.last_new_at = bench::Now();
@@ -266,7 +267,7 @@ void Registrar::Reply(std::size_t size, const sockaddr_in& to) {
   if (Chance(options_.loss)) {
     ++counters_.lost;
   } else if (options_.delay_ms > 0) {
-    // Evenly spread up to twice the delay, so that answers overtake one another.
+    // Evenly spread up to twice the delay, so that responses overtake one another.
     const double delay = std::uniform_real_distribution<>(0, 2e6 * options_.delay_ms)(random_);
     delayed_.push(
         {now_ + static_cast<Nanoseconds>(delay), to, std::string(socket_.Room().data(), size)});
@@ -321,12 +322,12 @@ void Describe(CLI::App& app, Options& options) {
     app.add_option(name, value, what)->check(CLI::Range(0.0, 100.0));
   };
   percent("--loss", options.loss, "Lose so many percent of the datagrams, in each direction");
-  percent("--unavailable", options.unavailable, "Answer so many percent with 503 or 500");
+  percent("--unavailable", options.unavailable, "Refuse so many percent with 503 or 500");
   percent("--too-brief", options.too_brief,
-          "Answer so many percent of those that ask for less than --min-expires with 423");
+          "Refuse so many percent of those that ask for less than --min-expires with 423");
   app.add_option("--min-expires", options.min_expires, "The Min-Expires of a 423, in seconds")
       ->check(CLI::Range(0, 86400));
-  app.add_option("--delay", options.delay_ms, "Answer so many milliseconds late, on average")
+  app.add_option("--delay", options.delay_ms, "Respond so many milliseconds late, on average")
       ->check(CLI::Range(0.0, 60000.0));
   app.add_option("--restart", options.restart_s, "Forget bindings and nonces every so many seconds")
       ->check(CLI::Range(0.0, 86400.0));

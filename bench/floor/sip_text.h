@@ -22,7 +22,7 @@ struct SipLines {
   std::string_view credentials;
   std::string_view challenge;
 };
-// False when it is no message or lacks what an answer needs.
+// False when it is no message or lacks what a response needs.
 [[nodiscard]] bool ReadLines(std::string_view text, SipLines& lines);
 
 // The number behind this text in the line, or `otherwise`.

@@ -125,15 +125,15 @@ void BusHost::Stop(std::chrono::milliseconds deadline) {
   service_loaded_ = component_loaded_ = stack_runs_ = false;
 }
 
-std::string RegisterDocument(const RegisterWish& wish) {
+std::string RegisterDocument(const RegisterCommand& command) {
   std::string document = "<reg><aor>";
-  document.append(wish.aor).append("</aor><registrar>").append(wish.registrar);
-  document.append("</registrar><expires>").append(std::to_string(wish.expires));
+  document.append(command.aor).append("</aor><registrar>").append(command.registrar);
+  document.append("</registrar><expires>").append(std::to_string(command.expires));
   document += "</expires><auto-refresh>true</auto-refresh>";
-  if (wish.subscribe) document += "<subscribe>true</subscribe>";
-  if (wish.reregister) {
+  if (command.subscribe) document += "<subscribe>true</subscribe>";
+  if (command.reregister) {
     document += "<auto-reregister>true</auto-reregister><reregister-interval>" +
-                std::to_string(wish.reregister_interval) + "</reregister-interval>";
+                std::to_string(command.reregister_interval) + "</reregister-interval>";
   }
   return document + "</reg>";
 }

@@ -65,7 +65,7 @@ class BusHost {
 };
 
 // The document of a register command.
-struct RegisterWish {
+struct RegisterCommand {
   std::string_view aor;
   std::string_view registrar;
   int expires = 3600;
@@ -73,7 +73,7 @@ struct RegisterWish {
   bool reregister = false;
   int reregister_interval = 1;
 };
-[[nodiscard]] std::string RegisterDocument(const RegisterWish& wish);
+[[nodiscard]] std::string RegisterDocument(const RegisterCommand& command);
 
 // "127.0.0.1:5060" apart; false when the port is none.
 [[nodiscard]] bool SplitEndpoint(const std::string& text, std::string& address,

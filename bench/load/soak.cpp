@@ -277,7 +277,7 @@ void Soak::Handle(const bench::Notice& notice) {
     case bench::kNotifyState:
       if (notice.active || state == State::kLeaving) break;
       ++counts_.lost;
-      // Without the wish to come back the component has forgotten it.
+      // Unless it shall come back the component has forgotten it.
       if (slots_[slot].reregister) {
         Enter(slot, State::kLost, Between(0.2, 6));
       } else {
@@ -437,7 +437,8 @@ void Describe(CLI::App& app, Options& options) {
   app.add_option("--loss", options.loss, "Percent of the datagrams lost, in each direction")
       ->check(percent)
       ->capture_default_str();
-  app.add_option("--delay", options.delay_ms, "Milliseconds by which answers are late, on average")
+  app.add_option("--delay", options.delay_ms,
+                 "Milliseconds by which responses are late, on average")
       ->check(CLI::Range(0.0, 5000.0))
       ->capture_default_str();
   app.add_option("--unavailable", options.unavailable, "Percent answered with 503 or 500")
