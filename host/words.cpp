@@ -49,9 +49,10 @@ std::string Reason(const Notice& notice) {
   return text;
 }
 
-std::string DescribeFailure(const Notice& notice, const RegisterOptions& options, bool unanswered) {
+std::string DescribeFailure(const Notice& notice, const RegisterOptions& options,
+                            bool no_response) {
   if (notice.error_code == 0) {
-    if (unanswered) {
+    if (no_response) {
       return "Registration failed: no response came from " + options.registrar +
              ". Is the address right, and does the network let UDP through?" + Reason(notice);
     }
@@ -162,14 +163,14 @@ std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,
                            Circumstances circumstances) {
   switch (notice.id) {
     case reg::kNotifyOutcome:
-      if (notice.result != 0) return DescribeFailure(notice, options, circumstances.unanswered);
+      if (notice.result != 0) return DescribeFailure(notice, options, circumstances.no_response);
       return "Registered: the registrar holds a binding for " +
              Printable(notice.uri.empty() ? options.aor : notice.uri) + "." +
              (options.auto_refresh
                   ? " It is refreshed before it expires."
                   : " It is not refreshed and expires after the seconds that were granted.");
     case reg::kNotifyDeregistered:
-      if (circumstances.unanswered) {
+      if (circumstances.no_response) {
         return "Deregistered here, but no response came: the registrar may keep the binding until "
                "it expires.";
       }

@@ -15,7 +15,7 @@ namespace host {
 struct Circumstances {
   // No response came in time (true), or nothing could be sent (false). It matters only for
   // failures without a status, and for a deregistration, where true means that none came.
-  bool unanswered = false;
+  bool no_response = false;
   bool ending = false;  // the deregistration has begun
 };
 [[nodiscard]] std::string DescribeNotice(const Notice& notice, const RegisterOptions& options,

@@ -115,14 +115,14 @@ TEST_F(ServerTest, ACopyIsAbsorbedAndThenGetsTheResponseUntilTimerJ) {
   EXPECT_FALSE(sipcarrier::Respond(id, 200, "OK")) << "not the I/O thread";
   EXPECT_FALSE(RespondThere(id + 1, 200) || RespondThere(id, 180) || RespondThere(id, 200, "a\r\nInjected: b"));
   EXPECT_FALSE(RespondThere(id, 200, "a", "no token"));
-  const auto answered = Clock::now();
+  const auto responded = Clock::now();
   EXPECT_TRUE(RespondThere(id, 200, "value", "mine"));
   EXPECT_FALSE(RespondThere(id, 200)) << "a second response";
   const std::string response = peer.Receive();
   EXPECT_EQ(HeaderLine(response, "To") + HeaderLine(response, "X-Mine"), "<sip:alice@example.com>;tag=minevalue");
   EXPECT_EQ(Ask(peer, request), response);
   ASSERT_TRUE(Eventually([] { return GetCounters().server_transactions == 0; }));
-  EXPECT_GE(Clock::now() - answered, 1280ms);
+  EXPECT_GE(Clock::now() - responded, 1280ms);
   EXPECT_EQ(calls_, 1);
   peer.Send(request);  // late: a new one; without a response it ends, too
   ASSERT_TRUE(Eventually([&] { return calls_ == 2; }));

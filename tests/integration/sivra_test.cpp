@@ -1,4 +1,4 @@
-// Entries through the real stack, against a peer on loopback that answers as each test tells it.
+// Entries through the real stack, against a peer on loopback that responds as each test says.
 #include "sivra/sivra.h"
 
 #include <future>
@@ -65,7 +65,7 @@ class SivraTest : public StackTest {
     StartWith(config);
     ASSERT_EQ(Sipcarrier_RegisterHandler(&handler_), 0);
   }
-  void Answer(const std::string& request, int status, const std::string& headers = "") {
+  void Respond(const std::string& request, int status, const std::string& headers = "") {
     peer_.Send(ResponseTo(request, std::to_string(status) + " x", headers));
   }
   [[nodiscard]] std::string Reported(int event, const std::string& rest = "") const {
@@ -99,8 +99,8 @@ TEST_F(SivraTest, TheRequest) {
   const std::vector<std::string> own{OwnContact()};
   EXPECT_EQ(Contacts("<sip:%61lice@EXAMPLE.com>"), own);
   EXPECT_TRUE(Contacts("sip:alice@example.net").empty());
-  Answer(request, 100);
-  Answer(request, 423, "Min-Expires: 90\r\n");
+  Respond(request, 100);
+  Respond(request, 423, "Min-Expires: 90\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 423"));
 
   // A second binding of the same address of record is one of its own; a bare URI keeps its parameter.
@@ -130,7 +130,7 @@ TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
   const std::string first = peer_.Receive();
   ASSERT_TRUE(Register(id_, 61) && Register(id_, 62));
   EXPECT_EQ(peer_.Receive(100ms), "");
-  Answer(first, 200);
+  Respond(first, 200);
   EXPECT_EQ(handler_.Next(), Reported(26, " 200"));
   const std::string second = peer_.Receive();
   EXPECT_TRUE(HeaderLine(second, "Contact").ends_with(";expires=62")) << second;
@@ -140,16 +140,16 @@ TEST_F(SivraTest, OneInFlightOneWaitsAndTheNewestLeaves) {
   ASSERT_TRUE(Send(id_, std::move(removal)));
   Release(id_);
   EXPECT_EQ(sivra::EntryCount(), 1U);
-  Answer(second, 200);
+  Respond(second, 200);
   const std::string third = peer_.Receive();
   EXPECT_TRUE(HeaderLine(third, "Contact").ends_with(">;expires=0")) << third;
   EXPECT_EQ(HeaderLine(third, "Expires") + HeaderLine(third, "Call-ID"), "0" + HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(third), CSeq(second));
-  Answer(third, 401, Challenge("n1"));
+  Respond(third, 401, Challenge("n1"));
   const std::string fourth = peer_.Receive();
   EXPECT_TRUE(Has(HeaderLine(fourth, "Authorization"), "nonce=\"n1\"")) << fourth;
   EXPECT_EQ(HeaderLine(fourth, "Contact"), HeaderLine(third, "Contact"));
-  Answer(fourth, 200);
+  Respond(fourth, 200);
   EXPECT_EQ(handler_.Next(100ms), "");
   EXPECT_TRUE(Eventually([] { return sivra::EntryCount() == 0; }));
 }
@@ -158,15 +158,15 @@ TEST_F(SivraTest, Challenges) {
   ASSERT_TRUE(Register(id_));
   const std::string bare = peer_.Receive();
   EXPECT_EQ(HeaderLine(bare, "Authorization"), "");
-  Answer(bare, 401, Challenge("n1"));
+  Respond(bare, 401, Challenge("n1"));
   const std::string first = peer_.Receive();
   EXPECT_TRUE(HeaderLine(first, "Authorization").starts_with("Digest username=\"alice\"")) << first;
   EXPECT_GT(CSeq(first), CSeq(bare));
   // Other devices stand in the list too, one even at our address.
   const std::string own = HeaderLine(first, "Contact");
-  Answer(first, 200,
-         "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
-             ">;expires=2, " + own + "\r\n");
+  Respond(first, 200,
+          "Contact: <sip:alice@192.0.2.1>;expires=1\r\nContact: <sip:alice@" + sipcarrier::LocalEndpoints().at(0) +
+              ">;expires=2, " + own + "\r\n");
   EXPECT_EQ(handler_.Next(), Reported(26, " 200 " + own));
 
   // Under an associated URI: same Contact, Call-ID and account; authorised in advance.
@@ -177,20 +177,20 @@ TEST_F(SivraTest, Challenges) {
   EXPECT_TRUE(Has(HeaderLine(refresh, "To"), "sip:+4930@example.com")) << refresh;
   EXPECT_EQ(HeaderLine(refresh, "Contact") + HeaderLine(refresh, "Call-ID"), own + HeaderLine(first, "Call-ID"));
   EXPECT_GT(CSeq(refresh), CSeq(first));
-  Answer(refresh, 401, Challenge("n2", ",realm=r,stale=true"));
+  Respond(refresh, 401, Challenge("n2", ",realm=r,stale=true"));
   const std::string again = peer_.Receive();
   EXPECT_TRUE(Has(HeaderLine(again, "Authorization"), "nonce=\"n2\"")) << again;
-  Answer(again, 401, Challenge("n3"));  // the password has changed
+  Respond(again, 401, Challenge("n3"));  // the password has changed
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
   // A server that asks for a new realm each time does not keep us sending.
   ASSERT_TRUE(Register(id_));
   for (const char* realm : {"1", "2", "3", "4"}) {
-    Answer(peer_.Receive(), 401, Challenge("n", std::string(",realm=") + realm));
+    Respond(peer_.Receive(), 401, Challenge("n", std::string(",realm=") + realm));
   }
   EXPECT_EQ(handler_.Next(), Reported(26, " 401"));
 }
 
-TEST_F(SivraTest, NoAnswerUnsentAndStop) {
+TEST_F(SivraTest, NoResponseUnsentAndStop) {
   sipcarrier::Stop(0s);
   StartStack(5ms);
   ASSERT_TRUE(Register(id_));
@@ -216,7 +216,7 @@ TEST_F(SivraTest, NoAnswerUnsentAndStop) {
   const std::string request = peer_.Receive();
   EXPECT_GT(CSeq(request), 2);
   EXPECT_TRUE(Has(HeaderLine(request, "Contact"), OwnContact())) << request;
-  Answer(request, 200);
+  Respond(request, 200);
   // Some may be left of the run before.
   EXPECT_TRUE(Eventually([&] { return handler_.seen().back() == Reported(26, " 200"); }));
 }

@@ -112,7 +112,7 @@ void Registrar::Impl::Handle(const Peer& from) {
     ++counters.garbage;
     return;
   }
-  if (request->sip_method == "ACK") return;  // never answered (RFC 3261 §17)
+  if (request->sip_method == "ACK") return;  // it gets no response (RFC 3261 §17)
   const std::string key = TransactionKey(*request);
   const bool is_register = request->sip_method == "REGISTER";
   if (const ResponseCache::Entry* entry = responses.Find(key)) {
