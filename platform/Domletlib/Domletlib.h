@@ -100,6 +100,9 @@ class TOLVANE_PUBLIC CXML {
   // a document by hand.
   [[nodiscard]] static std::string Escape(std::string_view strText);
 
+  // Frees what the calling thread keeps to read its next document with.
+  static void TrimThread() noexcept;
+
  private:
   struct Document;
   [[nodiscard]] std::int32_t NextOnLevel() const noexcept;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "base/random.h"
 #include "Domletlib.h"
 
 namespace domlet {
@@ -46,11 +47,40 @@ constexpr XML_Memory_Handling_Suite kMemory{Allocate, Reallocate, Free};
 struct ParserDeleter {
   void operator()(XML_Parser parser) const noexcept { XML_ParserFree(parser); }
 };
+using ParserPtr = std::unique_ptr<XML_ParserStruct, ParserDeleter>;
+
+// A parser that has read its document, for the next one of this thread: making one costs more than
+// reading a command. It keeps the buffers that it has grown, so one that has read a large document
+// goes.
+constexpr std::size_t kKeptAfter = 16 * 1024;
+thread_local ParserPtr t_kept;
+
+// What the parser's tables are hashed with. Drawn once: left alone, each parser asks the system.
+unsigned long HashSalt() noexcept {
+  static const unsigned long salt = [] {
+    std::array<unsigned char, sizeof(unsigned long)> bytes{};
+    unsigned long drawn = 0;
+    if (base::FillRandom(bytes)) std::memcpy(&drawn, bytes.data(), sizeof drawn);
+    return drawn;  // 0: the parser finds one itself
+  }();
+  return salt;
+}
+
+ParserPtr TakeParser() {
+  ParserPtr parser = std::move(t_kept);
+  if (parser != nullptr && XML_ParserReset(parser.get(), nullptr) != XML_TRUE) parser.reset();
+  if (parser == nullptr) parser.reset(XML_ParserCreate_MM(nullptr, &kMemory, nullptr));
+  if (parser == nullptr) throw std::bad_alloc();
+  XML_SetHashSalt(parser.get(), HashSalt());
+  return parser;
+}
 
 // Room is made beforehand for an element in so many bytes, and an attribute in half as many. A text
 // that has more of them makes the tables grow; one full of "<" alone reserves for none that never
 // come.
 constexpr std::size_t kBytesForElement = 32;
+// Room to spare that is not worth an allocation to be rid of.
+constexpr std::size_t kSlack = 512;
 
 std::string At(std::size_t line, std::size_t column, std::string_view reason) {
   std::string error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
@@ -70,8 +100,7 @@ class Builder {
   Builder(std::string_view text, Tree& tree) : text_(text), tree_(tree) {}
 
   bool Run(std::string& error) {
-    parser_.reset(XML_ParserCreate_MM(nullptr, &kMemory, nullptr));
-    if (parser_ == nullptr) throw std::bad_alloc();
+    parser_ = TakeParser();
     XML_Parser parser = parser_.get();
     XML_SetUserData(parser, this);
     XML_SetElementHandler(parser, OnStart, OnEnd);
@@ -85,7 +114,10 @@ class Builder {
     if (out_of_memory_ || (!read && XML_GetErrorCode(parser) == XML_ERROR_NO_MEMORY)) {
       throw std::bad_alloc();
     }
-    if (read && refusal_ == nullptr) return true;
+    if (read && refusal_ == nullptr) {
+      if (text_.size() <= kKeptAfter) t_kept = std::move(parser_);
+      return true;
+    }
     if (refusal_ == nullptr) NotePosition();
     error = domlet::At(line_, column_,
                        refusal_ != nullptr ? refusal_ : XML_ErrorString(XML_GetErrorCode(parser)));
@@ -232,7 +264,7 @@ class Builder {
 
   std::string_view text_;
   Tree& tree_;
-  std::unique_ptr<XML_ParserStruct, ParserDeleter> parser_;
+  ParserPtr parser_;
   std::int32_t open_ = kNone;  // the innermost open element
   int depth_ = 0;
   // The texts of the open elements, outermost first. The innermost one is at the end, and only it
@@ -266,11 +298,16 @@ bool Parse(std::string_view text, Tree& tree, std::string& error) {
   }
   if (!Builder(text, tree).Run(error)) return false;
   // What was reserved by a guess, or by doubling, is kept for as long as the document.
-  tree.nodes.shrink_to_fit();
-  tree.attrs.shrink_to_fit();
-  tree.values.shrink_to_fit();
+  if (tree.Memory() > kSlack + tree.nodes.size() * sizeof(Node) + tree.attrs.size() * sizeof(Attr) +
+                          tree.values.size()) {
+    tree.nodes.shrink_to_fit();
+    tree.attrs.shrink_to_fit();
+    tree.values.shrink_to_fit();
+  }
   tree.source.assign(text);
   return true;
 }
 
 }  // namespace domlet
+
+void CXML::TrimThread() noexcept { domlet::t_kept.reset(); }

@@ -131,6 +131,7 @@ TEST(ReginfoSequence, EveryAllocationMayFailAndNothingLeaks) {
     long limit = 0;
     for (bool done = false; !done && limit < 1000; ++limit) {
       ReginfoSequence sequence(before);
+      CXML::TrimThread();
       const long alive = failing_new::Alive();
       failing_new::Limit(limit);
       try {
@@ -140,6 +141,7 @@ TEST(ReginfoSequence, EveryAllocationMayFailAndNothingLeaks) {
       }
       failing_new::Limit(-1);
       if (done) break;
+      CXML::TrimThread();
       ASSERT_EQ(failing_new::Alive(), alive) << limit;
       EXPECT_EQ(Told(sequence.Process(body, true, own)), expected) << limit;
     }
