@@ -32,7 +32,7 @@ fail() {
 wait_count() {
   local i
   for ((i = 0; i < $1 * 20; ++i)); do
-    (($(grep -c -- "$3" "$4" 2>/dev/null) >= $2)) && return 0
+    [[ $(grep -c -- "$3" "$4" 2>/dev/null) -ge $2 ]] && return 0
     sleep 0.05
   done
   fail "fewer than $2 lines with \"$3\" within $1 s"
