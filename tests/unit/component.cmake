@@ -8,4 +8,5 @@ target_link_libraries(tolvane_front_door PUBLIC tolvane_objects logging Sipcarri
 
 tolvane_test(component_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/component_states_test.cpp
              ${CMAKE_CURRENT_LIST_DIR}/component_timer_test.cpp ${CMAKE_CURRENT_LIST_DIR}/component_commands_test.cpp
-             ${CMAKE_CURRENT_LIST_DIR}/component_settings_test.cpp ${FAILING_NEW} LIBS tolvane_front_door)
+             ${CMAKE_CURRENT_LIST_DIR}/component_settings_test.cpp ${CMAKE_CURRENT_LIST_DIR}/component_end_test.cpp
+             ${FAILING_NEW} LIBS tolvane_front_door)

@@ -7,31 +7,35 @@
 //   TimerEvent, TimerProc and below      m_hThread, in its KD event loop
 //   SubNotifyProc                        the bus's delivery thread, under the registry's lock
 //   Release                              whoever ends the registration, under the registry's lock
-// g_oRegLock is held by Register, Deregister, Release, OnRegRsp, OnRegError and SubNotifyProc for
-// their whole run;
-// the library lock (sivra_lock) from build to send of a REGISTER. The timer's side takes only the
-// library lock.
+// g_oRegLock is held by SetRegInfo, Register, Deregister, Release, OnRegRsp, OnRegError and
+// SubNotifyProc for their whole run; the library lock (sivra_lock) from build to send of a REGISTER.
+// The timer's side takes only the library lock.
 //
 // Invariants:
 //   1. Every REGISTER carries the value that m_nExpires has when it is built.
 //   2. There is one timer handle: the refresh timer and the re-register timer are never set at the
-//   same time.
+//      same time.
 //   3. m_strDefaultUri differs from m_strAor only through a P-Associated-URI list.
 //   4. After Deregister no refresh leaves, until a new Register; after Release nothing leaves any
-//   more.
+//      more.
 //   5. Who may still name the object keeps it: see RegisterEnd.h.
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "ParserBaseImpl.h"
+#include "RegGlobal.h"
+#include "RegisterEnd.h"
 #include "registrationpackage.h"
 #include "Sipcarrier/Sipcarrier.h"
+#include "sivra/sivra.h"
+#include "StackIdIndex.h"
 #include "VorelKDCore/VorelKDCore.h"
 #include "Vorelkit/Vorelkit.h"
-#include "XMLParserImpl.h"
 
 enum E_REG_STATE {
   E_REG_STATE_UNREG = 0,     // no binding
@@ -87,7 +91,11 @@ struct ST_REG_EVENT {
 
 class CRegister {
  public:
-  CRegister() { ++s_nAlive; }
+  // Both live longer.
+  CRegister(CRegisterEnd& oEnd, CStackIdIndex& oStackIds)
+      : m_oEndNode(oEnd, this), m_oStackIds(oStackIds) {
+    ++s_nAlive;
+  }
   virtual ~CRegister() { --s_nAlive; }
   CRegister(const CRegister&) = delete;
   CRegister& operator=(const CRegister&) = delete;
@@ -96,28 +104,29 @@ class CRegister {
   static inline std::atomic<int> s_nAlive{0};
 
   // ---- commands (Register.cpp)
-  void SetRegInfo(const CRegMsg& stRegMsg);
+  void SetRegInfo(const CRegMsg& stRegMsg) TOLVANE_EXCLUDES(g_oRegLock);
   // Sends a REGISTER on the calling thread, which becomes the registration's own: it must run a KD
   // event loop.
-  int Register();
+  int Register() TOLVANE_EXCLUDES(g_oRegLock);
   // 0: started, or under way already; -1: failed, or nothing was registered; else the library's
   // result.
-  int Deregister(int bNoSend);
-  // Gives a live registration back and lets the library's entry go. Nothing leaves afterwards.
-  void Release();
+  int Deregister(int bNoSend) TOLVANE_EXCLUDES(g_oRegLock);
+  // Removes a live binding and lets the library's entry go. Nothing leaves afterwards.
+  void Release() TOLVANE_EXCLUDES(g_oRegLock);
   // The one road by which every REGISTER leaves. -1: not initialised or not built; else the
   // library's result.
-  int SendRegister();
+  int SendRegister() { return SendRegister(E_SEND_AGAIN); }
 
-  // ---- answers (RegisterRsp.cpp)
-  void OnRegRsp(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent);
-  void OnRegError(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent);
-  int IsInPAssociatedURI(const std::string& strUri);
+  // ---- responses (RegisterRsp.cpp)
+  void OnRegRsp(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent) TOLVANE_EXCLUDES(g_oRegLock);
+  void OnRegError(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent) TOLVANE_EXCLUDES(g_oRegLock);
+  int IsInPAssociatedURI(const std::string& strUri) TOLVANE_REQUIRES(g_oRegLock);
 
   // ---- the registrar's own view (RegisterSub.cpp)
   // Applies a reginfo document. 0: the record tells what it means, and is all 0 when nothing in the
   // document is about this registration; -1: it is no news, or unusable.
-  int SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent);
+  int SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent)
+      TOLVANE_EXCLUDES(g_oRegLock);
 
   // ---- timer (RegisterTimer.cpp)
   // The period in seconds of the refresh timer for an expiry of nExpires seconds.
@@ -125,17 +134,18 @@ class CRegister {
   static void PostThreadEvent(int nEvent, void* pUserPtr, KDThread* hThread);
   static void TimerEvent(const KDEvent* pEvent);
   static void TimerProc(const KDEvent* pEvent);
-  void RegTimerLock();
-  void RegTimerUnlock();
+  // For a client of the timer that does not exist yet; nothing here takes that mutex.
+  void RegTimerLock() TOLVANE_ACQUIRE(m_oTimerMutex);
+  void RegTimerUnlock() TOLVANE_RELEASE(m_oTimerMutex);
 
+  // Any thread, no lock: each is one word.
   int GetRegState() const { return m_eRegState; }
   int GetRegId() const { return m_stRegInfo.m_nId; }
   long GetStackRegId() const { return m_lStackRegId; }
   int GetSubscribeId() const { return m_nSubscribeId; }
   void SetSubscribeId(int nSubscribeId) { m_nSubscribeId = nSubscribeId; }
-  const std::string& GetDefaultUri() const { return m_strDefaultUri; }
-  // The registry's lock guards these two: a subscribe is on its way; nobody owes the subscription
-  // an end any more, since the client has said what is to become of it.
+  // A subscribe is on its way; nobody owes the subscription an end any more, since the client has
+  // said what is to become of it. Both change with the registry's lock held.
   bool IsSubExchanging() const { return m_bSubExchanging; }
   void SetSubExchanging(bool bExchanging) { m_bSubExchanging = bExchanging; }
   bool HasLeftSubscription() const { return m_bSubLeft; }
@@ -144,89 +154,132 @@ class CRegister {
   void SetSubscribeEnabled(int bEnabled) { m_bSubscribeEnabled = bEnabled; }
   void SetRefreshEnabled(int bEnabled) { m_bRefreshEnabled = bEnabled; }
   int IsAutoReregister() const { return m_stRegInfo.m_bAutoReregister; }
-  int IsTimerRunning() const { return m_bTimerRunning; }
+  int IsTimerRunning() const { return m_oEndNode.m_bTimerRunning; }
   void GetRetryAfter(int* pnSeconds) const { *pnSeconds = m_nRetryAfter; }
   int IsEventPost() const { return m_bEventPost; }
 
- private:
-  friend class CRegisterEnd;
+  // The URI that this registration registers under.
+  std::string GetDefaultUri() const TOLVANE_EXCLUDES(g_oRegLock);
+  CRegisterEnd::CNode& GetEndNode() { return m_oEndNode; }
 
-  // The new stack id, which the object has taken over, as has the manager's index; below 1:
-  // refused, nothing changed.
+ private:
+  // Of the command, with the addresses completed. Constant from SetRegInfo on, but for the expiry.
+  // What nobody reads ("contact-param", "require") is not kept.
+  struct ST_REG_INFO {
+    std::string m_strAor;
+    std::string m_strRegistrar;
+    std::unique_ptr<const std::string> m_pDisplayName;  // null: empty, as in most commands
+    std::unique_ptr<const std::string> m_pUserAgent;    // the same
+    std::atomic<int> m_nExpires{0};                     // seconds
+    int m_nReregisterInterval = 0;                      // seconds
+    int m_bAutoReregister = 0;
+    int m_nId = -1;
+  };
+  // What reginfo documents say; most registrations never see one.
+  struct ST_REG_VIEW {
+    CRegistrationTable m_oRegistrationTable;
+    std::string m_strContactId;  // of our own contact in the table
+  };
+  enum E_SEND { E_SEND_FIRST, E_SEND_REFRESH, E_SEND_AGAIN };
+
+  // The new stack id, which the object has taken over, as has the index; below 1: refused, nothing
+  // changed.
   long InitRegister(long lStackRegId, const std::string& strUri, const std::string& strDisplayName,
-                    const std::string& strRegistrar);
+                    const std::string& strRegistrar) TOLVANE_REQUIRES(g_oRegLock);
   static std::string ConstructUri(const std::string& strUri, const std::string& strDisplayName);
   static void AddSchema(std::string& strUri);
   // Registers under this URI from now on, unless the library refuses it.
-  void Readdress(const std::string& strUri);
-  int SendRegister(bool bRefresh);
-  bool CompleteRegister(nsip_message* pMsg);
-  void SetExpires(int nExpires);
-  int Deregister(int bNoSend, const VkLocker& oHeld);  // with g_oRegLock held
-  void RememberThread(KDThread* hThread);
+  void Readdress(const std::string& strUri) TOLVANE_REQUIRES(g_oRegLock);
+  const std::string& DefaultUri() const TOLVANE_REQUIRES(g_oRegLock);
+  int SendRegister(E_SEND eSend);
+  bool CompleteRegister(nsip_message* pMsg, int nExpires) TOLVANE_REQUIRES(sivra::library_lock);
+  int DeregisterLocked(int bNoSend) TOLVANE_REQUIRES(g_oRegLock);
   void StopTimerOnOwnThread();
 
   static char* NewText(std::string_view strText);
-  int OnRegSuccess(SipStackEvent* pEvent);
-  int OnRegFailure(SipStackEvent* pEvent);
-  int IntervalShort(SipStackEvent* pEvent);
-  void ReTry(SipStackEvent* pEvent);
-  void SetRegEventType(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent, int& eRegEventType);
+  int OnRegSuccess(SipStackEvent* pEvent) TOLVANE_REQUIRES(g_oRegLock);
+  int OnRegFailure(SipStackEvent* pEvent) TOLVANE_REQUIRES(g_oRegLock);
+  int IntervalShort(SipStackEvent* pEvent) TOLVANE_REQUIRES(g_oRegLock);
+  void ReTry(SipStackEvent* pEvent) TOLVANE_REQUIRES(g_oRegLock);
+  void SetRegEventType(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent, int& eRegEventType)
+      TOLVANE_REQUIRES(g_oRegLock);
   int GetExpiresFromService(nsip_message* pMsg);
   int GetMinExpiresFromService(nsip_message* pMsg);
-  int GetPAssociatedURIFromService(nsip_message* pMsg);
+  int GetPAssociatedURIFromService(nsip_message* pMsg) TOLVANE_REQUIRES(g_oRegLock);
   int GetWarnValue(SipStackEvent* pEvent, std::string& strWarnText);
 
-  bool IsOwnAor(const std::string& strAor);
-  int RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent);
-  void RegStateActive(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
-  void RegStateTerminated(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
-  void RegStatusRegistered(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
-  void RegStatusShorted(ST_REG_EVENT& stRegEvent);
-  void RegStatusExpired(const std::string& strEvent, ST_REG_EVENT& stRegEvent);
-  void SetUnregistered(int nEventWord, ST_REG_EVENT& stRegEvent);
-  void StopRefresh();
-  CXML* NewDeregisteredReply() const;
+  bool IsOwnAor(const std::string& strAor) TOLVANE_REQUIRES(g_oRegLock);
+  int RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent) TOLVANE_REQUIRES(g_oRegLock);
+  void RegStateActive(const std::string& strEvent, ST_REG_EVENT& stRegEvent)
+      TOLVANE_REQUIRES(g_oRegLock);
+  void RegStateTerminated(const std::string& strEvent, ST_REG_EVENT& stRegEvent)
+      TOLVANE_REQUIRES(g_oRegLock);
+  void RegStatusRegistered(const std::string& strEvent, ST_REG_EVENT& stRegEvent)
+      TOLVANE_REQUIRES(g_oRegLock);
+  void RegStatusShorted(ST_REG_EVENT& stRegEvent) TOLVANE_REQUIRES(g_oRegLock);
+  void RegStatusExpired(const std::string& strEvent, ST_REG_EVENT& stRegEvent)
+      TOLVANE_REQUIRES(g_oRegLock);
+  void SetUnregistered(int nEventWord, ST_REG_EVENT& stRegEvent) TOLVANE_REQUIRES(g_oRegLock);
+  void StopRefresh() TOLVANE_REQUIRES(g_oRegLock);
+  std::unique_ptr<CXML> NewDeregisteredReply() const;
 
   void StartTimer(KDint64 nSeconds);
   void StopTimer();
   void StopTimerIfRetired();
 
-  // Members that the timer's side reads without g_oRegLock are atomic: it may see them late, which
-  // is harmless, since a late firing finds the state changed and does nothing.
-  VkMutex m_oTimerMutex;
-  CXMLCRegMsg m_stRegInfo;  // m_nExpires: written with the library lock held, read with it or under
-                            // g_oRegLock
-  int m_bRefreshEnabled = 1;
-  int m_bSubscribeEnabled = 0;
-  std::atomic<int> m_bRefreshTimerOn{0};
-  std::atomic<int> m_nRefreshTime{0};  // seconds
+  // One for all: a mutex that nothing takes is not worth its bytes in every object.
+  static inline VkMutex m_oTimerMutex;
+
+  // The words that are read without g_oRegLock, by the timer's side, the manager or both, are
+  // atomic: a reader may see them late, which is harmless, since a late firing finds the state
+  // changed and does nothing.
+  CRegisterEnd::CNode m_oEndNode;
+  CStackIdIndex& m_oStackIds;
+  ST_REG_INFO m_stRegInfo;
+  // Empty while it is the address of record.
+  std::string m_strDefaultUri TOLVANE_GUARDED_BY(g_oRegLock);
+  std::vector<std::string> m_vecAssociatedUri TOLVANE_GUARDED_BY(g_oRegLock);
+  std::unique_ptr<ST_REG_VIEW> m_pView
+      TOLVANE_GUARDED_BY(g_oRegLock);  // from the first document on
   std::atomic<long> m_lStackRegId{0};  // below 1: not initialised, or released
-  int m_nSubscribeId = -1;
-  bool m_bSubExchanging = false;
-  bool m_bSubLeft = false;
-  CRegistrationTable m_oRegistrationTable;
-  std::string m_strContactId;  // of our own contact in the table
-  std::atomic<int> m_bReregTimerOn{0};
-  std::atomic<int> m_eRegState{E_REG_STATE_UNREG};
-  std::vector<std::string> m_vecAssociatedUri;
-  std::string m_strDefaultUri;
   std::atomic<KDTimer*> m_hTimer{nullptr};
   std::atomic<KDThread*> m_hThread{nullptr};
-  std::atomic<int> m_bTimerRunning{0};
-  int m_nRetryAfter = 0;  // seconds
-  int m_bEventPost = 1;
+  std::atomic<int> m_eRegState{E_REG_STATE_UNREG};
+  std::atomic<int> m_nRefreshTime{0};  // seconds
+  std::atomic<int> m_nRetryAfter{0};   // seconds
+  std::atomic<int> m_nSubscribeId{-1};
+  std::atomic<bool> m_bRefreshEnabled{true};
+  std::atomic<bool> m_bSubscribeEnabled{false};
+  std::atomic<bool> m_bRefreshTimerOn{false};
+  std::atomic<bool> m_bReregTimerOn{false};
+  std::atomic<bool> m_bEventPost{true};
+  std::atomic<bool> m_bSubExchanging{false};
+  std::atomic<bool> m_bSubLeft{false};
+  // Invariant 4.
+  bool m_bNoRefresh TOLVANE_GUARDED_BY(sivra::library_lock) = false;
+  bool m_bReleased TOLVANE_GUARDED_BY(sivra::library_lock) = false;
+};
 
-  // Invariant 4; both are written with the library lock held.
-  std::atomic<bool> m_bNoRefresh{false};
-  std::atomic<bool> m_bReleased{false};
+// Holds an object for a scope, so that it is not freed. Adopts a hold that is taken already
+// (GetRegisterById, CreateRegister) or takes one; with E_ADOPT the object may be null.
+class [[nodiscard]] CRegisterHold {
+ public:
+  enum EAdopt { E_ADOPT };
+  CRegisterHold(CRegister* pRegister, EAdopt) : m_pRegister(pRegister) {}
+  explicit CRegisterHold(CRegister* pRegister) : m_pRegister(pRegister) {
+    CRegisterEnd::Hold(pRegister->GetEndNode());
+  }
+  ~CRegisterHold() {
+    if (m_pRegister == nullptr) return;
+    CRegisterEnd::CNode& oNode = m_pRegister->GetEndNode();
+    oNode.m_oEnd.Unhold(oNode);
+  }
+  CRegisterHold(const CRegisterHold&) = delete;
+  CRegisterHold& operator=(const CRegisterHold&) = delete;
+  CRegister* operator->() const { return m_pRegister; }
+  CRegister* Get() const { return m_pRegister; }
+  explicit operator bool() const { return m_pRegister != nullptr; }
 
-  // The end of the object; see RegisterEnd.h, whose lock guards these.
-  std::vector<KDThread*>
-      m_vecThreads;  // where Register ran: nowhere else does a queue or a timer name the object
-  int m_nHolds = 0;
-  bool m_bRetired = false;
-  bool m_bWasBusy = false;
-  CRegister* m_pNextRetired = nullptr;
-  CRegister* m_pPrevRetired = nullptr;
+ private:
+  CRegister* m_pRegister;
 };

@@ -4,55 +4,54 @@
 #include <chrono>
 #include <thread>
 
-#include "RegGlobal.h"
-#include "Register.h"
-#include "RegisterSipProcess.h"
+constinit VkMutex CRegisterEnd::s_oMutex;
 
 CRegisterEnd::~CRegisterEnd() { FreeAll(); }
 
-void CRegisterEnd::Hold(CRegister* pRegister) {
-  const VkLocker oLocker(m_oMutex);
-  ++pRegister->m_nHolds;
+void CRegisterEnd::Hold(CNode& oNode) {
+  const VkLocker oLocker(s_oMutex);
+  ++oNode.m_nHolds;
 }
 
-void CRegisterEnd::Unhold(CRegister* pRegister) {
+void CRegisterEnd::Unhold(CNode& oNode) {
+  CRegister* pFree = nullptr;
   {
-    const VkLocker oLocker(m_oMutex);
-    --pRegister->m_nHolds;
-    if (!pRegister->m_bRetired || !TakeIfFree(pRegister, EReason::Usual)) pRegister = nullptr;
+    const VkLocker oLocker(s_oMutex);
+    --oNode.m_nHolds;
+    if (m_pOldest == nullptr) return;
+    pFree = oNode.m_bRetired ? TakeIfFree(oNode, false) : TakeOldest();
   }
-  vktDelete(pRegister);
-  Sweep();
+  m_pFree(pFree);
 }
 
-bool CRegisterEnd::IsRetired(CRegister* pRegister) {
-  const VkLocker oLocker(m_oMutex);
-  return pRegister->m_bRetired;
+void CRegisterEnd::RememberThread(CNode& oNode, KDThread* hThread) {
+  const VkLocker oLocker(s_oMutex);
+  if (oNode.m_hThread == nullptr) oNode.m_hThread = hThread;
+  if (oNode.m_hThread == hThread) return;
+  if (oNode.m_pOthers == nullptr) oNode.m_pOthers = std::make_unique<std::vector<KDThread*>>();
+  std::vector<KDThread*>& vecOthers = *oNode.m_pOthers;
+  if (std::find(vecOthers.begin(), vecOthers.end(), hThread) == vecOthers.end()) {
+    vecOthers.push_back(hThread);
+  }
 }
 
-void CRegisterEnd::Retire(CRegister* pRegister) {
+void CRegisterEnd::Retire(CNode& oNode) {
+  CRegister* pFree = nullptr;
   {
-    const VkLocker oLocker(m_oMutex);
-    Link(pRegister);
-    if (!TakeIfFree(pRegister, EReason::Usual)) return;
+    const VkLocker oLocker(s_oMutex);
+    Link(oNode);
+    pFree = TakeIfFree(oNode, false);
   }
-  vktDelete(pRegister);
+  m_pFree(pFree);
 }
 
 void CRegisterEnd::Sweep() {
-  CRegister* pRegister = nullptr;
+  CRegister* pFree = nullptr;
   {
-    const VkLocker oLocker(m_oMutex);
-    if (m_pOldest == nullptr) return;
-    pRegister = m_pOldest;
-    if (!TakeIfFree(pRegister, pRegister->m_bWasBusy ? EReason::Usual : EReason::Ended)) {
-      // It waits for its STOP, or is still busy; the next sweep looks at the one behind it.
-      Unlink(pRegister);
-      Link(pRegister);
-      return;
-    }
+    const VkLocker oLocker(s_oMutex);
+    pFree = TakeOldest();
   }
-  vktDelete(pRegister);
+  m_pFree(pFree);
 }
 
 void CRegisterEnd::FreeAll() {
@@ -60,18 +59,16 @@ void CRegisterEnd::FreeAll() {
   for (;;) {
     CRegister* pFree = nullptr;
     {
-      const VkLocker oLocker(m_oMutex);
+      const VkLocker oLocker(s_oMutex);
       if (m_pOldest == nullptr) return;
-      for (CRegister* pRegister = m_pOldest; pRegister != nullptr;
-           pRegister = pRegister->m_pNextRetired) {
-        if (TakeIfFree(pRegister, EReason::Shutdown)) {
-          pFree = pRegister;
-          break;
-        }
+      for (CNode* pNode = m_pOldest; pNode != nullptr && pFree == nullptr;) {
+        CNode& oNode = *pNode;
+        pNode = pNode->m_pNext;
+        pFree = TakeIfFree(oNode, true);
       }
     }
     if (pFree != nullptr) {
-      vktDelete(pFree);
+      m_pFree(pFree);
     } else if (std::chrono::steady_clock::now() < tEnd) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     } else {
@@ -80,45 +77,45 @@ void CRegisterEnd::FreeAll() {
   }
 }
 
-// With the lock held. True: the object is off the list, nothing names it, the caller deletes it
-// without the lock.
-bool CRegisterEnd::TakeIfFree(CRegister* pRegister, EReason eReason) {
-  if (pRegister->m_nHolds > 0) return false;
-  const auto& vecThreads = pRegister->m_vecThreads;
-  if (eReason == EReason::Usual && pRegister->IsTimerRunning() != 0) return false;
-  if (eReason == EReason::Ended &&
-      !std::all_of(vecThreads.begin(), vecThreads.end(),
-                   [](KDThread* hThread) { return kdThreadEnded(hThread) != 0; })) {
-    return false;
+// One that has to stay goes to the end, so that the next sweep looks at the one behind it.
+CRegister* CRegisterEnd::TakeOldest() {
+  if (m_pOldest == nullptr) return nullptr;
+  CNode& oNode = *m_pOldest;
+  CRegister* const pFree = TakeIfFree(oNode, false);
+  if (pFree == nullptr) {
+    Unlink(oNode);
+    Link(oNode);
   }
-  for (KDThread* hThread : vecThreads) {
-    // Busy: a callback with this object is about to run or running there. It takes a hold, and
-    // frees the object when it gives that back.
-    if (kdForgetUserPtr(hThread, pRegister) != 0) return false;
+  return pFree;
+}
+
+CRegister* CRegisterEnd::TakeIfFree(CNode& oNode, bool bShutdown) {
+  if (oNode.m_nHolds > 0) return nullptr;
+  const bool bStopped = oNode.m_bTimerRunning == 0 || bShutdown;
+  // A thread that has ended forgets too, and says so at once.
+  const auto bForgets = [&oNode, bStopped](KDThread* hThread) {
+    return (bStopped || kdThreadEnded(hThread) != 0) &&
+           kdForgetUserPtr(hThread, oNode.m_pRegister) == 0;
+  };
+  if (oNode.m_hThread != nullptr && !bForgets(oNode.m_hThread)) return nullptr;
+  if (oNode.m_pOthers != nullptr) {
+    for (KDThread* const hThread : *oNode.m_pOthers) {
+      if (!bForgets(hThread)) return nullptr;
+    }
   }
-  Unlink(pRegister);
-  return true;
+  Unlink(oNode);
+  return oNode.m_pRegister;
 }
 
-void CRegisterEnd::Link(CRegister* pRegister) {
-  pRegister->m_bRetired = true;
-  pRegister->m_pNextRetired = nullptr;
-  pRegister->m_pPrevRetired = m_pNewest;
-  (m_pNewest == nullptr ? m_pOldest : m_pNewest->m_pNextRetired) = pRegister;
-  m_pNewest = pRegister;
+void CRegisterEnd::Link(CNode& oNode) {
+  oNode.m_bRetired = true;
+  oNode.m_pNext = nullptr;
+  oNode.m_pPrev = m_pNewest;
+  (m_pNewest == nullptr ? m_pOldest : m_pNewest->m_pNext) = &oNode;
+  m_pNewest = &oNode;
 }
 
-void CRegisterEnd::Unlink(CRegister* pRegister) {
-  CRegister* const pPrev = pRegister->m_pPrevRetired;
-  CRegister* const pNext = pRegister->m_pNextRetired;
-  (pPrev == nullptr ? m_pOldest : pPrev->m_pNextRetired) = pNext;
-  (pNext == nullptr ? m_pNewest : pNext->m_pPrevRetired) = pPrev;
-}
-
-CRegisterHold::CRegisterHold(CRegister* pRegister) : m_pRegister(pRegister) {
-  GetRegGlobal().m_pRegisterSipProcess->GetEnd().Hold(pRegister);
-}
-
-CRegisterHold::~CRegisterHold() {
-  if (m_pRegister != nullptr) GetRegGlobal().m_pRegisterSipProcess->GetEnd().Unhold(m_pRegister);
+void CRegisterEnd::Unlink(CNode& oNode) {
+  (oNode.m_pPrev == nullptr ? m_pOldest : oNode.m_pPrev->m_pNext) = oNode.m_pNext;
+  (oNode.m_pNext == nullptr ? m_pNewest : oNode.m_pNext->m_pPrev) = oNode.m_pPrev;
 }

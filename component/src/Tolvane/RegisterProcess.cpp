@@ -9,6 +9,7 @@
 #include "Register.h"
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
+#include "XMLParserImpl.h"
 
 namespace {
 

@@ -55,30 +55,30 @@ int CRegister::OnRegSuccess(SipStackEvent* pEvent) {
     m_eRegState = E_REG_STATE_UNREG;
     return E_REG_EVENT_DEREGISTERED;
   }
-  m_bEventPost = m_eRegState == E_REG_STATE_REGED ? 0 : 1;
+  m_bEventPost = m_eRegState != E_REG_STATE_REGED;
 
   // A timer that runs keeps its period; the new one counts from its next start.
   const int nGranted = GetExpiresFromService(pEvent->pMessage);
   if (nGranted > 0) {
     m_nRefreshTime = GetRefreshTime(nGranted);
-    SetExpires(nGranted);
+    m_stRegInfo.m_nExpires = nGranted;
   }
 
   if (GetPAssociatedURIFromService(pEvent->pMessage) > 0) {
     bool bHasAor = false;
     for (const std::string& strUri : m_vecAssociatedUri) bHasAor |= strUri == m_stRegInfo.m_strAor;
     if (bHasAor) {
-      m_strDefaultUri = m_stRegInfo.m_strAor;
-    } else if (m_strDefaultUri != m_vecAssociatedUri.front()) {
+      m_strDefaultUri.clear();
+    } else if (DefaultUri() != m_vecAssociatedUri.front()) {
       Readdress(m_vecAssociatedUri.front());
     }
   }
 
-  if (m_bReregTimerOn != 0) {
-    m_bReregTimerOn = 0;
+  if (m_bReregTimerOn) {
+    m_bReregTimerOn = false;
     PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
   }
-  if (m_bRefreshEnabled != 0 && m_bRefreshTimerOn == 0) {
+  if (m_bRefreshEnabled && !m_bRefreshTimerOn) {
     PostThreadEvent(E_REG_TIMER_EVENT_START_REFRESH, this, m_hThread);
   }
   m_eRegState = E_REG_STATE_REGED;
@@ -105,8 +105,8 @@ int CRegister::OnRegFailure(SipStackEvent* pEvent) {
       REG_LOG(E_LOG_WARNING, "Send register failed!\n");
       break;
     case 533:
-      if (m_eRegState == E_REG_STATE_REGED && m_bRefreshTimerOn != 0) {
-        m_bRefreshTimerOn = 0;
+      if (m_eRegState == E_REG_STATE_REGED && m_bRefreshTimerOn) {
+        m_bRefreshTimerOn = false;
         PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
       }
       Readdress(m_stRegInfo.m_strAor);
@@ -129,12 +129,12 @@ int CRegister::IntervalShort(SipStackEvent* pEvent) {
     REG_LOG(E_LOG_WARNING, "Not find expires in 423 response!\n");
     return -1;
   }
-  SetExpires(nMinExpires);
+  m_stRegInfo.m_nExpires = nMinExpires;
   m_nRefreshTime = GetRefreshTime(nMinExpires);
   REG_LOG(E_LOG_INFO, "Refresh interval is %d\n", nMinExpires);
   if (m_eRegState == E_REG_STATE_REGED) {
     // The 2xx to the new REGISTER starts the timer again, with the new period.
-    m_bRefreshTimerOn = 0;
+    m_bRefreshTimerOn = false;
     PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
   }
   return SendRegister();
@@ -153,8 +153,8 @@ void CRegister::OnRegError(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent) {
   REG_LOG_SCOPE();
   const VkLocker oLocker(g_oRegLock);
   int eRegEventType = -1;
-  if (m_bRefreshTimerOn != 0 && m_bReregTimerOn == 0) {
-    m_bRefreshTimerOn = 0;
+  if (m_bRefreshTimerOn && !m_bReregTimerOn) {
+    m_bRefreshTimerOn = false;
     PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
   }
   if (m_eRegState == E_REG_STATE_DEREGING) {
@@ -166,7 +166,7 @@ void CRegister::OnRegError(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent) {
     if (IsAutoReregister() != 0) {
       PostThreadEvent(E_REG_TIMER_EVENT_START_REREG, this, m_hThread);
     }
-  } else if (m_bReregTimerOn != 0) {
+  } else if (m_bReregTimerOn) {
     eRegEventType = E_REG_EVENT_NONE;
   } else {
     eRegEventType = E_REG_EVENT_FAILURE;
@@ -180,10 +180,10 @@ void CRegister::SetRegEventType(SipStackEvent* pEvent, ST_REG_EVENT& stRegEvent,
                                 int& eRegEventType) {
   stRegEvent.nRegId = m_stRegInfo.m_nId;
   stRegEvent.eRegState = m_eRegState;
-  stRegEvent.strAor = NewText(m_strDefaultUri);
+  stRegEvent.strAor = NewText(DefaultUri());
   if (stRegEvent.strAor == nullptr) {
     REG_LOG(E_LOG_INFO, "stRegEvent.strAor new fail! m_strDefaultUri.length is:%d\n",
-            static_cast<int>(m_strDefaultUri.length()));
+            static_cast<int>(DefaultUri().length()));
   }
   if (eRegEventType < E_REG_EVENT_SUCCESS || eRegEventType > E_REG_EVENT_SERVICE_LOST) {
     eRegEventType = E_REG_EVENT_NONE;

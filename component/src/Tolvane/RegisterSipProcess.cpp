@@ -2,7 +2,6 @@
 
 #include "RegisterSipProcess.h"
 
-#include "Register.h"
 #include "RegLog.h"
 
 CRegisterSipProcess::~CRegisterSipProcess() {
@@ -45,16 +44,15 @@ int CRegisterSipProcess::Uninitialize() {
   m_oEnd.FreeAll();
   m_mapRegEventName.clear();
   m_hMainThread = nullptr;
-  const CRegMgrLocker oLocker(*this);
+  const CLocker oLocker(*this);
   m_mapSubscribe.clear();
   return 0;
 }
 
 void CRegisterSipProcess::ClearRegisters() {
-  const CRegMgrLocker oLocker(*this);
-  while (!m_mapRegister.empty()) {
-    const auto itFirst = m_mapRegister.begin();
-    Remove(itFirst->second, itFirst->first);
+  const CLocker oLocker(*this);
+  for (int nId = m_mapRegister.First(); nId != 0; nId = m_mapRegister.First()) {
+    Remove(m_mapRegister.Find(nId), nId);
   }
 }
 
@@ -71,22 +69,20 @@ void CRegisterSipProcess::RegMgrUnlock() {
 CRegister* CRegisterSipProcess::CreateRegister(int* pnRegId) {
   REG_LOG_SCOPE();
   m_oEnd.Sweep();
-  CRegister* const pRegister = vktNew<CRegister>();
+  CRegister* const pRegister = vktNew<CRegister>(m_oEnd, m_oStackIds);
   if (pRegister == nullptr) return nullptr;
-  const CRegMgrLocker oLocker(*this);
-  const int nRegId = m_oIds.Take();
+  const CLocker oLocker(*this);
+  int nRegId = 0;
+  try {
+    nRegId = m_mapRegister.Add(pRegister);
+  } catch (const std::bad_alloc&) {
+    // As when all ids are in use.
+  }
   if (nRegId == 0) {
     vktDelete(pRegister);
     return nullptr;
   }
-  try {
-    m_mapRegister[nRegId] = pRegister;
-  } catch (const std::bad_alloc&) {
-    m_oIds.Untake(nRegId);
-    vktDelete(pRegister);
-    return nullptr;
-  }
-  m_oEnd.Hold(pRegister);
+  CRegisterEnd::Hold(pRegister->GetEndNode());
   *pnRegId = nRegId;
   REG_LOG(E_LOG_INFO, "new  nRegId is %d\n", nRegId);
   REG_LOG_KEYS("CreateRegister:new after m_mapRegister is %d\n");
@@ -94,57 +90,43 @@ CRegister* CRegisterSipProcess::CreateRegister(int* pnRegId) {
 }
 
 CRegister* CRegisterSipProcess::GetRegisterById(int nRegId) {
-  const CRegMgrLocker oLocker(*this);
+  const CLocker oLocker(*this);
   REG_LOG_KEYS("GetRegisterById: m_mapRegister is %d\n");
-  const auto it = m_mapRegister.find(nRegId);
-  if (it == m_mapRegister.end()) return nullptr;
-  m_oEnd.Hold(it->second);
-  return it->second;
+  CRegister* const pRegister = m_mapRegister.Find(nRegId);
+  if (pRegister != nullptr) CRegisterEnd::Hold(pRegister->GetEndNode());
+  return pRegister;
 }
 
 void CRegisterSipProcess::DeleteRegister(int nRegId, const CRegister* pOnly) {
-  const CRegMgrLocker oLocker(*this);
-  const auto it = m_mapRegister.find(nRegId);
-  if (it != m_mapRegister.end() && (pOnly == nullptr || it->second == pOnly)) {
-    CRegister* const pRegister = it->second;
+  const CLocker oLocker(*this);
+  CRegister* const pRegister = m_mapRegister.Find(nRegId);
+  if (pRegister != nullptr && (pOnly == nullptr || pRegister == pOnly)) {
     if (Remove(pRegister, nRegId)) REG_LOG(E_LOG_INFO, "DeleteRegister vktDelete pRegister");
   }
   REG_LOG(E_LOG_INFO, "DeleteRegister  nRegId is %d\n", nRegId);
   REG_LOG_KEYS("DeleteRegister: m_mapRegister is %d\n");
 }
 
-void CRegisterSipProcess::OnStackIdChanged(CRegister* pRegister, long lOld, long lNew) {
-  if (lOld == lNew) return;
-  const VkLocker oLocker(m_oStackIdMutex);
-  const auto oRange = m_mapStackId.equal_range(lOld);
-  for (auto it = oRange.first; it != oRange.second; ++it) {
-    if (it->second == pRegister) {
-      m_mapStackId.erase(it);
-      break;
-    }
-  }
-  if (lNew > 0) m_mapStackId.emplace(lNew, pRegister);
-}
-
-// What a scan of the registry in ascending order of ids would find first.
 CRegister* CRegisterSipProcess::FindByStackId(long lStackRegId) {
-  const VkLocker oLocker(m_oStackIdMutex);
-  CRegister* pFound = nullptr;
-  const auto oRange = m_mapStackId.equal_range(lStackRegId);
-  for (auto it = oRange.first; it != oRange.second; ++it) {
-    if (pFound == nullptr || it->second->GetRegId() < pFound->GetRegId()) pFound = it->second;
-  }
-  return pFound;
+  return m_mapRegister.Find(m_oStackIds.Find(lStackRegId));
 }
 
-// With m_oRegMgrMutex held. The object may be freed on return. True when no timer of it runs.
+void CRegisterSipProcess::LogKeys(const char* szFunction, const char* szFile, int nLine,
+                                  const char* szFormat) {
+  for (int nId = m_mapRegister.First(); nId != 0; nId = m_mapRegister.Next(nId)) {
+    ILogOne* const pLog = GetRegGlobal().m_pLog.load(std::memory_order_acquire);
+    if (pLog == nullptr) return;
+    pLog->SetLocation(szFunction, szFile, nLine, E_LOG_INFO);
+    pLog->Print(szFormat, nId);
+  }
+}
+
 bool CRegisterSipProcess::Remove(CRegister* pRegister, int nRegId) {
   EndSubscription(pRegister);
   pRegister->Release();
-  m_mapRegister.erase(nRegId);
-  m_oIds.Give(nRegId);
+  m_mapRegister.Remove(nRegId);
   const bool bFree = pRegister->IsTimerRunning() == 0;
-  m_oEnd.Retire(pRegister);
+  m_oEnd.Retire(pRegister->GetEndNode());
   m_oEnd.Sweep();
   return bFree;
 }

@@ -2,13 +2,13 @@
 // what it means, and becomes a notification. All of it runs on the stack's delivery thread, with
 // the registry locked.
 
+#include <memory>
+
 #include "Brunelib/identities.h"
 #include "ParserBaseImpl.h"
 #include "RegEventRecord.h"
-#include "Register.h"
 #include "RegisterSipProcess.h"
 #include "RegLog.h"
-#include "RegOwner.h"
 
 const PS_EVENT_ENTRY CRegisterSipProcess::s_astEvents[] = {
     {SIP_EVENT_REGISTER_RESPONSE,
@@ -24,7 +24,7 @@ const PS_EVENT_MAP CRegisterSipProcess::s_stRegEventMap = {&CPSObject::s_stEvent
 const PS_EVENT_MAP* CRegisterSipProcess::GetEventMap() const { return &s_stRegEventMap; }
 
 int CRegisterSipProcess::OnRegisterRsp(SipStackEvent* pEvent) {
-  const CRegMgrLocker oLocker(*this);
+  const CLocker oLocker(*this);
   REG_LOG_KEYS("resp m_mapRegister is %d\n");
   if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
     REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
@@ -36,7 +36,7 @@ int CRegisterSipProcess::OnRegisterRsp(SipStackEvent* pEvent) {
 }
 
 int CRegisterSipProcess::OnRegisterErr(SipStackEvent* pEvent) {
-  const CRegMgrLocker oLocker(*this);
+  const CLocker oLocker(*this);
   if (CRegister* const pRegister = FindByStackId(pEvent->nStackId)) {
     REG_LOG(E_LOG_INFO, "OnRegisterRsp id is %d\n", pRegister->GetRegId());
     CRegEventRecord oRecord(-1);
@@ -52,7 +52,6 @@ void CRegisterSipProcess::FreeRegEvent(ST_REG_EVENT* pRegEvent) {
   delete[] pRegEvent->strWarnText;
 }
 
-// Empty for a code that has no word.
 std::string CRegisterSipProcess::GetEventWord(int nEventWord) const {
   const auto itWord = m_mapRegEventName.find(nEventWord);
   return itWord != m_mapRegEventName.end() ? itWord->second : std::string();
@@ -60,30 +59,30 @@ std::string CRegisterSipProcess::GetEventWord(int nEventWord) const {
 
 int CRegisterSipProcess::OnRegEvent(CRegister* pRegister, ST_REG_EVENT* pRegEvent) {
   REG_LOG_SCOPE();
-  const COwner<CXML> oDoc(vktNew<CXML>());
-  if (oDoc.Get() == nullptr) {
+  const std::unique_ptr<CXML> oDoc(vktNew<CXML>());
+  if (oDoc == nullptr) {
     REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
     return -1;
   }
   switch (pRegEvent->eRegEventType) {
     case E_REG_EVENT_SERVICE_LOST:
-      EventSerLost(oDoc.Get(), pRegEvent);
+      EventSerLost(oDoc.get(), pRegEvent);
       break;
     case E_REG_EVENT_STATE_CHANGE:
-      EventSubNotify(pRegister, pRegEvent, oDoc.Get());
+      EventSubNotify(pRegister, pRegEvent, oDoc.get());
       break;
     case E_REG_EVENT_NONE:
       break;
     default:
-      EventIgnore(pRegister, pRegEvent, oDoc.Get());
+      EventIgnore(pRegister, pRegEvent, oDoc.get());
       break;
   }
   return 0;
 }
 
 void CRegisterSipProcess::EventSerLost(CXML* pDoc, ST_REG_EVENT* pRegEvent) {
-  const COwner<CRegSerLost> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSerLost());
-  if (oMsg.Get() == nullptr) return;
+  const std::unique_ptr<CRegSerLost> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSerLost());
+  if (oMsg == nullptr) return;
   oMsg->m_nId = pRegEvent->nRegId;
   oMsg->Result(pDoc);
   XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyServiceLost, pDoc,
@@ -93,8 +92,9 @@ void CRegisterSipProcess::EventSerLost(CXML* pDoc, ST_REG_EVENT* pRegEvent) {
 void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRegEvent,
                                          CXML* pDoc) {
   {
-    const COwner<CRegStateNotify> oMsg(GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
-    if (oMsg.Get() == nullptr) return;
+    const std::unique_ptr<CRegStateNotify> oMsg(
+        GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
+    if (oMsg == nullptr) return;
     oMsg->m_nId = pRegEvent->nRegId;
     oMsg->m_strEvent = GetEventWord(pRegEvent->nEventWord);
     oMsg->m_strState = pRegister->GetRegState() == E_REG_STATE_REGED ? "Active" : "Terminate";
@@ -116,8 +116,8 @@ void CRegisterSipProcess::EventSubNotify(CRegister* pRegister, ST_REG_EVENT* pRe
 void CRegisterSipProcess::EventIgnore(CRegister* pRegister, ST_REG_EVENT* pRegEvent, CXML* pDoc) {
   REG_LOG_SCOPE();
   {
-    const COwner<CRegNtfRsp> oMsg(GetRegGlobal().m_pParserFactory->CreateRegNtfRsp());
-    if (oMsg.Get() == nullptr) return;
+    const std::unique_ptr<CRegNtfRsp> oMsg(GetRegGlobal().m_pParserFactory->CreateRegNtfRsp());
+    if (oMsg == nullptr) return;
     oMsg->m_nId = pRegEvent->nRegId;
     switch (pRegEvent->eRegEventType) {
       case E_REG_EVENT_SUCCESS:

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <new>
 #include <thread>
 #include <utility>
@@ -16,7 +17,6 @@
 #include "ParserBaseImpl.h"
 #include "RegEventRecord.h"
 #include "RegLog.h"
-#include "RegOwner.h"
 
 namespace {
 
@@ -27,53 +27,37 @@ constexpr std::size_t E_SUB_EARLY_MAX = 64;
 // One exchange with its own documents.
 struct ST_SUB_PENDING {
   explicit ST_SUB_PENDING(int nEvent) : nType(nEvent) {}
-  ~ST_SUB_PENDING() {
-    vktDelete(pRequest);
-    vktDelete(pResponse);
-    vktDelete(pSubMsg);
-  }
-  ST_SUB_PENDING(const ST_SUB_PENDING&) = delete;
-  ST_SUB_PENDING& operator=(const ST_SUB_PENDING&) = delete;
 
   const int nType;  // of the thread event
   // Of a subscribe. The pointer is only compared: its object may have gone when the block runs.
   int nRegId = 0;
   CRegister* pRegister = nullptr;
-  CRegSubcribe* pSubMsg = nullptr;
-  CXML* pRequest = vktNew<CXML>();
-  CXML* pResponse = vktNew<CXML>();
+  std::unique_ptr<CRegSubcribe> pSubMsg;
+  const std::unique_ptr<CXML> pRequest{vktNew<CXML>()};
+  const std::unique_ptr<CXML> pResponse{vktNew<CXML>()};
   ST_SUB_PENDING* pNext = nullptr;
 };
 
 namespace {
 
-// The blocks that wait, in order.
-struct {
-  ST_SUB_PENDING* pFirst = nullptr;
-  ST_SUB_PENDING* pLast = nullptr;
-  bool bSubscribed = false;  // a subscribe has been queued in this process
-  bool bRunning = false;     // a subscribe is at the service now
-} g_stSubPending;
-
 // A block with both documents, or null.
-ST_SUB_PENDING* NewSubPending(int nType) {
-  COwner<ST_SUB_PENDING> oPending(vktNew<ST_SUB_PENDING>(nType));
-  if (oPending.Get() == nullptr || oPending->pRequest == nullptr ||
-      oPending->pResponse == nullptr) {
-    return nullptr;
+std::unique_ptr<ST_SUB_PENDING> NewSubPending(int nType) {
+  std::unique_ptr<ST_SUB_PENDING> pPending(vktNew<ST_SUB_PENDING>(nType));
+  if (pPending != nullptr && (pPending->pRequest == nullptr || pPending->pResponse == nullptr)) {
+    pPending.reset();
   }
-  return oPending.Release();
+  return pPending;
 }
 
 // A desubscribe for this subscription, or null.
-ST_SUB_PENDING* NewDesubscribe(int nSubscribeId) {
+std::unique_ptr<ST_SUB_PENDING> NewDesubscribe(int nSubscribeId) {
   try {
-    COwner<ST_SUB_PENDING> oPending(NewSubPending(E_SUB_EVENT_DESUBSCRIBE));
-    const COwner<CRegDeSub> oMsg(GetRegGlobal().m_pParserFactory->CreateRegDeSub());
-    if (oPending.Get() == nullptr || oMsg.Get() == nullptr) return nullptr;
-    oMsg->m_nId = nSubscribeId;
-    oMsg->Result(oPending->pRequest);
-    return oPending.Release();
+    std::unique_ptr<ST_SUB_PENDING> pPending = NewSubPending(E_SUB_EVENT_DESUBSCRIBE);
+    const std::unique_ptr<CRegDeSub> pMsg(GetRegGlobal().m_pParserFactory->CreateRegDeSub());
+    if (pPending == nullptr || pMsg == nullptr) return nullptr;
+    pMsg->m_nId = nSubscribeId;
+    pMsg->Result(pPending->pRequest.get());
+    return pPending;
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -81,7 +65,7 @@ ST_SUB_PENDING* NewDesubscribe(int nSubscribeId) {
 
 void RunDesubscribe(const ST_SUB_PENDING& stPending) {
   XSExecuteCommand(bus::subscription::kIdentity, bus::subscription::kCommandDesubscribe,
-                   stPending.pRequest, stPending.pResponse);
+                   stPending.pRequest.get(), stPending.pResponse.get());
 }
 
 }  // namespace
@@ -89,12 +73,13 @@ void RunDesubscribe(const ST_SUB_PENDING& stPending) {
 // ---- asking, with m_oRegMgrMutex held
 
 // Takes the block; false when there is none.
-bool CRegisterSipProcess::QueueSubPending(ST_SUB_PENDING* pPending) {
+bool CRegisterSipProcess::QueueSubPending(std::unique_ptr<ST_SUB_PENDING> pPending) {
   if (pPending == nullptr) return false;
-  (g_stSubPending.pFirst == nullptr ? g_stSubPending.pFirst : g_stSubPending.pLast->pNext) =
-      pPending;
-  g_stSubPending.pLast = pPending;
-  CRegister::PostThreadEvent(pPending->nType, this, m_hMainThread);
+  const int nType = pPending->nType;
+  ST_SUB_PENDING*& pEnd =
+      m_stSubPending.pFirst == nullptr ? m_stSubPending.pFirst : m_stSubPending.pLast->pNext;
+  pEnd = m_stSubPending.pLast = pPending.release();
+  CRegister::PostThreadEvent(nType, this, m_hMainThread);
   return true;
 }
 
@@ -102,41 +87,40 @@ void CRegisterSipProcess::Subscribe(CRegister* pRegister, int nExpires) {
   REG_LOG_SCOPE();
   if (pRegister->IsSubExchanging()) {
     // The event of a block that still waits may have got no memory.
-    if (g_stSubPending.pFirst != nullptr) {
+    if (m_stSubPending.pFirst != nullptr) {
       CRegister::PostThreadEvent(E_SUB_EVENT_SUBSCRIBE, this, m_hMainThread);
     }
     return;
   }
-  COwner<ST_SUB_PENDING> oPending(NewSubPending(E_SUB_EVENT_SUBSCRIBE));
-  if (oPending.Get() == nullptr) {
+  std::unique_ptr<ST_SUB_PENDING> pPending = NewSubPending(E_SUB_EVENT_SUBSCRIBE);
+  if (pPending == nullptr) {
     REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
     return;
   }
-  CRegSubcribe* const pMsg = GetRegGlobal().m_pParserFactory->CreateRegSubcribe();
+  pPending->pSubMsg.reset(GetRegGlobal().m_pParserFactory->CreateRegSubcribe());
+  CRegSubcribe* const pMsg = pPending->pSubMsg.get();
   if (pMsg == nullptr) return;  // the next success asks again
-  oPending->pSubMsg = pMsg;
   pMsg->m_strFrom = pRegister->GetDefaultUri();
-  pMsg->m_strTo = pRegister->GetDefaultUri();
+  pMsg->m_strTo = pMsg->m_strFrom;
   pMsg->m_strEvent = "reg";
   pMsg->m_nExpires = nExpires;
-  pMsg->Result(oPending->pRequest);
-  oPending->nRegId = pRegister->GetRegId();
-  oPending->pRegister = pRegister;
+  pMsg->Result(pPending->pRequest.get());
+  pPending->nRegId = pRegister->GetRegId();
+  pPending->pRegister = pRegister;
   pRegister->SetSubExchanging(true);
   pRegister->SetLeftSubscription(false);  // what was said was said of an earlier one
-  g_stSubPending.bSubscribed = true;
-  QueueSubPending(oPending.Release());
+  m_stSubPending.bSubscribed = true;
+  QueueSubPending(std::move(pPending));
 }
 
 void CRegisterSipProcess::Desubscribe(int nRegId) {
   REG_LOG_SCOPE();
-  const CRegMgrLocker oLocker(*this);
-  const auto itRegister = m_mapRegister.find(nRegId);
-  if (itRegister == m_mapRegister.end()) {
+  const CLocker oLocker(*this);
+  CRegister* const pRegister = m_mapRegister.Find(nRegId);
+  if (pRegister == nullptr) {
     REG_LOG(E_LOG_ERROR, "Register is not exist!\n");
     return;
   }
-  CRegister* const pRegister = itRegister->second;
   if (pRegister->IsSubscribeEnabled() == 0) return;
   int nSubscribeId = -1;
   for (const auto& [nKey, nValue] : m_mapSubscribe) {
@@ -153,9 +137,10 @@ void CRegisterSipProcess::Desubscribe(int nRegId) {
 }
 
 void CRegisterSipProcess::KeepSubscription(int nRegId) {
-  const CRegMgrLocker oLocker(*this);
-  const auto itRegister = m_mapRegister.find(nRegId);
-  if (itRegister != m_mapRegister.end()) itRegister->second->SetLeftSubscription(true);
+  const CLocker oLocker(*this);
+  if (CRegister* const pRegister = m_mapRegister.Find(nRegId)) {
+    pRegister->SetLeftSubscription(true);
+  }
 }
 
 // The subscription of a registration that leaves the registry. Nobody else would end it, and the
@@ -174,13 +159,13 @@ void CRegisterSipProcess::SubEventCallBack(const KDEvent* pKdEvent) {
   CRegisterSipProcess& oManager = *GetRegGlobal().m_pRegisterSipProcess;
   if (pKdEvent == nullptr || !oManager.HasSubscribed()) {
     REG_LOG(E_LOG_INFO, "Leave SubEventCallBack because of null pointer;\n");
-    while (ST_SUB_PENDING* const pPending = oManager.TakeSubPending()) vktDelete(pPending);
+    while (oManager.TakeSubPending() != nullptr) {
+    }
     return;
   }
   if (pKdEvent->userptr == nullptr) return;
   // All that wait, since another one's event may have got no memory.
-  while (ST_SUB_PENDING* const pPending = oManager.TakeSubPending()) {
-    const COwner<ST_SUB_PENDING> oPending(pPending);
+  while (const std::unique_ptr<ST_SUB_PENDING> pPending = oManager.TakeSubPending()) {
     if (pPending->nType == E_SUB_EVENT_SUBSCRIBE) {
       oManager.RunSubscribe(*pPending);
     } else {
@@ -190,14 +175,14 @@ void CRegisterSipProcess::SubEventCallBack(const KDEvent* pKdEvent) {
 }
 
 bool CRegisterSipProcess::HasSubscribed() {
-  const CRegMgrLocker oLocker(*this);
-  return g_stSubPending.bSubscribed;
+  const CLocker oLocker(*this);
+  return m_stSubPending.bSubscribed;
 }
 
-ST_SUB_PENDING* CRegisterSipProcess::TakeSubPending() {
-  const CRegMgrLocker oLocker(*this);
-  ST_SUB_PENDING* const pPending = g_stSubPending.pFirst;
-  if (pPending != nullptr) g_stSubPending.pFirst = pPending->pNext;
+std::unique_ptr<ST_SUB_PENDING> CRegisterSipProcess::TakeSubPending() {
+  const CLocker oLocker(*this);
+  std::unique_ptr<ST_SUB_PENDING> pPending(m_stSubPending.pFirst);
+  if (pPending != nullptr) m_stSubPending.pFirst = pPending->pNext;
   return pPending;
 }
 
@@ -206,38 +191,35 @@ void CRegisterSipProcess::RunSubscribe(const ST_SUB_PENDING& stPending) {
   SetSubRunning();
   try {
     if (XSExecuteCommand(bus::subscription::kIdentity, bus::subscription::kCommandSubscribe,
-                         stPending.pRequest, stPending.pResponse) == 0) {
-      oMsg.Parse(stPending.pResponse);
+                         stPending.pRequest.get(), stPending.pResponse.get()) == 0) {
+      oMsg.Parse(stPending.pResponse.get());
     }
   } catch (const std::bad_alloc&) {
     REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
   }
   try {
     if (EnterSubscription(stPending, oMsg.m_nId)) return;
-    const COwner<ST_SUB_PENDING> oEnd(NewDesubscribe(oMsg.m_nId));
-    if (oEnd.Get() != nullptr) RunDesubscribe(*oEnd.Get());
+    const std::unique_ptr<ST_SUB_PENDING> pEnd = NewDesubscribe(oMsg.m_nId);
+    if (pEnd != nullptr) RunDesubscribe(*pEnd);
   } catch (const std::bad_alloc&) {
     REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
   }
 }
 
 void CRegisterSipProcess::SetSubRunning() {
-  const CRegMgrLocker oLocker(*this);
-  g_stSubPending.bRunning = true;
+  const CLocker oLocker(*this);
+  m_stSubPending.bRunning = true;
 }
 
 // What the service's answer means for the registration that asked. False: there is a subscription
 // that nobody holds.
 bool CRegisterSipProcess::EnterSubscription(const ST_SUB_PENDING& stPending, int nSubscribeId) {
-  const CRegMgrLocker oLocker(*this);
-  g_stSubPending.bRunning = false;
+  const CLocker oLocker(*this);
+  m_stSubPending.bRunning = false;
   std::vector<ST_SUB_EARLY> vecEarly;
   vecEarly.swap(m_vecEarly);
-  const auto itRegister = m_mapRegister.find(stPending.nRegId);
-  if (itRegister == m_mapRegister.end() || itRegister->second != stPending.pRegister) {
-    return nSubscribeId <= 0;
-  }
-  CRegister* const pRegister = itRegister->second;
+  CRegister* const pRegister = m_mapRegister.Find(stPending.nRegId);
+  if (pRegister == nullptr || pRegister != stPending.pRegister) return nSubscribeId <= 0;
   pRegister->SetSubExchanging(false);
   if (nSubscribeId <= 0) return true;
   try {
@@ -259,8 +241,7 @@ void CRegisterSipProcess::EndSubExchanges() {
   while (kdForgetUserPtr(m_hMainThread, this) != 0 && std::chrono::steady_clock::now() < tEnd) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  while (ST_SUB_PENDING* const pPending = TakeSubPending()) {
-    const COwner<ST_SUB_PENDING> oPending(pPending);
+  while (const std::unique_ptr<ST_SUB_PENDING> pPending = TakeSubPending()) {
     if (pPending->nType == E_SUB_EVENT_DESUBSCRIBE && HasSubscribed()) RunDesubscribe(*pPending);
   }
 }
@@ -285,9 +266,10 @@ void CRegisterSipProcess::SubEventDispatch(int nNtfId, CXML* pDoc) {
 
 void CRegisterSipProcess::SubSuccess(int nNtfId, CXML* pDoc) {
   if (nNtfId != bus::subscription::kNotifyLife || pDoc == nullptr) return;
-  const COwner<CRegSubSuccess> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubSuccess());
-  if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0 || oMsg->m_strFinal != "SUB_STOP") return;
-  const CRegMgrLocker oLocker(*this);
+  const std::unique_ptr<CRegSubSuccess> oMsg(
+      GetRegGlobal().m_pParserFactory->CreateRegSubSuccess());
+  if (oMsg == nullptr || oMsg->Parse(pDoc) != 0 || oMsg->m_strFinal != "SUB_STOP") return;
+  const CLocker oLocker(*this);
   ApplySubEvent({oMsg->m_nId, true, {}});
 }
 
@@ -295,11 +277,11 @@ void CRegisterSipProcess::SubFailure(int /*nNtfId*/, CXML* /*pDoc*/) {}
 
 void CRegisterSipProcess::SubNotify(int nNtfId, CXML* pDoc) {
   if (nNtfId != bus::subscription::kNotifyBody || pDoc == nullptr) return;
-  const COwner<CRegSubNTFMsg> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubNTFMsg());
-  if (oMsg.Get() == nullptr || oMsg->Parse(pDoc) != 0) return;
+  const std::unique_ptr<CRegSubNTFMsg> oMsg(GetRegGlobal().m_pParserFactory->CreateRegSubNTFMsg());
+  if (oMsg == nullptr || oMsg->Parse(pDoc) != 0) return;
   bool bNoMemory = false;
   {
-    const CRegMgrLocker oLocker(*this);
+    const CLocker oLocker(*this);
     bNoMemory = !ApplySubEvent({oMsg->m_nId, false, std::move(oMsg->m_strMsgBody)});
   }
   if (bNoMemory) REG_LOG(E_LOG_ERROR, "Create xml Fail\n");
@@ -311,13 +293,12 @@ bool CRegisterSipProcess::ApplySubEvent(const ST_SUB_EARLY& stEvent) {
   if (itSubscribe == m_mapSubscribe.end()) {
     // The service may be faster than the thread that waits for its answer: the first document,
     // which tells our contact's id, must not be lost.
-    if (g_stSubPending.bRunning && m_vecEarly.size() < E_SUB_EARLY_MAX) {
+    if (m_stSubPending.bRunning && m_vecEarly.size() < E_SUB_EARLY_MAX) {
       m_vecEarly.push_back(stEvent);
     }
     return true;
   }
-  const auto itRegister = m_mapRegister.find(itSubscribe->second);
-  CRegister* const pRegister = itRegister != m_mapRegister.end() ? itRegister->second : nullptr;
+  CRegister* const pRegister = m_mapRegister.Find(itSubscribe->second);
   if (stEvent.bStop) {
     m_mapSubscribe.erase(itSubscribe);
     if (pRegister != nullptr) pRegister->SetSubscribeId(-1);
@@ -337,21 +318,22 @@ bool CRegisterSipProcess::ApplySubEvent(const ST_SUB_EARLY& stEvent) {
 // With m_oRegMgrMutex held. Tells the client of the registration's state; one that is not
 // registered any more ends before. False without memory for the document.
 bool CRegisterSipProcess::NotifySubState(CRegister* pRegister, const ST_REG_EVENT& stRegEvent) {
-  const COwner<CXML> oDoc(vktNew<CXML>());
-  const COwner<CRegStateNotify> oNotify(GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
-  if (oDoc.Get() == nullptr || oNotify.Get() == nullptr) return false;
+  const std::unique_ptr<CXML> oDoc(vktNew<CXML>());
+  const std::unique_ptr<CRegStateNotify> oNotify(
+      GetRegGlobal().m_pParserFactory->CreateRegStateNotify());
+  if (oDoc == nullptr || oNotify == nullptr) return false;
   oNotify->m_nId = stRegEvent.nRegId;
   oNotify->m_strEvent = GetEventWord(stRegEvent.nEventWord);
   const bool bActive = stRegEvent.eRegState == E_REG_STATE_REGED;
   oNotify->m_strState = bActive ? "Active" : "Terminate";
-  oNotify->Result(oDoc.Get());
+  oNotify->Result(oDoc.get());
   if (!bActive) {
     const int nRegId = pRegister->GetRegId();
     REG_LOG(E_LOG_INFO, "SubNotify: id is %d\n", nRegId);
     if (Remove(pRegister, nRegId)) REG_LOG(E_LOG_INFO, "SubNotify:vktDelete pReg");
     REG_LOG_KEYS("SubNotify: m_mapRegister is %d\n");
   }
-  XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyState, oDoc.Get(),
+  XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyState, oDoc.get(),
                   nullptr);
   return true;
 }

@@ -3,10 +3,8 @@
 #include "Brunelib/Brunelib.h"
 #include "Brunelib/identities.h"
 #include "Register.h"
-#include "RegisterSipProcess.h"
 #include "registrationpackage.h"
 #include "RegLog.h"
-#include "RegOwner.h"
 
 namespace {
 
@@ -24,21 +22,23 @@ bool SameAddress(const std::string& strOne, const std::string& strOther) {
 int CRegister::SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent) {
   REG_LOG_SCOPE();
   const VkLocker oLocker(g_oRegLock);
-  const int nUpdate = m_oRegistrationTable.Update(strDoc.c_str());
+  if (m_pView == nullptr) m_pView.reset(vktNew<ST_REG_VIEW>());
+  const int nUpdate =
+      m_pView != nullptr ? m_pView->m_oRegistrationTable.Update(strDoc.c_str()) : -1;
   if (nUpdate != 0) {
     // A gap in the versions, or one that is not newer, is no news; the table has done with it what
     // it does.
     if (nUpdate == -1) REG_LOG(E_LOG_WARNING, "Update registration table failed!\n");
     return -1;
   }
-  const int nCount = m_oRegistrationTable.GetRegistrationCount();
+  const int nCount = m_pView->m_oRegistrationTable.GetRegistrationCount();
   REG_LOG(E_LOG_INFO, "m_oRegistrationTable.GetRegistrationCount() = %d\n", nCount);
   if (nCount < 1) {
     REG_LOG(E_LOG_WARNING, "Not find degistration in table!\n");
     return -1;
   }
   for (int i = 0; i < nCount; ++i) {
-    CRegistration* const pRegistration = m_oRegistrationTable.GetRegistration(i);
+    CRegistration* const pRegistration = m_pView->m_oRegistrationTable.GetRegistration(i);
     if (pRegistration == nullptr) continue;
     if (IsOwnAor(pRegistration->GetAor())) RegState(pRegistration, stRegEvent);
   }
@@ -47,7 +47,7 @@ int CRegister::SubNotifyProc(const std::string& strDoc, ST_REG_EVENT& stRegEvent
 
 // Many registrars never send P-Associated-URI, so the address of record counts beside that list.
 bool CRegister::IsOwnAor(const std::string& strAor) {
-  return SameAddress(strAor, m_stRegInfo.m_strAor) || SameAddress(strAor, m_strDefaultUri) ||
+  return SameAddress(strAor, m_stRegInfo.m_strAor) || SameAddress(strAor, DefaultUri()) ||
          IsInPAssociatedURI(strAor) == 1;
 }
 
@@ -59,9 +59,9 @@ int CRegister::RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent) 
     const CContact* const pContact = pRegistration->GetContact(i);
     if (pContact == nullptr) continue;
     // The first document tells which contact is ours: its last one.
-    if (m_oRegistrationTable.GetVersion() == "0") {
-      m_strContactId = pContact->GetId();
-    } else if (pContact->GetId() != m_strContactId) {
+    if (m_pView->m_oRegistrationTable.GetVersion() == "0") {
+      m_pView->m_strContactId = pContact->GetId();
+    } else if (pContact->GetId() != m_pView->m_strContactId) {
       continue;
     }
     const std::string& strState = pContact->GetState();
@@ -71,14 +71,14 @@ int CRegister::RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent) 
       RegStateActive(pContact->GetEvent(), stRegEvent);
     } else if (strState == "terminated") {
       if (m_eRegState == E_REG_STATE_DEREGING) {
-        const COwner<CXML> oReply(NewDeregisteredReply());
-        if (oReply.Get() == nullptr) {
+        const std::unique_ptr<CXML> pReply = NewDeregisteredReply();
+        if (pReply == nullptr) {
           REG_LOG(E_LOG_ERROR, "vktNew CXML failed!\n");
           return -1;
         }
         REG_LOG(E_LOG_INFO, "Notify DeRegister Success!\n");
         XSExpressNotify(bus::registration::kIdentity, bus::registration::kNotifyDeregistered,
-                        oReply.Get(), nullptr);
+                        pReply.get(), nullptr);
       }
       StopRefresh();
       RegStateTerminated(pContact->GetEvent(), stRegEvent);
@@ -87,21 +87,21 @@ int CRegister::RegState(CRegistration* pRegistration, ST_REG_EVENT& stRegEvent) 
   stRegEvent.nRegId = m_stRegInfo.m_nId;
   stRegEvent.eRegState = m_eRegState;
   delete[] stRegEvent.strAor;  // of an earlier registration of the same document
-  stRegEvent.strAor = NewText(m_strDefaultUri);
+  stRegEvent.strAor = NewText(DefaultUri());
   return 0;
 }
 
 // What tells the client of a deregistration that the registrar's view has shown before its answer
 // came; null without memory.
-CXML* CRegister::NewDeregisteredReply() const {
-  COwner<CXML> oXml(vktNew<CXML>());
-  if (CXML* const pXml = oXml.Get()) {
+std::unique_ptr<CXML> CRegister::NewDeregisteredReply() const {
+  std::unique_ptr<CXML> pXml(vktNew<CXML>());
+  if (pXml != nullptr) {
     pXml->AddElem("reg", nullptr, 0);
     pXml->AddChildElem("id", m_stRegInfo.m_nId, 0);
     pXml->AddChildElem("result", "0", 0);
     pXml->ResetPos();
   }
-  return oXml.Release();
+  return pXml;
 }
 
 void CRegister::RegStateActive(const std::string& strEvent, ST_REG_EVENT& stRegEvent) {
@@ -167,7 +167,7 @@ void CRegister::SetUnregistered(int nEventWord, ST_REG_EVENT& stRegEvent) {
 }
 
 void CRegister::StopRefresh() {
-  if (m_bRefreshEnabled == 0 || m_bRefreshTimerOn == 0) return;
-  m_bRefreshTimerOn = 0;
+  if (!m_bRefreshEnabled || !m_bRefreshTimerOn) return;
+  m_bRefreshTimerOn = false;
   PostThreadEvent(E_REG_TIMER_EVENT_STOP, this, m_hThread);
 }

@@ -1,8 +1,6 @@
 // The one timer of a registration. All of it but PostThreadEvent runs on m_hThread.
 
 #include "Register.h"
-#include "RegisterEnd.h"
-#include "RegisterSipProcess.h"
 #include "RegLog.h"
 
 int CRegister::GetRefreshTime(int nExpires) {
@@ -31,11 +29,11 @@ void CRegister::TimerEvent(const KDEvent* pEvent) {
   const CRegisterHold oRegister(static_cast<CRegister*>(pEvent->userptr));
   switch (pEvent->type) {
     case E_REG_TIMER_EVENT_START_REFRESH:
-      oRegister->m_bRefreshTimerOn = 1;
+      oRegister->m_bRefreshTimerOn = true;
       oRegister->StartTimer(oRegister->m_nRefreshTime);
       break;
     case E_REG_TIMER_EVENT_START_REREG:
-      oRegister->m_bReregTimerOn = 1;
+      oRegister->m_bReregTimerOn = true;
       oRegister->StartTimer(oRegister->m_stRegInfo.m_nReregisterInterval);
       break;
     case E_REG_TIMER_EVENT_STOP:
@@ -59,7 +57,7 @@ void CRegister::StartTimer(KDint64 nSeconds) {
     REG_LOG(E_LOG_ERROR, "Set Timer Fail\n");
     return;
   }
-  m_bTimerRunning = 1;
+  m_oEndNode.m_bTimerRunning = 1;
 }
 
 void CRegister::StopTimer() {
@@ -70,15 +68,15 @@ void CRegister::StopTimer() {
   } else {
     REG_LOG(E_LOG_WARNING, "Stop Timer Fail and errorcode is %d!\n", kdGetError());
   }
-  m_bTimerRunning = 0;
+  m_oEndNode.m_bTimerRunning = 0;
 }
 
 void CRegister::TimerProc(const KDEvent* pEvent) {
   REG_LOG_SCOPE();
   if (pEvent == nullptr || pEvent->userptr == nullptr) return;
   const CRegisterHold oRegister(static_cast<CRegister*>(pEvent->userptr));
-  if (oRegister->m_eRegState == E_REG_STATE_REGED || oRegister->m_bReregTimerOn != 0) {
-    if (oRegister->SendRegister(true) != 0) {
+  if (oRegister->m_eRegState == E_REG_STATE_REGED || oRegister->m_bReregTimerOn) {
+    if (oRegister->SendRegister(E_SEND_REFRESH) != 0) {
       REG_LOG(E_LOG_WARNING, "Send Register failed!\n");
     }
   }
@@ -88,7 +86,7 @@ void CRegister::TimerProc(const KDEvent* pEvent) {
 // A firing or a START that finds its registration gone makes up for a STOP that was lost or is
 // still behind it.
 void CRegister::StopTimerIfRetired() {
-  if (GetRegGlobal().m_pRegisterSipProcess->GetEnd().IsRetired(this)) StopTimer();
+  if (m_oEndNode.IsRetired()) StopTimer();
 }
 
 void CRegister::RegTimerLock() {

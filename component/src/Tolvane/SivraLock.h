@@ -1,12 +1,13 @@
 // Holds the SIP library's lock for a scope.
 #pragma once
 
+#include "base/mutex.h"
 #include "sivra/sivra.h"
 
-class [[nodiscard]] CSivraLocker {
+class [[nodiscard]] TOLVANE_SCOPED_CAPABILITY CSivraLocker {
  public:
-  CSivraLocker() { sivra_lock(); }
-  ~CSivraLocker() { sivra_unlock(); }
+  CSivraLocker() TOLVANE_ACQUIRE(sivra::library_lock) { sivra_lock(); }
+  ~CSivraLocker() TOLVANE_RELEASE() { sivra_unlock(); }
   CSivraLocker(const CSivraLocker&) = delete;
   CSivraLocker& operator=(const CSivraLocker&) = delete;
 };

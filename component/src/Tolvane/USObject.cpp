@@ -20,6 +20,17 @@ const TRow* FindRow(const TMap* pMap, const TRow* TMap::*pTable, TMatch bMatch) 
   return nullptr;
 }
 
+// Every notification row of the chain, whatever the bus says to one.
+void ForEachNotify(const US_MSG_MAP* pMap, decltype(XSSubNotify)* pCall,
+                   XSNotifyCallback* pCallback) {
+  for (; pMap != nullptr; pMap = pMap->pBase) {
+    const US_NTF_ENTRY* pRow = pMap->pNotifies;
+    for (; pRow != nullptr && pRow->pHandler != nullptr; ++pRow) {
+      pCall(pRow->szSource, pRow->nNtfId, pCallback);
+    }
+  }
+}
+
 }  // namespace
 
 const US_MSG_MAP CUSObject::s_stMsgMap = {nullptr, s_astNoCommands, s_astNoNotifies};
@@ -29,18 +40,12 @@ const US_MSG_MAP* CUSObject::GetMsgMap() const { return &s_stMsgMap; }
 const PS_EVENT_MAP* CPSObject::GetEventMap() const { return &s_stEventMap; }
 
 int CUSObject::RegisterNotifies(XSNotifyCallback* pCallback) {
-  FindRow(GetMsgMap(), &US_MSG_MAP::pNotifies, [pCallback](const US_NTF_ENTRY& stRow) {
-    XSSubNotify(stRow.szSource, stRow.nNtfId, pCallback);
-    return false;
-  });
+  ForEachNotify(GetMsgMap(), XSSubNotify, pCallback);
   return 0;
 }
 
 int CUSObject::UnregisterNotifies(XSNotifyCallback* pCallback) {
-  FindRow(GetMsgMap(), &US_MSG_MAP::pNotifies, [pCallback](const US_NTF_ENTRY& stRow) {
-    XSUnsubNotify(stRow.szSource, stRow.nNtfId, pCallback);
-    return false;
-  });
+  ForEachNotify(GetMsgMap(), XSUnsubNotify, pCallback);
   return 0;
 }
 

@@ -1,3 +1,5 @@
+// Which kind of document a factory is for: the one place that knows the records and their twins.
+
 #include "ParserBaseImpl.h"
 
 #include "RegLog.h"

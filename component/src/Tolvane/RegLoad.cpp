@@ -1,3 +1,6 @@
+// What loading and unloading of the library does: makes and ends the objects of the holder. Nothing
+// includes this file's side of things, so it may know all of them.
+
 #include "RegGlobal.h"
 
 #include "logging/LogOne.h"
