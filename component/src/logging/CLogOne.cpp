@@ -10,13 +10,12 @@
 #include "logging/LogOrigin.h"
 #include "logging/LogText.h"
 
-constinit std::recursive_mutex g_csLogOne;
+constinit base::RecursiveMutex g_csLogOne;
 
 namespace {
 
-// Guarded by the log lock.
-char g_szMessage[CLogOne::MESSAGE_SIZE];
-wchar_t g_wszMessage[CLogOne::MESSAGE_SIZE];
+char g_szMessage[CLogOne::MESSAGE_SIZE] TOLVANE_GUARDED_BY(g_csLogOne);
+wchar_t g_wszMessage[CLogOne::MESSAGE_SIZE] TOLVANE_GUARDED_BY(g_csLogOne);
 
 constexpr const char* kWords[] = {"Err", "War", "Inf", "Dbg"};
 

@@ -99,7 +99,6 @@ bool CLogOne::BuildPath(int nCopy, char (&szPath)[PATH_SIZE]) const noexcept {
 }
 
 void CLogOne::OpenLogFile() noexcept {
-  const CLogOneLocker oLocker;
   if (!m_bNeedOpen) return;
   m_bNeedOpen = false;  // before anything can fail: a failed open is not tried again
   char szPath[PATH_SIZE];
@@ -124,7 +123,6 @@ void CLogOne::WriteBeginning() noexcept {
 }
 
 void CLogOne::CheckLogSize() noexcept {
-  const CLogOneLocker oLocker;
   FlushFile();  // the line of the beginning may still wait; seeking could lose it unseen
   std::fseek(m_fp, 0, SEEK_END);
   m_nWhole = std::ftell(m_fp);

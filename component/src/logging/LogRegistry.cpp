@@ -10,8 +10,8 @@
 
 namespace {
 
-// Guarded by g_csLogOne. Loggers are never taken out: whoever read a pointer may go on using it
-// until the library is unloaded, when the static object below ends them all.
+// Loggers are never taken out: whoever read a pointer may go on using it until the library is
+// unloaded, when the static object below ends them all.
 class CLogOneRegistry {
  public:
   constexpr CLogOneRegistry() noexcept = default;
@@ -53,7 +53,7 @@ class CLogOneRegistry {
   std::unique_ptr<ENTRY> m_pHead;
 };
 
-constinit CLogOneRegistry g_oRegistry;
+constinit CLogOneRegistry g_oRegistry TOLVANE_GUARDED_BY(g_csLogOne);
 
 std::string NarrowPath(const wchar_t* wszPath) {
   std::string strPath(std::wcslen(wszPath) * 4 + 1, '\0');
