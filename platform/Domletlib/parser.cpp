@@ -10,6 +10,7 @@
 #include <new>
 
 #include "base/random.h"
+#include "base/text.h"
 #include "Domletlib.h"
 
 namespace domlet {
@@ -85,12 +86,6 @@ constexpr std::size_t kSlack = 512;
 std::string At(std::size_t line, std::size_t column, std::string_view reason) {
   std::string error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
   return error.append(reason);
-}
-
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) noexcept {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 // One run of the parser over one text. The callbacks below are called from C: they let no exception
@@ -258,7 +253,7 @@ class Builder {
     if (encoding == nullptr) return;
     // A sub-document is a stretch of the source without the declaration, so it has to mean the same
     // without it.
-    if (EqualsIgnoringCase(encoding, "UTF-8") || EqualsIgnoringCase(encoding, "US-ASCII")) return;
+    if (base::EqualNoCase(encoding, "UTF-8") || base::EqualNoCase(encoding, "US-ASCII")) return;
     Of(user).Guard([&] { Of(user).Refuse("an encoding other than UTF-8 is not accepted"); });
   }
 
