@@ -1,12 +1,11 @@
 #include "host/config_check.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string_view>
 
+#include "base/text.h"
 #include "host/options.h"
 #include "host/words.h"
 
@@ -41,7 +40,7 @@ std::string Describe(const sipcarrier::ConfMessage& message) {
   for (const auto& header : message.headers) {
     text += "  " + header.name + ": " + Printable(header.value) + "\n";
     const std::string_view key = UnknownKey(header.value);
-    if (strcasecmp(header.name.c_str(), "Expires") == 0) {
+    if (base::EqualNoCase(header.name, "Expires")) {
       text += "    note: every REGISTER keeps its own expiry, so this value is never sent\n";
     } else if (!key.empty()) {
       text += "    note: nothing ever fills ${" + Printable(key) +

@@ -1,11 +1,11 @@
 #include "host/demo.h"
 
 #include <cstdio>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "Domletlib/Domletlib.h"
 #include "host/output.h"
 #include "host/session.h"
@@ -108,18 +108,18 @@ class RegistrarLog {
     bool authorised = false;
   };
   void Add(const nsip_message& request) {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     requests_.push_back({request.call_id, request.cseq_number, RequestedExpires(request),
                          !HeaderValue(request, "Authorization").empty()});
   }
   [[nodiscard]] std::vector<Request> Requests() const {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     return requests_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<Request> requests_;
+  mutable base::Mutex mutex_;
+  std::vector<Request> requests_ TOLVANE_GUARDED_BY(mutex_);
 };
 
 // Shows the session in short form, has the registrar remove the binding after the second refresh,

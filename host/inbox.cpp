@@ -16,7 +16,7 @@ Inbox::Inbox() : thread_(kdThreadSelf()) {}
 
 void Inbox::Push(std::variant<NotificationItem, TraceItem, SignalItem> what) noexcept {
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     if (items_.size() >= kMaxItems && std::holds_alternative<TraceItem>(what)) {
       ++lost_;
       return;
@@ -37,7 +37,7 @@ void Inbox::Push(std::variant<NotificationItem, TraceItem, SignalItem> what) noe
 }
 
 bool Inbox::Pop(InboxItem& item) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   if (items_.empty()) return false;
   item = std::move(items_.front());
   items_.pop_front();
@@ -45,7 +45,7 @@ bool Inbox::Pop(InboxItem& item) {
 }
 
 std::uint64_t Inbox::lost() const {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   return lost_;
 }
 

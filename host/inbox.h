@@ -5,10 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <variant>
 
+#include "base/mutex.h"
 #include "VorelKDCore/VorelKDCore.h"
 
 namespace host {
@@ -52,9 +52,9 @@ class Inbox {
 
  private:
   KDThread* const thread_;
-  mutable std::mutex mutex_;
-  std::deque<InboxItem> items_;
-  std::uint64_t lost_ = 0;
+  mutable base::Mutex mutex_;
+  std::deque<InboxItem> items_ TOLVANE_GUARDED_BY(mutex_);
+  std::uint64_t lost_ TOLVANE_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace host

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "base/text.h"
 #include "nsip/nsip.h"
 
 namespace host {
@@ -42,7 +43,7 @@ std::optional<std::string> CheckSipUri(const std::string& text, nsip_uri& uri) {
   }
   const nsip_generic_param* transport = nullptr;
   if (nsip_generic_param_get_byname(uri.params, "transport", &transport) == 0 &&
-      strcasecmp(transport->value.c_str(), "udp") != 0) {
+      !base::EqualNoCase(transport->value, "udp")) {
     return Quoted(text) + " asks for transport " + Quoted(transport->value) +
            "; only udp is supported yet";
   }

@@ -2,9 +2,8 @@
 
 #include <cstring>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 
+#include "base/mutex.h"
 #include "Brunelib/Brunelib.h"
 #include "Brunelib/identities.h"
 #include "service.h"
@@ -15,8 +14,8 @@ namespace {
 constexpr std::chrono::milliseconds kPatience{2000};
 
 // Set from Initialize to Uninitialize; commands hold the lock shared.
-std::shared_mutex g_mutex;
-std::shared_ptr<subscription::Service> g_service;
+base::SharedMutex g_mutex;
+std::shared_ptr<subscription::Service> g_service TOLVANE_GUARDED_BY(g_mutex);
 
 }  // namespace
 
@@ -40,7 +39,7 @@ TOLVANE_PUBLIC int SUBSCRIPTION_XSCInformation(XSComponentInfo* pInfo) {
 
 TOLVANE_PUBLIC int SUBSCRIPTION_XSCInitialize(void* /*pParam*/) {
   try {
-    const std::unique_lock lock(g_mutex);
+    const base::WriterLock lock(g_mutex);
     if (g_service != nullptr) return -1;
     g_service = std::make_shared<subscription::Service>();
     return 0;
@@ -52,7 +51,7 @@ TOLVANE_PUBLIC int SUBSCRIPTION_XSCInitialize(void* /*pParam*/) {
 TOLVANE_PUBLIC int SUBSCRIPTION_XSCUninitialize() {
   std::shared_ptr<subscription::Service> service;
   {
-    const std::unique_lock lock(g_mutex);
+    const base::WriterLock lock(g_mutex);
     service.swap(g_service);
   }
   try {
@@ -65,7 +64,7 @@ TOLVANE_PUBLIC int SUBSCRIPTION_XSCUninitialize() {
 
 TOLVANE_PUBLIC int SUBSCRIPTION_XSCCmdCallBack(int nCmdId, CXML* pIn, CXML* pOut) {
   try {
-    const std::shared_lock lock(g_mutex);
+    const base::ReaderLock lock(g_mutex);
     return g_service != nullptr ? g_service->OnCommand(nCmdId, pIn, pOut) : -1;
   } catch (const std::bad_alloc&) {
     return -1;

@@ -97,13 +97,13 @@ int Service::OnSubscribe(CXML& in, CXML& out) {
   if (key.empty()) return -1;
 
   // The row is made first: what lacks memory fails before there is a subscription without a row.
-  decltype(followers_) rows;
+  Followers rows;
   rows.emplace(0, std::make_shared<Follower>(info.to, key));
   auto row = rows.extract(0);
   long former = 0;
   long id = -1;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     followers_.reserve(followers_.size() + 1);
     const auto newest = newest_.try_emplace(std::move(key), 0).first;
     id = sivra::Subscribe(info, weak_from_this().lock());
@@ -182,13 +182,13 @@ void Service::OnEnd(long id, int status, const std::string& reason) {
   } catch (const std::bad_alloc&) {
     SUB_LOG(E_LOG_ERROR, "no memory to report the end of a subscription");
   }
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const auto found = followers_.find(id);
   if (found == followers_.end()) return;
   const auto newest = newest_.find(found->second->key);
   if (newest != newest_.end() && newest->second == id) newest_.erase(newest);
   followers_.erase(found);
-  if (followers_.empty()) none_left_.notify_all();
+  if (followers_.empty()) none_left_.NotifyAll();
 }
 
 // Begins to end a subscription. False: it is unknown.
@@ -200,7 +200,7 @@ bool Service::Close(long id) {
 }
 
 std::shared_ptr<Service::Follower> Service::Find(long id) {
-  const std::lock_guard lock(mutex_);
+  const base::MutexLock lock(mutex_);
   const auto found = followers_.find(id);
   return found != followers_.end() ? found->second : nullptr;
 }
@@ -209,13 +209,14 @@ void Service::Stop(std::chrono::milliseconds patience) {
   const auto end = std::chrono::steady_clock::now() + patience;
   std::vector<long> ids;
   {
-    const std::lock_guard lock(mutex_);
+    const base::MutexLock lock(mutex_);
     for (const auto& [id, follower] : followers_) ids.push_back(id);
   }
   for (const long id : ids) Close(id);
   {
-    std::unique_lock lock(mutex_);
-    none_left_.wait_until(lock, end, [this] { return followers_.empty(); });
+    const base::MutexLock lock(mutex_);
+    while (!followers_.empty() && none_left_.WaitUntil(mutex_, end)) {
+    }
   }
   sivra::ForgetListener(this);
 }

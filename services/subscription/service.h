@@ -20,12 +20,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "base/mutex.h"
 #include "Domletlib/Domletlib.h"
 #include "sivra/sivra.h"
 
@@ -59,10 +58,12 @@ class Service final : public sivra::SubscriptionListener,
   [[nodiscard]] std::shared_ptr<Follower> Find(long id);
   void Log(int level, const char* function, int line, const char* text) const noexcept;
 
-  std::mutex mutex_;
-  std::condition_variable none_left_;
-  std::unordered_map<long, std::shared_ptr<Follower>> followers_;  // by subscription id
-  std::unordered_map<std::string, long> newest_;                   // by address of record
+  using Followers = std::unordered_map<long, std::shared_ptr<Follower>>;
+
+  base::Mutex mutex_;
+  base::CondVar none_left_;
+  Followers followers_ TOLVANE_GUARDED_BY(mutex_);                           // by subscription id
+  std::unordered_map<std::string, long> newest_ TOLVANE_GUARDED_BY(mutex_);  // by nsip_aor_key
   std::atomic<ILogOne*> log_{nullptr};
 };
 

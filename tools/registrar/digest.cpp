@@ -1,11 +1,14 @@
 #include "registrar/digest.h"
 
 #include <openssl/crypto.h>
-#include <openssl/rand.h>
 
 #include <charconv>
 #include <new>
 #include <utility>
+#include <vector>
+
+#include "base/random.h"
+#include "base/text.h"
 
 namespace registrar {
 namespace {
@@ -28,26 +31,6 @@ constexpr Known kKnown[] = {
     {"SHA-512-256", "SHA512-256", false},
     {"SHA-512-256-sess", "SHA512-256", true},
 };
-
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (lower(a[i]) != lower(b[i])) return false;
-  }
-  return true;
-}
-
-std::string Hex(const unsigned char* bytes, std::size_t size) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(size * 2);
-  for (std::size_t i = 0; i < size; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  return text;
-}
 
 // RFC 7616 §3.4: nc is eight hexadecimal digits.
 bool ParseCount(std::string_view text, std::uint32_t& count) {
@@ -72,10 +55,9 @@ struct Digest::Credentials {
 };
 
 std::string RandomHex(std::size_t bytes) {
-  std::string raw(bytes, '\0');
-  auto* data = reinterpret_cast<unsigned char*>(raw.data());
-  if (RAND_bytes(data, static_cast<int>(bytes)) != 1) throw std::bad_alloc();
-  return Hex(data, bytes);
+  std::vector<unsigned char> raw(bytes);
+  if (!base::FillRandom(raw)) throw std::bad_alloc();
+  return base::HexText(raw);
 }
 
 Digest::Digest(const Options& options) : options_(options) {}
@@ -91,7 +73,7 @@ bool Digest::Init(std::string& error) {
   for (const std::string& name : options_.algorithms) {
     const Known* known = nullptr;
     for (const Known& candidate : kKnown) {
-      if (EqualsIgnoringCase(candidate.name, name)) known = &candidate;
+      if (base::EqualNoCase(candidate.name, name)) known = &candidate;
     }
     if (known == nullptr) {
       error = "unknown digest algorithm \"" + name +
@@ -129,7 +111,7 @@ bool Digest::Init(std::string& error) {
 
 const Digest::Algorithm* Digest::Find(std::string_view name) const {
   for (const Algorithm& algorithm : algorithms_) {
-    if (EqualsIgnoringCase(algorithm.name, name)) return &algorithm;
+    if (base::EqualNoCase(algorithm.name, name)) return &algorithm;
   }
   return nullptr;
 }
@@ -149,7 +131,7 @@ std::string Digest::Hash(const Algorithm& algorithm,
   }
   good = good && EVP_DigestFinal_ex(context.get(), bytes, &size) == 1;
   if (!good) throw std::bad_alloc();
-  return Hex(bytes, size);
+  return base::HexText({bytes, size});
 }
 
 // The credentials for our realm, when they are complete and answer one of our challenges.
@@ -165,7 +147,7 @@ bool Digest::Read(const nsip_message& request, Credentials& credentials) const {
       const nsip_generic_param* param = nullptr;
       return nsip_generic_param_get_byname(params, key, &param) == 0 ? param->value : std::string();
     };
-    if (!EqualsIgnoringCase(scheme, "Digest") || value("realm") != options_.realm) continue;
+    if (!base::EqualNoCase(scheme, "Digest") || value("realm") != options_.realm) continue;
 
     credentials.user = value("username");
     credentials.nonce = value("nonce");

@@ -1,11 +1,12 @@
 #include "registrar/location.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <iterator>
 #include <limits>
 #include <utility>
+
+#include "base/text.h"
 
 namespace registrar {
 namespace {
@@ -17,11 +18,6 @@ constexpr int kMalformedExpires = 3600;
 constexpr std::size_t kMaxBindings = 256;
 constexpr std::size_t kMaxAddresses = 262144;
 
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 int ExpiresHeader(const nsip_message& request) {
   nsip_header* header = nullptr;
   if (nsip_message_header_get_byname(&request, "Expires", 0, &header) < 0 || header == nullptr) {
@@ -30,7 +26,7 @@ int ExpiresHeader(const nsip_message& request) {
   return ParseExpires(header->hvalue);
 }
 
-bool IsExpires(const nsip_generic_param& param) { return Lower(param.name) == "expires"; }
+bool IsExpires(const nsip_generic_param& param) { return base::EqualNoCase(param.name, "expires"); }
 
 }  // namespace
 
@@ -75,7 +71,7 @@ ContactRecord Location::Record(const Entry& entry, Clock::time_point now) {
   record.call_id = entry.call_id;
   record.cseq = entry.cseq;
   for (const nsip_generic_param& param : entry.params) {
-    if (Lower(param.name) == "q") {
+    if (base::EqualNoCase(param.name, "q")) {
       record.q = param.value;
     } else {
       record.params.emplace_back(param.name, param.value);

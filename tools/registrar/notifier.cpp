@@ -6,6 +6,7 @@
 #include <new>
 #include <tuple>
 
+#include "base/text.h"
 #include "registrar/digest.h"
 
 namespace registrar {
@@ -15,12 +16,6 @@ constexpr std::size_t kMaxSubscriptions = 16384;
 constexpr std::size_t kMaxOfOneAor = 32;
 constexpr std::size_t kMaxAorVersions = 65536;
 constexpr std::string_view kPackage = "reg";
-
-std::string_view Trim(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
-}
 
 // RFC 3261 §20.1: without an Accept header the package's own type is what is meant.
 bool TakesRegInfo(const nsip_message& request) {
@@ -32,7 +27,7 @@ bool TakesRegInfo(const nsip_message& request) {
     while (!rest.empty()) {
       const std::string_view item = rest.substr(0, rest.find(','));
       rest.remove_prefix(std::min(rest.size(), item.size() + 1));
-      const std::string_view type = Trim(item.substr(0, item.find(';')));
+      const std::string_view type = base::Trim(item.substr(0, item.find(';')));
       if (type == kRegInfoType || type == "application/*" || type == "*/*") return true;
     }
   }
@@ -58,8 +53,8 @@ void Notifier::SetOwnUri(const std::string& uri, int family) {
 Response Notifier::Subscribe(const nsip_message& request, Clock::time_point now) {
   nsip_header* header = nullptr;
   const bool has_event = nsip_message_header_get_byname(&request, "Event", 0, &header) >= 0;
-  const std::string_view event = has_event ? Trim(header->hvalue) : std::string_view();
-  if (Trim(event.substr(0, event.find(';'))) != kPackage) {
+  const std::string_view event = has_event ? base::Trim(header->hvalue) : std::string_view();
+  if (base::Trim(event.substr(0, event.find(';'))) != kPackage) {
     Response response = Refusal(489);
     response.headers.emplace_back("Allow-Events", kPackage);
     return response;

@@ -24,7 +24,7 @@ bool Registrar::Start(std::string& error) {
   if (!impl.socket.Open(impl.options.address, wanted, error)) return false;
   impl.port = impl.socket.Port();
   {
-    const std::lock_guard<std::mutex> lock(impl.mutex);
+    const base::MutexLock lock(impl.mutex);
     impl.notifier.SetOwnUri(uri(), impl.socket.Family());
     if (!impl.wake.valid()) impl.wake = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   }
@@ -66,35 +66,35 @@ std::string Registrar::uri() const {
 void Registrar::Add(Script script) {
   if (script.repeat == 0) return;
   if (!script.aor.empty()) script.aor = CanonicalAor(script.aor);
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   impl_->scripts.push_back(std::move(script));
 }
 
 std::vector<Binding> Registrar::Bindings(std::string_view aor) const {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->location.List(aor, impl_->Now());
 }
 
 bool Registrar::Remove(std::string_view aor) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->location.Remove(aor);
 }
 
 void Registrar::Advance(std::chrono::milliseconds time) {
   {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    const base::MutexLock lock(impl_->mutex);
     impl_->ahead = impl_->ahead.load() + time;
   }
   impl_->Wake();
 }
 
 Counters Registrar::GetCounters() const {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->counters;
 }
 
 bool Registrar::Apply(const Order& order, std::string& error) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   const Clock::time_point now = impl_->Now();
   const std::vector<ContactRecord> changes = impl_->location.Apply(order, now, error);
   impl_->notifier.Publish(CanonicalAor(order.aor), changes, now);
@@ -105,7 +105,7 @@ bool Registrar::Apply(const Order& order, std::string& error) {
 std::size_t Registrar::Notify(const NotifyOrder& order) {
   NotifyOrder canonical = order;
   canonical.aor = CanonicalAor(order.aor);
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   const std::size_t count = impl_->notifier.Notify(canonical, impl_->Now());
   impl_->Wake();
   return count;
@@ -113,7 +113,7 @@ std::size_t Registrar::Notify(const NotifyOrder& order) {
 
 std::size_t Registrar::EndSubscriptions(std::string_view aor, const std::string& reason,
                                         int retry_after) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   const std::size_t count =
       impl_->notifier.End(CanonicalAor(aor), reason, retry_after, impl_->Now());
   impl_->Wake();
@@ -121,34 +121,34 @@ std::size_t Registrar::EndSubscriptions(std::string_view aor, const std::string&
 }
 
 std::size_t Registrar::ForgetSubscriptions(std::string_view aor) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->notifier.Forget(aor.empty() ? std::string() : CanonicalAor(aor));
 }
 
 std::size_t Registrar::Approve(std::string_view aor) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   const std::size_t count = impl_->notifier.Approve(CanonicalAor(aor), impl_->Now());
   impl_->Wake();
   return count;
 }
 
 std::vector<SubscriptionView> Registrar::Subscriptions(std::string_view aor) const {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->notifier.List(aor.empty() ? std::string() : CanonicalAor(aor), impl_->Now());
 }
 
 RegEventCounters Registrar::GetRegEventCounters() const {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   return impl_->notifier.counters();
 }
 
 void Registrar::OnRequest(std::function<void(const nsip_message&)> observer) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   impl_->on_request = std::move(observer);
 }
 
 void Registrar::OnResponse(std::function<void(const nsip_message&, int)> observer) {
-  const std::lock_guard<std::mutex> lock(impl_->mutex);
+  const base::MutexLock lock(impl_->mutex);
   impl_->on_response = std::move(observer);
 }
 

@@ -25,7 +25,7 @@ int Registrar::Impl::PollTimeout() const {
   Clock::time_point next = now + kPurgeInterval;
   if (!delayed.empty()) next = std::min(next, delayed.begin()->first);
   {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const base::MutexLock lock(mutex);
     next = std::min(next, notifier.NextDue());
   }
   if (next <= now) return 0;
@@ -64,7 +64,7 @@ void Registrar::Impl::MoveOn(Clock::time_point now) {
     }
     std::deque<Datagram> notifies;
     {
-      const std::lock_guard<std::mutex> lock(mutex);
+      const base::MutexLock lock(mutex);
       notifies = notifier.Due(now);
     }
     for (const Datagram& item : notifies) socket.Send(item.text, item.target);
@@ -74,7 +74,7 @@ void Registrar::Impl::MoveOn(Clock::time_point now) {
 }
 
 void Registrar::Impl::Purge(Clock::time_point now) {
-  const std::lock_guard<std::mutex> lock(mutex);
+  const base::MutexLock lock(mutex);
   for (const auto& [aor, gone] : location.Purge(now)) notifier.Publish(aor, gone, now);
 }
 
@@ -103,12 +103,12 @@ void Registrar::Impl::Handle(const Peer& from) {
   std::string reason;
   const std::unique_ptr<nsip_message> request = nsip_message_parse(datagram, reason);
   if (request && request->status_code != 0) {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const base::MutexLock lock(mutex);
     notifier.OnResponse(*request);
     return;
   }
   if (!request || !HasWhatAResponseNeeds(*request)) {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const base::MutexLock lock(mutex);
     ++counters.garbage;
     return;
   }
@@ -117,7 +117,7 @@ void Registrar::Impl::Handle(const Peer& from) {
   const bool is_register = request->sip_method == "REGISTER";
   if (const ResponseCache::Entry* entry = responses.Find(key)) {
     if (is_register) {
-      const std::lock_guard<std::mutex> lock(mutex);
+      const base::MutexLock lock(mutex);
       ++counters.retransmissions;
     }
     if (entry->settled) socket.Send(entry->text, entry->target);
@@ -137,7 +137,7 @@ void Registrar::Impl::Serve(const nsip_message& request, const std::string& key,
   std::function<void(const nsip_message&)> before;
   std::function<void(const nsip_message&, int)> after;
   {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const base::MutexLock lock(mutex);
     if (request.sip_method == "REGISTER") {
       ++counters.requests;
     } else {
@@ -183,7 +183,7 @@ void Registrar::Impl::Reply(const nsip_message& request, const std::string& key,
 }
 
 Script Registrar::Impl::TakeScript(const nsip_message& request) {
-  const std::lock_guard<std::mutex> lock(mutex);
+  const base::MutexLock lock(mutex);
   if (scripts.empty()) return {};
   const std::string aor = nsip_aor_key(*request.to->url);
   const auto found = std::find_if(scripts.begin(), scripts.end(), [&](const Script& script) {
@@ -223,14 +223,14 @@ Response Registrar::Impl::OwnResponse(const nsip_message& request) {
     }
   }
   if (request.sip_method == "REGISTER") return Bind(request);
-  const std::lock_guard<std::mutex> lock(mutex);
+  const base::MutexLock lock(mutex);
   return notifier.Subscribe(request, Now());
 }
 
 Response Registrar::Impl::Bind(const nsip_message& request) {
   Response response;
   const Clock::time_point now = Now();
-  const std::lock_guard<std::mutex> lock(mutex);
+  const base::MutexLock lock(mutex);
   std::vector<ContactRecord> changes;
   Location::Result result = location.Update(request, now, changes);
   notifier.Publish(nsip_aor_key(*request.to->url), changes, now);

@@ -6,11 +6,11 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "base/mutex.h"
 #include "registrar/digest.h"
 #include "registrar/location.h"
 #include "registrar/loopback_socket.h"
@@ -50,13 +50,13 @@ struct Registrar::Impl {
   std::atomic<bool> stopping{false};
   std::atomic<std::uint16_t> port{0};
 
-  mutable std::mutex mutex;
-  Location location;
-  Notifier notifier;
-  std::deque<Script> scripts;
-  Counters counters;
-  std::function<void(const nsip_message&)> on_request;
-  std::function<void(const nsip_message&, int)> on_response;
+  mutable base::Mutex mutex;
+  Location location TOLVANE_GUARDED_BY(mutex);
+  Notifier notifier TOLVANE_GUARDED_BY(mutex);
+  std::deque<Script> scripts TOLVANE_GUARDED_BY(mutex);
+  Counters counters TOLVANE_GUARDED_BY(mutex);
+  std::function<void(const nsip_message&)> on_request TOLVANE_GUARDED_BY(mutex);
+  std::function<void(const nsip_message&, int)> on_response TOLVANE_GUARDED_BY(mutex);
 
   // What all deadlines and lifetimes are measured by.
   [[nodiscard]] Clock::time_point Now() const { return Clock::now() + ahead.load(); }
