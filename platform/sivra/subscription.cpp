@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -82,15 +81,6 @@ double Chance() {
 
 }  // namespace
 
-struct Subscription::Clock {
-  using duration = std::chrono::nanoseconds;
-  static TimePoint Now() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return TimePoint(seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
-  }
-};
-
 Subscription::Subscription(SubscriptionOwner& owner, long id, const SubscriptionInfo& info)
     : owner_(owner), id_(id), info_(info), timer_(*this) {}
 
@@ -136,7 +126,7 @@ void Subscription::Refresh() noexcept {
   if (over_ || !heard_ || phase_ == Phase::kLeaving || fetch_at_ != kNever) {
     return;
   }
-  const TimePoint now = Clock::Now();
+  const TimePoint now = Clock::now();
   if (now - fetched_at_ > 8 * fetch_pause_) {
     fetch_pause_ = kFetchPause * t1_;
     fetch_at_ = now;
@@ -168,7 +158,7 @@ void Subscription::SetTimer() noexcept {
     return;
   }
   const TimePoint due = std::min({act_at_, fetch_at_, notify_by_, expires_at_});
-  const TimePoint now = Clock::Now();
+  const TimePoint now = Clock::now();
   Duration delay = kMaxSleep;
   if (due < now + kMaxSleep) {
     delay = std::max(std::chrono::ceil<milliseconds>(due - now), milliseconds(0));
@@ -183,7 +173,7 @@ void Subscription::Continue() {
   if (in_flight_) {
     return;
   }
-  const TimePoint now = Clock::Now();
+  const TimePoint now = Clock::now();
   switch (phase_) {
     case Phase::kPausing:
       if (over_) {
@@ -237,7 +227,7 @@ void Subscription::StartDialog() {
   // Each time, since one that found no memory must not stay without. What it says does not matter:
   // when NOTIFYs do not arrive, the dialog is lost.
   static_cast<void>(sipcarrier::SetRequestHandler("NOTIFY", HandleNotify));
-  began_at_ = Clock::Now();
+  began_at_ = Clock::now();
   act_at_ = kNever;
   dialog_ = std::make_unique<Dialog>(AddressOfRecord(info_.from), AddressOfRecord(info_.to));
   // Where the account is registered its state is known; its domain's name need not lead there.
@@ -285,7 +275,7 @@ void Subscription::Depart() {
     return OnRefused({});
   }
   ++departures_;
-  asked_at_ = Clock::Now();
+  asked_at_ = Clock::now();
   notify_by_ = asked_at_ + kTimerN * t1_;
   const unsigned serial = serial_;
   in_flight_ = true;
@@ -389,7 +379,7 @@ void Subscription::OnRefused(const sipcarrier::Outcome& outcome) {
       notify_by_ = kNever;
     }
     const Duration wished = seconds(std::min(retry_after.value_or(0), kMaxRetryAfter));
-    act_at_ = Clock::Now() + std::max(wished, Pause(false));
+    act_at_ = Clock::now() + std::max(wished, Pause(false));
   }
 }
 
@@ -428,7 +418,7 @@ void Subscription::OnNotify(nsip_message& notify) noexcept {
       OnTerminated(state);
     } else if (phase_ == Phase::kRunning && state.expires && !over_) {
       const seconds left(*state.expires);
-      const TimePoint now = Clock::Now();
+      const TimePoint now = Clock::now();
       expires_at_ = std::min(expires_at_, now + left);
       if (info_.refresh) {
         const auto early = std::chrono::duration_cast<milliseconds>(left * 0.8);
@@ -460,13 +450,13 @@ void Subscription::Lose(std::optional<std::uint32_t> retry_after, bool at_once,
   if (phase_ == Phase::kEnded) {
     return;
   }
-  if (heard_ && Clock::Now() - began_at_ > kHealthy * t1_) {
+  if (heard_ && Clock::now() - began_at_ > kHealthy * t1_) {
     failures_ = 0;
   }
   DropDialog();
   phase_ = Phase::kPausing;
   const Duration wished = seconds(std::min(retry_after.value_or(0), kMaxRetryAfter));
-  act_at_ = Clock::Now() + std::max(wished, Pause(at_once || retry_after.has_value()));
+  act_at_ = Clock::now() + std::max(wished, Pause(at_once || retry_after.has_value()));
 }
 
 // What else is due goes with the dialog. Its NOTIFYs are answered 481 from here on, which makes the

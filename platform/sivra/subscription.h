@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/clock.h"
 #include "nsip/nsip.h"
 #include "Sipcarrier/Sipcarrier.h"
 #include "sivra/authenticator.h"
@@ -62,8 +63,8 @@ class Subscription final : sipcarrier::IoTimerSink {
 
  private:
   using Duration = std::chrono::milliseconds;
-  struct Clock;  // goes on while the machine sleeps
-  using TimePoint = std::chrono::time_point<Clock, std::chrono::nanoseconds>;
+  using Clock = base::Clock;
+  using TimePoint = Clock::time_point;
   static constexpr TimePoint kNever = TimePoint::max();
 
   enum class Phase {
