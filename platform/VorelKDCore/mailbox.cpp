@@ -155,7 +155,7 @@ KDint Mailbox::Forget(void* userptr) noexcept {
   const base::MutexLock lock(mutex_);
   UserEntry* user = Find(userptr);
   if (user == nullptr) return 0;
-  while (Event* event = user->events.Front()) delete event;
+  while (Event* event = user->events.PopFront()) delete event;
   while (Timer* timer = user->timers.Front()) RemoveTimer(timer);
   std::vector<Callback>().swap(user->callbacks);
   const bool busy = user->running != 0;
@@ -166,7 +166,7 @@ KDint Mailbox::Forget(void* userptr) noexcept {
 void Mailbox::Close() noexcept {
   const base::MutexLock lock(mutex_);
   ended_ = true;
-  while (Event* event = queue_.Front()) delete event;
+  while (Event* event = queue_.PopFront()) delete event;
   heap_.Abandon();
   timers_.clear();
   users_.clear();

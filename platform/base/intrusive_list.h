@@ -49,9 +49,12 @@ class IntrusiveList {
   [[nodiscard]] T* Front() noexcept { return empty() ? nullptr : static_cast<T*>(head_.next_); }
 
   T* PopFront() noexcept {
-    T* front = Front();
-    if (front != nullptr) static_cast<ListHook<Tag>*>(front)->Unlink();
-    return front;
+    if (empty()) return nullptr;
+    ListHook<Tag>* const front = head_.next_;
+    head_.next_ = front->next_;
+    head_.next_->prev_ = &head_;
+    front->prev_ = front->next_ = front;
+    return static_cast<T*>(front);
   }
 
   // Appends all elements of the other list, which is empty afterwards.
