@@ -23,16 +23,21 @@ constexpr std::array<NamedAlgorithm, 6> kAlgorithms{{
     {"SHA-512-256-sess", {Hash::kSha512Trunc256, true}},
 }};
 
+// Looked up once: the library searches its providers each time it is asked by EVP_md5(). Kept for
+// ever; null when a policy forbids the function.
 const EVP_MD* Function(Hash hash) {
-  switch (hash) {
-    case Hash::kMd5:
-      return EVP_md5();
-    case Hash::kSha256:
-      return EVP_sha256();
-    case Hash::kSha512Trunc256:
-      return EVP_sha512_256();
-  }
-  return nullptr;
+  static const std::array<const EVP_MD*, 3> functions{EVP_MD_fetch(nullptr, "MD5", nullptr),
+                                                      EVP_MD_fetch(nullptr, "SHA2-256", nullptr),
+                                                      EVP_MD_fetch(nullptr, "SHA2-512/256", nullptr)};
+  return functions[static_cast<std::size_t>(hash)];
+}
+
+using Context = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
+
+// One for each thread, since making one costs as much as hashing with it.
+EVP_MD_CTX* ThreadContext() {
+  thread_local const Context context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+  return context.get();
 }
 
 }  // namespace
@@ -59,25 +64,24 @@ std::string_view DigestAlgorithmName(DigestAlgorithm algorithm) {
 std::string HashValue::Hex() const { return base::HexText(std::span(bytes).first(size)); }
 
 bool HashJoined(Hash hash, std::initializer_list<std::string_view> parts, HashValue& value) {
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
-                                                                        &EVP_MD_CTX_free);
+  EVP_MD_CTX* const context = ThreadContext();
   const EVP_MD* const function = Function(hash);
-  if (!context || function == nullptr ||
+  if (context == nullptr || function == nullptr ||
       EVP_MD_get_size(function) > static_cast<int>(value.bytes.size()) ||
-      EVP_DigestInit_ex(context.get(), function, nullptr) != 1) {
+      EVP_DigestInit_ex(context, function, nullptr) != 1) {
     return false;
   }
   // Fed piece by piece: a joined text would leave a password in freed memory.
   bool first = true;
   for (const std::string_view part : parts) {
-    if ((!first && EVP_DigestUpdate(context.get(), ":", 1) != 1) ||
-        EVP_DigestUpdate(context.get(), part.data(), part.size()) != 1) {
+    if ((!first && EVP_DigestUpdate(context, ":", 1) != 1) ||
+        EVP_DigestUpdate(context, part.data(), part.size()) != 1) {
       return false;
     }
     first = false;
   }
   unsigned int size = 0;
-  if (EVP_DigestFinal_ex(context.get(), value.bytes.data(), &size) != 1) {
+  if (EVP_DigestFinal_ex(context, value.bytes.data(), &size) != 1) {
     return false;
   }
   value.size = static_cast<std::uint8_t>(size);
@@ -87,7 +91,10 @@ bool HashJoined(Hash hash, std::initializer_list<std::string_view> parts, HashVa
 bool ComputeHa1(DigestAlgorithm algorithm, std::string_view user, std::string_view realm,
                 std::string_view password, std::string_view nonce, std::string_view cnonce,
                 HashValue& ha1) {
-  if (!HashJoined(algorithm.hash, {user, realm, password}, ha1)) {
+  const bool hashed = HashJoined(algorithm.hash, {user, realm, password}, ha1);
+  // Wipes what the hash function keeps of its last block: a piece of the password.
+  EVP_MD_CTX_reset(ThreadContext());
+  if (!hashed) {
     return false;
   }
   // The inner hash counts as its hex text (H() of RFC 7616 §3.4.2), not as raw bytes.
