@@ -122,6 +122,8 @@ class TOLVANE_PUBLIC CVorelSipConf {
   // throw std::bad_alloc.
   nsip_message* GetSipMsg(const std::string& strFirst, const std::string& strSecond,
                           nsip_message* pSipMessage);
+  // Whether there is a template of this kind and method now: without one nobody needs to make cells.
+  [[nodiscard]] bool HasSipMsg(const std::string& strFirst, const std::string& strSecond) const;
 
   // Of the last ReadConfFromFile, in the order of lines; empty when it succeeded, and when memory
   // ran out.

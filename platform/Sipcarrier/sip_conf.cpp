@@ -127,6 +127,22 @@ int CVorelSipConf::ReadConfFromFile() {
   return good ? 0 : -1;
 }
 
+namespace {
+
+Templates::const_iterator FindTemplate(const Templates& templates, const std::string& kind,
+                                       const std::string& method) {
+  return std::find_if(templates.begin(), templates.end(), [&](const auto& message) {
+    return message.kind == kind && message.method == method;
+  });
+}
+
+}  // namespace
+
+bool CVorelSipConf::HasSipMsg(const std::string& strFirst, const std::string& strSecond) const {
+  const std::shared_ptr<const Templates> in_force = m_pState->InForce();
+  return FindTemplate(*in_force, strFirst, strSecond) != in_force->end();
+}
+
 void CVorelSipConf::SetTransferCell(const std::map<std::string, std::string>& mapCell) {
   t_cells = {this, &mapCell};
 }
@@ -137,9 +153,7 @@ nsip_message* CVorelSipConf::GetSipMsg(const std::string& strFirst, const std::s
   const Cells given = std::exchange(t_cells, {});
   const auto* cells = given.conf == this ? given.map : nullptr;
   const std::shared_ptr<const Templates> in_force = m_pState->InForce();
-  const auto found = std::find_if(in_force->begin(), in_force->end(), [&](const auto& message) {
-    return message.kind == strFirst && message.method == strSecond;
-  });
+  const auto found = FindTemplate(*in_force, strFirst, strSecond);
   if (found == in_force->end()) return nullptr;
   auto message = std::make_unique<nsip_message>();
   std::size_t bytes = 0;

@@ -29,12 +29,13 @@ bool KeepsItsExpiry(const nsip_header& stOwn, const nsip_header& stTemplate) {
 
 }  // namespace
 
-CRegCfgItem::CRegCfgItem(const nsip_message* pSipMessage) {
+CRegCfgItem::CRegCfgItem(const nsip_message* pSipMessage, bool bCells) {
   REG_LOG_SCOPE();
   if (pSipMessage == nullptr) {
     REG_LOG(E_LOG_INFO, "pSipMessage is null");
     return;
   }
+  if (!bCells) return;
   const nsip_from* const pLocal = pSipMessage->from.get();
   const nsip_to* const pRemote = pSipMessage->to.get();
   nsip_contact* pContact = nullptr;
@@ -68,7 +69,9 @@ CRegSipCfg::~CRegSipCfg() = default;
 int CRegSipCfg::ConfigureSipMessage(const std::string& strFirst, const std::string& strSecond,
                                     nsip_message* pSipMessage) noexcept {
   REG_LOG_SCOPE();
-  const std::unique_ptr<CRegCfgItem> oItem(vktNew<CRegCfgItem>(pSipMessage));
+  // Without a template nobody asks for the cells, which cost more than all else of a REGISTER here.
+  const bool bCells = pSipMessage == nullptr || HasSipMsg(strFirst, strSecond);
+  const std::unique_ptr<CRegCfgItem> oItem(vktNew<CRegCfgItem>(pSipMessage, bCells));
   if (oItem == nullptr) {
     REG_LOG(E_LOG_ERROR, "vktNew failed ");
     return -1;

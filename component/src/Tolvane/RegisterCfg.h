@@ -32,8 +32,8 @@ class CRegSipCfg : public CVorelSipConf {
 // What one REGISTER brings into the step; it lives for one call.
 class CRegCfgItem {
  public:
-  // Null is accepted and gives no cells. Throws std::bad_alloc.
-  explicit CRegCfgItem(const nsip_message* pSipMessage);
+  // Null is accepted and gives no cells, as does bCells false. Throws std::bad_alloc.
+  explicit CRegCfgItem(const nsip_message* pSipMessage, bool bCells = true);
   ~CRegCfgItem();
   CRegCfgItem(const CRegCfgItem&) = delete;
   CRegCfgItem& operator=(const CRegCfgItem&) = delete;
