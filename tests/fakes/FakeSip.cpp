@@ -36,12 +36,18 @@ int FakeSip::Error(long stack_id, int event_id) {
 
 using fakes::FakeSip;
 
+constinit base::Mutex sivra::library_lock;
+
 void sivra_lock() {
   if (const auto hook = std::exchange(FakeSip::Get().before_lock, nullptr)) hook();
   EXPECT_FALSE(FakeSip::Get().locked);
+  sivra::library_lock.Lock();
   FakeSip::Get().locked = true;
 }
-void sivra_unlock() { FakeSip::Get().locked = false; }
+void sivra_unlock() {
+  FakeSip::Get().locked = false;
+  sivra::library_lock.Unlock();
+}
 
 long sivra_register_set_info(long id, const std::string& from, const std::string& to, const std::string& registrar) {
   FakeSip& sip = FakeSip::Get();

@@ -23,20 +23,23 @@ auto Locked(Call call) {
   return result;
 }
 long SetInfo(long id, const std::string& aor, const std::string& registrar) {
-  return Locked([&] { return sivra_register_set_info(id, aor, aor, registrar); });
+  return Locked([&]()
+                    TOLVANE_REQUIRES(sivra::library_lock) { return sivra_register_set_info(id, aor, aor, registrar); });
 }
 MessagePtr Build(long id, int expires = 60) {
   nsip_message* message = nullptr;
-  const int result = Locked([&] { return sivra_register_build_register(&message, id, expires); });
+  const int result = Locked(
+      [&]() TOLVANE_REQUIRES(sivra::library_lock) { return sivra_register_build_register(&message, id, expires); });
   EXPECT_EQ(result == 0, message != nullptr);
   return MessagePtr(message);
 }
 bool Send(long id, MessagePtr message) {
-  return Locked([&] { return sivra_register_send_register(id, message.release()) == 0; });
+  return Locked(
+      [&]() TOLVANE_REQUIRES(sivra::library_lock) { return sivra_register_send_register(id, message.release()) == 0; });
 }
 bool Register(long id, int expires = 60) { return Send(id, Build(id, expires)); }
 void Release(long id) {
-  Locked([id] { return sivra_register_release(id), 0; });
+  Locked([id]() TOLVANE_REQUIRES(sivra::library_lock) { return sivra_register_release(id), 0; });
 }
 // What the I/O thread sees of this address of record.
 std::vector<std::string> Contacts(const std::string& aor) {
