@@ -53,7 +53,7 @@ using ParserPtr = std::unique_ptr<XML_ParserStruct, ParserDeleter>;
 // A parser that has read its document, for the next one of this thread: making one costs more than
 // reading a command. It keeps the buffers that it has grown, so one that has read a large document
 // goes.
-constexpr std::size_t kKeptAfter = 16 * 1024;
+constexpr std::size_t kKeptAfter = 16384;
 thread_local ParserPtr t_kept;
 
 // What the parser's tables are hashed with. Drawn once: left alone, each parser asks the system.

@@ -26,9 +26,9 @@ constexpr std::array<NamedAlgorithm, 6> kAlgorithms{{
 // Looked up once: the library searches its providers each time it is asked by EVP_md5(). Kept for
 // ever; null when a policy forbids the function.
 const EVP_MD* Function(Hash hash) {
-  static const std::array<const EVP_MD*, 3> functions{EVP_MD_fetch(nullptr, "MD5", nullptr),
-                                                      EVP_MD_fetch(nullptr, "SHA2-256", nullptr),
-                                                      EVP_MD_fetch(nullptr, "SHA2-512/256", nullptr)};
+  static const std::array<const EVP_MD*, 3> functions{
+      EVP_MD_fetch(nullptr, "MD5", nullptr), EVP_MD_fetch(nullptr, "SHA2-256", nullptr),
+      EVP_MD_fetch(nullptr, "SHA2-512/256", nullptr)};
   return functions[static_cast<std::size_t>(hash)];
 }
 
