@@ -1,7 +1,5 @@
 #include "host/session.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -9,6 +7,7 @@
 #include <new>
 #include <thread>
 
+#include "base/text.h"
 #include "Brunelib/Brunelib.h"
 #include "host/config_check.h"
 #include "host/printer.h"
@@ -39,9 +38,9 @@ bool OfRegister(std::string_view message) {
     std::string_view line = message.substr(0, message.find("\r\n"));
     if (line.empty()) return false;  // the end of the headers
     message.remove_prefix(std::min(line.size() + 2, message.size()));
-    if (line.size() > kName.size() && strncasecmp(line.data(), kName.data(), kName.size()) == 0 &&
+    if (line.size() > kName.size() && base::EqualNoCase(line.substr(0, kName.size()), kName) &&
         std::string_view(" \t:").find(line[kName.size()]) != std::string_view::npos) {
-      return line.substr(0, line.find_last_not_of(" \t") + 1).ends_with("REGISTER");
+      return base::TrimRight(line).ends_with("REGISTER");
     }
   }
   return false;

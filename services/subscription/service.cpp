@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/text.h"
 #include "Brunelib/Brunelib.h"
 #include "Brunelib/identities.h"
 #include "logging/LogOne.h"
@@ -135,10 +136,8 @@ int Service::OnDesubscribe(CXML& in) {
 
 int Service::OnLogSwitch(CXML& in) {
   if (!Enter(in, "log")) return -1;
-  std::string on = Text(in, "log-switch");
-  std::transform(on.begin(), on.end(), on.begin(),
-                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
-  if (on != "TRUE" && on != "1") {
+  const std::string on = Text(in, "log-switch");
+  if (!base::EqualNoCase(on, "TRUE") && on != "1") {
     log_ = nullptr;
     return 0;
   }
