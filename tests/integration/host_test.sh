@@ -28,14 +28,17 @@ fail() {
   done
 }
 
+# The seconds below are for an idle machine; a busy one gets so many times as long.
+slack=4
+
 # wait_count SECONDS COUNT PATTERN FILE: until at least so many lines match
 wait_count() {
   local i
-  for ((i = 0; i < $1 * 20; ++i)); do
+  for ((i = 0; i < $1 * 20 * slack; ++i)); do
     [[ $(grep -c -- "$3" "$4" 2>/dev/null) -ge $2 ]] && return 0
     sleep 0.05
   done
-  fail "fewer than $2 lines with \"$3\" within $1 s"
+  fail "fewer than $2 lines with \"$3\" within $(($1 * slack)) s"
   return 1
 }
 
@@ -45,7 +48,7 @@ wait_for() { wait_count "$1" 1 "$2" "$3"; }
 # wait_exit SECONDS PID: its status in $status, 124 when it did not end in time
 wait_exit() {
   local i
-  for ((i = 0; i < $1 * 20; ++i)); do
+  for ((i = 0; i < $1 * 20 * slack; ++i)); do
     kill -0 "$2" 2>/dev/null || break
     sleep 0.05
   done
@@ -509,7 +512,7 @@ expect_log() {
 # wait_copy NAME TEXT: until this copy of the log in "ring" begins with the text
 wait_copy() {
   local i
-  for ((i = 0; i < 200; ++i)); do
+  for ((i = 0; i < 200 * slack; ++i)); do
     [[ $(head -c ${#2} "ring/$1" 2>/dev/null) == "$2" ]] && return
     sleep 0.05
   done
@@ -603,7 +606,7 @@ order() {
   local before i
   before=$(grep -cE '^(done|error): ' "$orders_log")
   echo "$1" >&"$orders"
-  for ((i = 0; i < 200; ++i)); do
+  for ((i = 0; i < 200 * slack; ++i)); do
     (($(grep -cE '^(done|error): ' "$orders_log") > before)) && break
     sleep 0.05
   done
